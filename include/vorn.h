@@ -1,0 +1,15 @@
+/* The whole public interface of libvornthr. */
+#ifndef VORN_H
+#define VORN_H
+
+#include "vorn/buffers.h"
+#include "vorn/calls.h"
+#include "vorn/context.h"
+#include "vorn/environment.h"
+#include "vorn/errors.h"
+#include "vorn/flags.h"
+#include "vorn/log.h"
+#include "vorn/session.h"
+#include "vorn/tx.h"
+
+#endif

@@ -1,0 +1,160 @@
+// What stands in front of every request: names, sequence numbers, and the checks that end in a message to send.
+#include "calls/cscommon.h"
+
+#include "buffers/payload.h"
+#include "buffers/tbuffer.h"
+#include "runtime/thrapi.h"
+#include "session/address.h"
+#include "session/cliapi.h"
+#include "tx/tx.h"
+#include "vorn/errors.h"
+#include "vorn/flags.h"
+#include "vorn/session.h"
+#include "wire/msgheader.h"
+
+#include <stdlib.h>
+#include <time.h>
+
+extern "C" {
+
+int _get_rqno_by_qname(const char *qname, wthr_var *block)
+{
+    int count = initout_count(block, INITOUT_QUEUE_COUNT);
+    for (int i = 0; i < count; i++)
+        if (strncmp(block->initout_queues[i].name, qname, sizeof block->initout_queues[i].name) == 0)
+            return i;
+    return -1;
+}
+
+int _is_tipsvc(const char *svcname, wthr_var *block)
+{
+    return block->server_name[0] != '\0' && strcmp(svcname, block->server_name) == 0;
+}
+
+// The field library's answers as long as it can't read a field: none is there.
+int _isexist_nodename_fld(char *data)
+{
+    (void)data;
+    return 0;
+}
+
+int _get_mysvgno_from_nodename(const char *svcname, char *data, wthr_var *block)
+{
+    (void)svcname, (void)data, (void)block;
+    set_tperrno(TPEINVAL);
+    return -1;
+}
+
+// The trace of a failure names tpcall, whichever call it is in.
+static constexpr api_text TIP_REQUEST = API_TEXT("tpcall", "");
+
+int _check_tipsvc(msg_header *message, wthr_var *block)
+{
+    char *data = message_data(message);
+    int target;
+    if (message->buftype == BUF_FIELD && _isexist_nodename_fld(data))
+        target = _get_mysvgno_from_nodename(message->svcname, data, block);
+    else
+        target = block->node_count == 1 ? 0 : -1;
+    if (target < 0) {
+        set_tperrno(TPEINVAL);
+        _vorn_trace(TIP_REQUEST.name, 1, TRACE_ERROR, TIP_REQUEST.error, TPEINVAL, tpstrerror(TPEINVAL));
+        return -1;
+    }
+    if (target > 0) {
+        message->target = target;
+        message->flags |= TPSVGCALL;
+    }
+    return 1;
+}
+
+// Opens the session of a call that was made without one, on the row that the call's frame has bound; a caller
+// without a row gets one from tpstart. The block that the session stands on, or null with tperrno set.
+static wthr_var *open_session(wthr_var *block)
+{
+    _thread_lock();
+    bool on_own_row = _get_wthr_from_nth() == block;
+    _thread_unlock();
+    if ((on_own_row ? start_on_bound_row(block) : tpstart(nullptr)) < 0)
+        return nullptr;
+    return current_block();
+}
+
+// The part of the transaction's record that a request carries. 0, or -1 with tperrno set.
+static int join_transaction(int msgtype, uint32_t *flags, wthr_var *block)
+{
+    if (_tx_start_check(msgtype) < 0)
+        return -1;
+    if (block->txinfo != nullptr && block->txinfo->tx_stage == TX_STAGE_BEGUN) {
+        block->txinfo->tx_stage = TX_STAGE_RUNNING;
+        *flags |= TPTXSTART;
+    }
+    return 0;
+}
+
+msg_header *_check_args_and_tx(int msgtype, const char *svcname, char *data, long len, uint32_t flags,
+                               wthr_var *block)
+{
+    set_tperrno(0);
+    if (block->started == 0) {
+        block = open_session(block);
+        if (block == nullptr)
+            return nullptr;
+    }
+    int datalen = _data_itype_check(data, (int)len, block);
+    if (datalen < 0)
+        return nullptr;
+    msg_header *message = data != nullptr ? message_of(data) : _header_msg_make(0, 0);
+    if (message == nullptr) {
+        set_tperrno(TPESYSTEM);
+        return nullptr;
+    }
+    bool transactional = (flags & TPNOTRAN) == 0;
+    if (transactional && join_transaction(msgtype, &flags, block) < 0) {
+        if (data == nullptr)
+            free(message);
+        return nullptr;
+    }
+    if (svcname != nullptr)
+        put_name(message->svcname, sizeof message->svcname, svcname);
+    message->svcname[sizeof message->svcname - 1] = '\0';
+    message->msgtype = msgtype;
+    message->rcode = 0;
+    message->target = 0;
+    message->datalen = datalen;
+    message->flags = flags;
+    if (transactional && block->txinfo != nullptr)
+        memcpy(message->xid, block->txinfo->xid_data, sizeof message->xid);
+    return message;
+}
+
+// Numbers of a context start at a multiple of 1024 below 0x10000000.
+int _vorn_init_seqno(void)
+{
+    wthr_var *block = current_block();
+    if (block == nullptr || block->seqno_inited != 0)
+        return 1;
+    int64_t identity = (int32_t)(uint32_t)pthread_self();
+    int64_t seed = (int64_t)((uint64_t)identity * (uint64_t)time(nullptr)) % 0x20000;
+    srand((unsigned)seed);
+    block->seqno = (int32_t)(((uint32_t)rand() << 10) & 0xffffc00);
+    block->seqno_inited = 1;
+    return 1;
+}
+
+int _vorn_set_seqno(wthr_var *block)
+{
+    if (block->seqno > 0xffffffe)
+        block->seqno = 0;
+    return block->seqno;
+}
+
+int next_seqno(wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    block->seqno++;
+    int seqno = _vorn_set_seqno(block);
+    _thread_mutex_unlock(&block->msg_mutex);
+    return seqno;
+}
+}

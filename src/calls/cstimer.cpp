@@ -1,0 +1,101 @@
+// Timers: the waits for the connection with a time limit, and the transaction's alarm.
+#include "calls/cscommon.h"
+
+#include "runtime/errlog.h"
+#include "tx/tx.h"
+#include "wire/clhread.h"
+#include "wire/netapi.h"
+
+#include <errno.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+extern "C" {
+
+int _set_bc_timer(int seconds, wthr_var *block)
+{
+    return _set_bc_timer2(seconds, 1, block);
+}
+
+int _set_bc_timer2(int seconds, int watch_oob, wthr_var *block)
+{
+    for (;;) {
+        int current = block->clhfd, old = block->old_clhfd;
+        if (current < 0)
+            return TIMER_FAILED;
+        if (has_read_ahead(block))
+            return block->ahead.fd;
+        wide_set readable, urgent;
+        int highest = current > old ? current : old;
+        wide_set_clear(&readable, highest);
+        wide_set_clear(&urgent, highest);
+        if (!wide_set_add(&readable, current))
+            return TIMER_FAILED;
+        if (old >= 0)
+            wide_set_add(&readable, old);
+        if (watch_oob != 0)
+            wide_set_add(&urgent, current);
+        timeval limit = {seconds < 0 ? 0 : seconds, 0};
+        errno = 0;
+        int ready = wide_set_select(&readable, nullptr, watch_oob != 0 ? &urgent : nullptr, &limit);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0) {
+            VORN_LOG(1, LEVEL_ERROR, "CSC5105", "0080 select error");
+            return TIMER_FAILED;
+        }
+        if (ready == 0)
+            return TIMER_EXPIRED;
+        if (watch_oob != 0 && wide_set_has(&urgent, current))
+            return TIMER_URGENT;
+        return old >= 0 && wide_set_has(&readable, old) ? old : current;
+    }
+}
+
+int _set_bc_timer3(int seconds, void *unused, int fd)
+{
+    (void)unused;
+    for (;;) {
+        wide_set readable;
+        if (fd < 0)
+            return TIMER_FAILED;
+        wide_set_clear(&readable, fd);
+        if (!wide_set_add(&readable, fd))
+            return TIMER_FAILED;
+        timeval limit = {seconds < 0 ? 0 : seconds, 0};
+        errno = 0;
+        int ready = wide_set_select(&readable, nullptr, nullptr, &limit);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0) {
+            VORN_LOG(1, LEVEL_ERROR, "CSC5115", "0080 select error");
+            return TIMER_FAILED;
+        }
+        return ready == 0 ? TIMER_EXPIRED : fd;
+    }
+}
+
+// One alarm a process: a timer of another context takes this one's place.
+void _set_tx_timer(int seconds, wthr_var *block)
+{
+    block->tx_deadline = time(nullptr) + seconds;
+    block->tx_timer_on = 1;
+    alarm((unsigned)seconds);
+}
+
+void _clr_tx_timer(wthr_var *block)
+{
+    alarm(0);
+    block->tx_timer_on = 0;
+}
+
+void _vorn_sig_alarm2(int signal, wthr_var *block)
+{
+    (void)signal;
+    if (block->tx_timer_on == 0 || time(nullptr) < block->tx_deadline)
+        return;
+    set_tx_state(block, TX_STATE_TIMED_OUT);
+    block->tx_timer_on = 0;
+}
+}

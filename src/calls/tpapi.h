@@ -1,0 +1,12 @@
+// Call and reply. The calls themselves are in vorn/calls.h.
+#ifndef VORN_CALLS_TPAPI_H
+#define VORN_CALLS_TPAPI_H
+
+extern "C" {
+
+// tpacall to a server group (`target`), and to one process of it; -1: not directed.
+int _tpacall(char *svc, int target, char *data, long len, long flags);
+int _tpacall2(char *svc, int target, int process, char *data, long len, long flags);
+}
+
+#endif

@@ -1,0 +1,228 @@
+// Threads and contexts: the two tables, the block of variables of a context, and the wrappers of the thread
+// library.
+//
+// Every thread that touches the library has a row in `_wthr`, every client context a row in `_ctxt`; the
+// context row points to the one block of variables (`wthr_var`) that is the whole state of a session. Several
+// threads may stand on one context; they then share its connection. A thread without a row falls back on
+// row 0 of both tables, which is made with them and never freed.
+#ifndef VORN_RUNTIME_MTHR_H
+#define VORN_RUNTIME_MTHR_H
+
+#include <atomic>
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+
+// A word of a context that any of its threads may read and write without a lock.
+typedef std::atomic<int32_t> shared_int32;
+static_assert(sizeof(shared_int32) == 4 && shared_int32::is_always_lock_free);
+
+struct acall_elem;
+struct conv_elem;
+struct fcache_elem;
+struct initout_node;
+struct initout_queue;
+struct initout_svc;
+struct kmq_session;
+struct msg_header;
+struct node_elem;
+struct qcall_elem;
+struct read_waiter;
+struct subscr_elem;
+struct txinfo_elem;
+struct unsol_node;
+
+extern "C" {
+
+constexpr int32_t TABLE_ROWS = 400;
+constexpr int32_t HIGHEST_CONTEXT_NUMBER = 4000;
+constexpr int32_t MAIN_CONTEXT_INDEX = -2;  // in a thread row: stands for context row 0
+
+// Values of `_start_ctxt`; the third is the flag TPMULTICONTEXTS itself.
+constexpr int32_t CONTEXT_MODE_UNDECIDED = -1;
+constexpr int32_t CONTEXT_MODE_SINGLE = 0;
+constexpr int32_t CONTEXT_MODE_MULTIPLE = 0x40;
+
+// A row of the thread table. The three error cells belong to the thread, not to its context.
+struct wthr_elem {
+    int32_t thread_id;  // pthread_self cut to 32 bits; -1: free
+    int32_t second_word;
+    int32_t in_use;  // 1 while bound to a thread
+    int32_t fourth_word;
+    int32_t fifth_word;
+    int32_t ctxt_index;  // row of `_ctxt`; -2 is read as 0, -1: none
+    int32_t tperrno;
+    int64_t tpurcode;
+    int32_t fberror;
+};
+static_assert(offsetof(wthr_elem, ctxt_index) == 20);
+static_assert(offsetof(wthr_elem, tperrno) == 24);
+static_assert(offsetof(wthr_elem, tpurcode) == 32);
+static_assert(offsetof(wthr_elem, fberror) == 40);
+static_assert(sizeof(wthr_elem) == 48);
+
+struct wthr_var;
+
+// A row of the context table.
+struct ctxt_elem {
+    int32_t ctxt_id;     // the number that users see; -2 (TPNULLCONTEXT): free
+    wthr_var *variables; // the block; made at first use, freed by _context_end
+    int32_t in_use;
+    int32_t owner;  // thread that stands on this context (cut to 32 bits); -1: none
+};
+static_assert(offsetof(ctxt_elem, variables) == 8);
+static_assert(sizeof(ctxt_elem) == 24);
+
+// Bytes of the connection that were read beyond what was asked for. They belong to the next message on `fd`.
+// Touched only by the thread that has the reader role; whoever closes the socket sets `fd` to -1.
+constexpr int32_t READ_AHEAD_SIZE = 4096;
+struct read_ahead {
+    shared_int32 fd;     // -1: nothing is kept
+    int32_t begin, end;  // bytes[begin, end) wait to be read; both at most READ_AHEAD_SIZE
+    char bytes[READ_AHEAD_SIZE];
+};
+
+typedef void unsol_function(char *data, long len, long flags);
+
+// The block of variables of a context. All fields start as zero bits, except as _wthr_var_init sets them.
+struct wthr_var {
+    int32_t proc_read_status;  // outcome of the last process-message read
+    int32_t node_read_status;  // outcome of the last node-message read
+    shared_int32 clhfd;             // the connection; -1: none
+    shared_int32 new_clhfd;         // socket that a rolling start is opening; -1: none
+    shared_int32 on_backup;         // 1 connected to the backup list, 0 to the main list
+
+    // Own copy of the start reply's payload, in host order, and pointers into it.
+    char *initout;
+    initout_node *initout_nodes;
+    initout_queue *initout_queues;
+    initout_svc *initout_svcs;
+    char *initout_tail;
+    int32_t compress_threshold;  // data length from which messages are compressed; -1: never
+    int32_t unused_word;
+    int32_t node_count;     // nodes of the domain
+    shared_int32 sessionid;      // client identity in the domain; -1: none
+    shared_int32 session_token;  // token of the start reply; -1: none
+    shared_int32 started;        // 1 while a session stands
+
+    int64_t unsol_mode;  // 1 handler, 2 ignore, 4 queue
+    unsol_function *unsol_handler;
+    int32_t unsol_count;
+    int32_t unsol_spare;
+    unsol_node *unsol_head, *unsol_tail;
+
+    msg_header *start_msg;  // start message for reconnecting; null after tpstart(NULL)
+    node_elem *node_table;
+    int32_t in_send;  // 1 while a thread of the context is inside send()
+    txinfo_elem *txinfo;
+    char path_buffer[256];  // result area of _vorn_path_prefix
+
+    conv_elem *conv;
+    int32_t conv_size;
+    shared_int32 conv_active;
+    acall_elem *acall;
+    int32_t acall_size, acall_next;
+    shared_int32 acall_active;
+    uint32_t ready_seq;  // arrival counter of stored replies
+    qcall_elem *qcall;
+    int32_t qcall_size;
+
+    std::atomic<int64_t> tx_deadline;  // time() at which the transaction timer runs out
+    shared_int32 tx_timer_on;
+    shared_int32 block_time;  // seconds
+    int32_t seqno;       // last call sequence number
+    int32_t seqno_inited;
+    subscr_elem *subscr;
+    int32_t subscr_size, subscr_count;
+    int32_t default_prio, next_prio, last_prio;
+    int32_t compat_Ferror;
+    shared_int32 rolling_failed;
+    int32_t compat_errno, compat_unixerrno;
+    int32_t rq_pending;  // requests whose TPRQS reply is still due
+    char last_svc[32];
+    fcache_elem *fcache;
+    char server_name[32];  // service name from the tail of the start reply
+    void *crypt_sess;
+
+    pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
+    pthread_mutex_t roll_mutex;  // the rolling start; taken inside the reader role, never inside msg_mutex
+    pthread_cond_t reader_cond;  // kept for its place in the block; each waiter has a condition of its own
+    pthread_cond_t offer_done_cond;  // the reader waits here while an offer stands
+    pthread_cond_t roll_cond;        // threads wait here until a rolling start has ended
+    int32_t reader_busy;             // 1 while a thread has the reader role
+    int32_t waiter_count;            // threads with a reply outstanding, from the send on
+    int32_t offer_left;              // waiters that have still to look at the offered message
+    msg_header *offer_msg;
+    shared_int32 thread_refs;  // threads attached by tpsetctxt
+    uint32_t callid_base[3];
+    uint32_t callid_next[3];
+    int32_t rq_enq_in_tran, rq_deq_in_tran;
+    shared_int32 old_clhfd;  // previous socket during and after a rolling start; -1: none
+    shared_int32 rolling;    // 1 while a rolling start runs
+    kmq_session *kmq_sessions;
+    int32_t kmq_session_count;
+
+    read_waiter *waiters_head, *waiters_tail;  // waiting threads, longest first; under msg_mutex
+    int32_t waiting;                           // their number; waiter_count also counts those on their way
+    read_ahead ahead;
+};
+
+extern wthr_elem *_wthr;
+extern ctxt_elem *_ctxt;
+extern int32_t _wthr_size;
+extern int32_t _next_wthri;  // row at which the search for a free thread row begins
+extern int32_t _cur_ctxti;   // last context number given
+extern int32_t _start_ctxt;  // context mode
+extern int32_t _init_wthr_flag;
+extern wthr_var *_main_wthrv;  // block of context row 0
+extern wthr_elem *_main_wthrp; // thread row 0
+extern pthread_mutex_t _wthr_mutex;  // the table lock: structure of both tables; held for a lookup or a binding
+extern int32_t _endian;              // 1 big-endian, 2 little-endian, 0 not yet told by _check_node
+extern int32_t _node_type;
+extern int32_t _my_pid;
+
+// Tables. All expect the table lock, except as told.
+int _init_thrtbl(void);                     // 1, or -1 without tables
+int _init_ctxt(int32_t rows);               // 1
+int _init_wthr(int32_t rows);               // 1, or -1 if the block of row 0 can't be made
+int _init_wthr_elem(wthr_elem *row);        // 1
+int _init_ctxt_elem(ctxt_elem *row);        // 1
+wthr_var *_wthr_var_init(wthr_elem *row);   // the block of the row's context, made if there is none; null
+int _get_nth_from_thrtbl(void);             // the caller's row number, or -1; also without the lock
+wthr_var *_get_wthr_from_nth(void);         // the caller's block; null without a row
+wthr_elem *_get_idle_wthr_ptr(void);        // a row and a context row for the caller; null
+int _get_idle_wthr_ptr2(void);              // number of a free thread row, or the caller's own; -1
+void bind_row(wthr_elem *row);              // gives the row, and its context row, to the caller
+
+// Takes the table lock itself.
+int _context_end(void);  // ends the caller's context; -1 without a row
+
+int _check_context_with_tpinfo(const void *tpinfo, int unused);  // -1, 1, 2; settles the context mode
+
+// The caller's row (row 0 without one) and its error cell. Any thread, no lock: they go through a hint of the
+// thread's own, which is looked up anew after each change of the tables.
+wthr_elem *current_row(void);  // null only if there are no tables and none can be made
+wthr_var *current_block(void); // the caller's block, or the fall-back block; null as above
+void set_tperrno(int code);
+int get_tperrno(void);
+void set_tpurcode(int64_t code);
+
+// Wrappers of the thread library; the results are those of the pthread_* calls.
+void _thread_lock(void);    // the table lock
+void _thread_unlock(void);
+pthread_t _thread_self(void);
+int _vorn_mutex_lock(pthread_mutex_t *mutex);
+int _vorn_mutex_unlock(pthread_mutex_t *mutex);
+int _thread_mutex_init(pthread_mutex_t *mutex);
+int _thread_mutex_lock(pthread_mutex_t *mutex);
+int _thread_mutex_unlock(pthread_mutex_t *mutex);
+int _thread_mutex_destroy(pthread_mutex_t *mutex);
+int _thread_cond_init(pthread_cond_t *cond);
+int _thread_cond_signal(pthread_cond_t *cond);
+int _thread_cond_broadcast(pthread_cond_t *cond);
+int _thread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex);
+int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int milliseconds);  // negative: no limit
+int _thread_cond_destroy(pthread_cond_t *cond);
+}
+
+#endif

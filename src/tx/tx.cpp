@@ -1,0 +1,125 @@
+// The transaction record.
+#include "tx/tx.h"
+
+#include "runtime/errlog.h"
+#include "runtime/thrapi.h"
+#include "vorn/errors.h"
+#include "vorn/tx.h"
+#include "wire/msgheader.h"
+
+#include <atomic>
+#include <stdlib.h>
+
+extern "C" {
+
+// The last table made and the row in use: process-wide, so a new session's table takes their place.
+txinfo_elem *_internal_txinfo = nullptr;
+int32_t _cur_txinfo_ind = 0;
+
+int _init_txinfo_elem(txinfo_elem *row)
+{
+    memset(row, 0, sizeof *row);
+    row->spare2 = 1;
+    row->formatID = 1;
+    row->gtrid_length = 8;
+    row->bqual_length = 4;
+    row->transaction_state = TX_STATE_NONE;
+    return 1;
+}
+
+int _init_txinfo(wthr_var *block)
+{
+    if (block->txinfo != nullptr)
+        _init_txinfo_elem(block->txinfo);
+    return 1;
+}
+
+int _make_txinfo(wthr_var *block)
+{
+    txinfo_elem *table = (txinfo_elem *)calloc(TXINFO_ROWS, sizeof(txinfo_elem));
+    if (table == nullptr) {
+        VORN_LOG(1, LEVEL_ERROR, "CSC5108", "0004 memory allocation error : size = %d",
+                 (int)(TXINFO_ROWS * sizeof(txinfo_elem)));
+        return -1;
+    }
+    for (int i = 0; i < TXINFO_ROWS; i++)
+        _init_txinfo_elem(&table[i]);
+    std::atomic_ref<txinfo_elem *>(_internal_txinfo).store(table, std::memory_order_relaxed);
+    std::atomic_ref<int32_t>(_cur_txinfo_ind).store(0, std::memory_order_relaxed);
+    block->txinfo = table;
+    return 1;
+}
+
+int _txinfo_end(wthr_var *block)
+{
+    free(block->txinfo);
+    block->txinfo = nullptr;
+    return 1;
+}
+
+bool in_transaction(const wthr_var *block)
+{
+    return block->txinfo != nullptr && block->txinfo->tx_stage != TX_STAGE_NONE;
+}
+
+int32_t tx_state_of(const wthr_var *block)
+{
+    if (block->txinfo == nullptr)
+        return TX_STATE_NONE;
+    return std::atomic_ref<int32_t>(block->txinfo->transaction_state).load(std::memory_order_relaxed);
+}
+
+void set_tx_state(wthr_var *block, int32_t state)
+{
+    if (block->txinfo != nullptr)
+        std::atomic_ref<int32_t>(block->txinfo->transaction_state).store(state, std::memory_order_relaxed);
+}
+
+int _check_tx_state(int msgtype, int mark, wthr_var *block)
+{
+    (void)msgtype;
+    if (mark != 0 && in_transaction(block))
+        set_tx_state(block, TX_STATE_ROLLBACK);
+    return 1;
+}
+
+int _check_rollback(wthr_var *block)
+{
+    return _check_tx_state(0, 1, block);
+}
+
+int _tx_start_check(int msgtype)
+{
+    (void)msgtype;
+    wthr_var *block = current_block();
+    if (block == nullptr || !in_transaction(block))
+        return 1;
+    int32_t state = tx_state_of(block);
+    if (state != TX_STATE_TIMED_OUT && state != TX_STATE_ROLLBACK)
+        return 1;
+    set_tperrno(state == TX_STATE_TIMED_OUT ? TPETIME : TPEPROTO);
+    return -1;
+}
+
+int _tx_timeout_check(const msg_header *message)
+{
+    wthr_var *block = current_block();
+    if (block == nullptr || !in_transaction(block))
+        return 0;
+    if (message != nullptr && (message->msgtype == MSG_TX_COMMIT || message->msgtype == MSG_TX_ROLLBACK))
+        return 0;
+    return tx_state_of(block) == TX_STATE_TIMED_OUT ? -TPETIME : 0;
+}
+
+static constexpr api_text TX_SET_TIMEOUT = API_TEXT("tx_set_transaction_timeout", "(%d)");
+
+int tx_set_transaction_timeout(long seconds)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TX_SET_TIMEOUT, seconds))
+        return TX_FAIL;
+    if (frame.block->txinfo != nullptr)
+        frame.block->txinfo->transaction_timeout = (int32_t)seconds;
+    return api_return(&TX_SET_TIMEOUT, TX_OK);
+}
+}

@@ -1,0 +1,587 @@
+// The receive path.
+//
+// Entered from every call that waits, on its own thread; there is no other. The first that finds nobody reading
+// takes the reader role (`reader_busy`) and reads the connection for all. A message that isn't its own goes
+// straight to the waiting thread whose template it answers: the waiters of a context stand in a list, each with a
+// condition of its own, so a message wakes one thread and not all. Threads that have sent and are counted in
+// `waiter_count`, but haven't come to wait yet, can't be asked; for them the message stands on offer until they
+// have looked at it. What nobody wants goes to clhmatch. Whoever has its message gives the role up and wakes the
+// thread that has waited longest.
+//
+// Subtle: a stored reply and a waiter for it can't miss each other, because a waiter looks into the tables under
+// msg_mutex before it waits, and the reader looks for a waiter under msg_mutex before it stores. msg_mutex is
+// never held across a read of the socket, nor while a message is looked after.
+#include "wire/clhread.h"
+
+#include "buffers/payload.h"
+#include "calls/cscommon.h"
+#include "fields/fbcommon.h"
+#include "runtime/errlog.h"
+#include "runtime/mthr.h"
+#include "session/cliapi.h"
+#include "tx/tx.h"
+#include "vorn/errors.h"
+#include "vorn/flags.h"
+#include "wire/clhio.h"
+#include "wire/clhmatch.h"
+#include "wire/frames.h"
+#include "wire/msgheader.h"
+#include "wire/netapi.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <time.h>
+
+extern "C" {
+
+// A thread that waits for the reader role or for its message.
+struct read_waiter {
+    msg_header *want;
+    msg_header *message;  // set by the thread that hands it over
+    pthread_cond_t cond;
+    read_waiter *previous, *next;
+};
+
+// One wait, as its caller wants it.
+struct read_wait {
+    msg_header *want;
+    wthr_var *block;
+    bool timed;         // false: no limit but the transaction's
+    int seconds;
+    bool to_end_in_block;  // a time-out is TPEBLOCK
+    bool tolerant;      // an expired transaction doesn't end the wait
+    int fallback_fd;    // read where the context has no socket
+    bool watch_urgent;  // timed: still look for urgent data
+    time_t begin;
+    const char *sequence_codes[3];  // log codes of a reply with another number: a call's, a receipt's, a commit's
+};
+
+static read_wait unlimited_wait(msg_header *want, wthr_var *block)
+{
+    return {want, block, false, 0, false, false, -1, true, 0, {"CSC5717", "CSC5718", "CSC5719"}};
+}
+
+static read_wait timed_wait(msg_header *want, int seconds, int noblock, wthr_var *block)
+{
+    bool commit = want != nullptr && (want->msgtype == MSG_TX_COMMIT || want->msgtype == MSG_TX_ROLLBACK);
+    if (seconds < 0)
+        seconds = 0;
+    bool block_error = seconds == 0 && (noblock & 1) != 0;
+    return {want, block, true, seconds, block_error, commit, -1, true, time(nullptr),
+            {"CSC5714", "CSC5715", "CSC5716"}};
+}
+
+static int remaining(const read_wait *wait)
+{
+    int64_t passed = time(nullptr) - wait->begin;
+    return passed > wait->seconds ? -1 : (int)(wait->seconds - passed);
+}
+
+static int time_out_error(const read_wait *wait)
+{
+    return wait->to_end_in_block ? TPEBLOCK : TPETIME;
+}
+
+static msg_header *null_with(int code)
+{
+    set_tperrno(code);
+    return nullptr;
+}
+
+void drop_read_ahead(wthr_var *block, int fd)
+{
+    int32_t expected = fd;
+    if (fd >= 0)
+        block->ahead.fd.compare_exchange_strong(expected, -1);
+}
+
+bool has_read_ahead(const wthr_var *block)
+{
+    int fd = block->ahead.fd;
+    return fd >= 0 && (fd == block->clhfd || fd == block->old_clhfd);
+}
+
+// --- Waiters. All of these expect msg_mutex.
+
+static void join_waiters(read_waiter *waiter, wthr_var *block)
+{
+    waiter->previous = block->waiters_tail;
+    waiter->next = nullptr;
+    if (block->waiters_tail != nullptr)
+        block->waiters_tail->next = waiter;
+    else
+        block->waiters_head = waiter;
+    block->waiters_tail = waiter;
+    block->waiter_count++;
+    block->waiting++;
+}
+
+static void leave_waiters(read_waiter *waiter, wthr_var *block)
+{
+    if (waiter->previous != nullptr)
+        waiter->previous->next = waiter->next;
+    else
+        block->waiters_head = waiter->next;
+    if (waiter->next != nullptr)
+        waiter->next->previous = waiter->previous;
+    else
+        block->waiters_tail = waiter->previous;
+    block->waiter_count--;
+    block->waiting--;
+}
+
+bool hand_to_waiter(msg_header *message, wthr_var *block)
+{
+    for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
+        if (waiter->message != nullptr || waiter->want == nullptr || !_is_msgtype_matched(waiter->want, message, block))
+            continue;
+        waiter->message = message;
+        _thread_cond_signal(&waiter->cond);
+        return true;
+    }
+    return false;
+}
+
+// Lets the longest waiting thread that hasn't got its message yet find the role free.
+static void wake_next_reader(wthr_var *block)
+{
+    for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
+        if (waiter->message != nullptr)
+            continue;
+        _thread_cond_signal(&waiter->cond);
+        return;
+    }
+}
+
+// A thread that was counted from its send on looks at the message on offer. The message, if it is its own.
+static msg_header *look_at_offer(const msg_header *want, wthr_var *block)
+{
+    if (block->offer_left < 1)
+        return nullptr;
+    msg_header *offer = block->offer_msg;
+    if (offer != nullptr && _is_msgtype_matched(want, offer, block)) {
+        block->offer_msg = nullptr;
+        block->offer_left = 0;
+        _thread_cond_signal(&block->offer_done_cond);
+        return offer;
+    }
+    block->offer_left--;
+    if (block->offer_left < 1)
+        _thread_cond_signal(&block->offer_done_cond);
+    return nullptr;
+}
+
+// The reply of a call that was stored while its caller was on the way here.
+static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
+{
+    if (want->msgtype != MSG_TPACALL || has_waiter(want))
+        return nullptr;
+    int index = (want->flags & TPGETANY) != 0 ? oldest_ready(block) : _get_acall_cd_ind(want->cd, block);
+    return index < 0 ? nullptr : take_stored_reply(index, block);
+}
+
+// --- The reader role.
+
+static void release_role(const read_wait *wait)
+{
+    wthr_var *block = wait->block;
+    if (wait->want == nullptr && !wait->timed)
+        return;  // giving it up is the caller's business
+    _thread_mutex_lock(&block->msg_mutex);
+    block->reader_busy = 0;
+    wake_next_reader(block);
+    _thread_mutex_unlock(&block->msg_mutex);
+}
+
+static msg_header *fail_as_reader(const read_wait *wait, int code)
+{
+    if (code != 0)
+        set_tperrno(code);
+    release_role(wait);
+    return nullptr;
+}
+
+// How long a wait without a limit may sleep before it looks at the transaction's timer itself: the alarm may land
+// on a thread of another context. Negative: no limit.
+static int unlimited_slice(const wthr_var *block)
+{
+    if (block->tx_timer_on == 0)
+        return -1;
+    int64_t left = block->tx_deadline - time(nullptr);
+    return left < 1 ? 1000 : left > 86400 ? 86400000 : (int)left * 1000;
+}
+
+// The alarm's work, in case the alarm was for another thread. Negative if the transaction has run out of time.
+static int transaction_expired(const read_wait *wait)
+{
+    if (wait->block->tx_timer_on != 0)
+        _vorn_sig_alarm2(0, wait->block);
+    return _tx_timeout_check(wait->want);
+}
+
+enum role_result { ROLE_TAKEN, ROLE_HANDED, ROLE_FAILED };
+
+// Waits until the role is free, or the message was handed over. Expects msg_mutex. On ROLE_FAILED tperrno is set.
+static role_result wait_for_role(const read_wait *wait, msg_header **handed)
+{
+    wthr_var *block = wait->block;
+    read_waiter me = {wait->want, nullptr, PTHREAD_COND_INITIALIZER, nullptr, nullptr};
+    int code = 0;
+    join_waiters(&me, block);
+    while (me.message == nullptr && block->reader_busy != 0 && code == 0) {
+        int milliseconds;
+        if (!wait->timed) {
+            set_tperrno(0);
+            if (transaction_expired(wait) < 0) {
+                code = TPETIME;
+                break;
+            }
+            milliseconds = unlimited_slice(block);
+        } else {
+            int left = remaining(wait);
+            milliseconds = left > INT32_MAX / 1000 ? INT32_MAX : left * 1000;
+            if (left < 0)
+                milliseconds = 0;
+        }
+        int result = _thread_cond_timedwait(&me.cond, &block->msg_mutex, milliseconds);
+        if (result == ETIMEDOUT && wait->timed && me.message == nullptr && block->reader_busy != 0)
+            code = time_out_error(wait);
+        else if (result != 0 && result != EINTR && result != ETIMEDOUT)
+            code = TPESYSTEM;
+    }
+    leave_waiters(&me, block);
+    _thread_cond_destroy(&me.cond);
+    if (me.message != nullptr) {
+        *handed = me.message;
+        return ROLE_HANDED;
+    }
+    if (code == 0)
+        return ROLE_TAKEN;
+    set_tperrno(code);
+    return ROLE_FAILED;
+}
+
+// The entry of a wait: ends with the reader role, with the message, or with an error.
+static role_result enter(const read_wait *wait, msg_header **handed)
+{
+    wthr_var *block = wait->block;
+    const msg_header *want = wait->want;
+    role_result result = ROLE_TAKEN;
+    *handed = nullptr;
+    _thread_mutex_lock(&block->msg_mutex);
+    if (want != nullptr && has_waiter(want)) {
+        *handed = look_at_offer(want, block);
+        if (block->waiter_count > block->waiting)
+            block->waiter_count--;
+    }
+    if (want != nullptr && *handed == nullptr)
+        *handed = look_at_stored(want, block);
+    if (*handed != nullptr)
+        result = ROLE_HANDED;
+    else if (block->reader_busy != 0 && (want != nullptr || wait->timed))
+        result = wait_for_role(wait, handed);
+    if (result == ROLE_TAKEN)
+        block->reader_busy = 1;
+    _thread_mutex_unlock(&block->msg_mutex);
+    return result;
+}
+
+// --- Delivery.
+
+// Puts the message into the caller's block, or in its place.
+static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *block)
+{
+    if (message->msgtype == MSG_KMQ_CLOSE_SESSION && (message->flags & FLAG_SESSION_CLOSED) != 0) {
+        free(message);
+        return null_with(TPECLOSE);
+    }
+    if (_data_otype_check_no_alloc(message, want, block) < 0) {
+        free(message);
+        return nullptr;
+    }
+    if (message->bufsize > want->bufsize) {
+        free(want);
+        return message;
+    }
+    if (want->buftype == BUF_FIELD)
+        _clear_fcache(message_data(want));
+    int32_t bufsize = want->bufsize;
+    // The byte behind a text is its terminator; the block's reserve has room for it.
+    int32_t ending = message->buftype == BUF_STRING ? 1 : 0;
+    memcpy(want, message, (size_t)(HEADER_SIZE + message->datalen + ending));
+    want->bufsize = bufsize;
+    free(message);
+    return want;
+}
+
+// --- Reading.
+
+// The socket to read next; negative: the wait ends, with tperrno set, or goes on.
+constexpr int NEXT_FAILED = -1, NEXT_GO_ON = -2;
+
+static int next_socket_unlimited(const read_wait *wait)
+{
+    set_tperrno(0);
+    errno = 0;
+    int fd = wait_readable(wait->block, unlimited_slice(wait->block));
+    int cause = errno;
+    if (fd < 0 && wait->fallback_fd >= 0)
+        fd = wait->fallback_fd;
+    if (fd == -1) {
+        // The role stays taken: with no socket left there is nothing for a next reader to do.
+        set_tperrno(TPESYSTEM);
+        return NEXT_FAILED;
+    }
+    if (transaction_expired(wait) < 0 && !wait->tolerant) {
+        fail_as_reader(wait, TPETIME);
+        return NEXT_FAILED;
+    }
+    if (fd >= 0)
+        return fd;
+    if (fd == -3 || cause == EINTR)
+        return NEXT_GO_ON;
+    fail_as_reader(wait, TPESYSTEM);
+    return NEXT_FAILED;
+}
+
+static int next_socket_timed(read_wait *wait)
+{
+    wthr_var *block = wait->block;
+    int left = remaining(wait);
+    int fd = left < 0 ? TIMER_EXPIRED : _set_bc_timer2(left, wait->watch_urgent, block);
+    if (fd == TIMER_URGENT) {
+        _thread_mutex_lock(&block->roll_mutex);
+        _recv_oob_msg(block->clhfd, block);
+        _thread_mutex_unlock(&block->roll_mutex);
+        // What nobody reads would wake this wait over and over.
+        wait->watch_urgent = false;
+        return NEXT_GO_ON;
+    }
+    if (fd < 0) {
+        fail_as_reader(wait, fd == TIMER_EXPIRED ? time_out_error(wait) : TPESYSTEM);
+        return NEXT_FAILED;
+    }
+    if (transaction_expired(wait) < 0 && !wait->tolerant) {
+        fail_as_reader(wait, TPETIME);
+        return NEXT_FAILED;
+    }
+    return fd;
+}
+
+// Seconds for which a frame may stand still: the block time, or else the limit of the wait itself.
+static int stall_limit(const read_wait *wait)
+{
+    int block_time = wait->block->block_time;
+    return block_time > 0 ? block_time : wait->timed ? wait->seconds : 0;
+}
+
+// Offers the message to the threads that have sent and are on their way here. True if one of them took it. The
+// reader sleeps meanwhile; a wait without a limit looks at the transaction's timer every 3 seconds, a timed one
+// looks no longer than its own time. Expects msg_mutex.
+static bool offer(const read_wait *wait, msg_header *message)
+{
+    wthr_var *block = wait->block;
+    block->offer_left = block->waiter_count - block->waiting;
+    if (block->offer_left < 1)
+        return false;
+    block->offer_msg = message;
+    int seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
+    while (seconds >= 0 && block->offer_left > 0) {
+        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex, (wait->timed ? seconds : 3) * 1000);
+        seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
+    }
+    bool taken = block->offer_msg == nullptr;
+    block->offer_msg = nullptr;
+    block->offer_left = 0;
+    return taken;
+}
+
+// A reply of the awaited type that bears another number leaves a line.
+static void log_sequence_error(const read_wait *wait, const msg_header *message)
+{
+    const msg_header *want = wait->want;
+    int kind = message->msgtype - want->msgtype;
+    if ((kind != REPLY && kind != ERROR_REPLY && kind != ERROR_REPLY2) || want->seqno == message->seqno)
+        return;
+    const char *code = nullptr;
+    switch (want->msgtype) {
+    case MSG_TPCALL:
+        code = wait->sequence_codes[0];
+        break;
+    case MSG_TPACALL_BLOCK:
+        code = wait->sequence_codes[1];
+        break;
+    case MSG_TX_COMMIT:
+    case MSG_TX_ROLLBACK:
+        code = _vorn_engine_version > 0 ? wait->sequence_codes[2] : nullptr;
+        break;
+    }
+    if (code != nullptr)
+        VORN_LOG(0, LEVEL_WARNING, code, "3001 sequence number error : %d %d", want->seqno, message->seqno);
+}
+
+// Finds a taker among the other threads. True if there was one.
+static bool pass_on(const read_wait *wait, msg_header *message)
+{
+    wthr_var *block = wait->block;
+    _thread_mutex_lock(&block->msg_mutex);
+    bool taken = hand_to_waiter(message, block) || offer(wait, message);
+    _thread_mutex_unlock(&block->msg_mutex);
+    return taken;
+}
+
+// The read loop of the thread that has the role.
+static msg_header *read_for_all(read_wait *wait)
+{
+    wthr_var *block = wait->block;
+    for (;;) {
+        int fd = wait->timed ? next_socket_timed(wait) : next_socket_unlimited(wait);
+        if (fd == NEXT_GO_ON)
+            continue;
+        if (fd == NEXT_FAILED)
+            return nullptr;
+        msg_header *message = nullptr;
+        switch (read_frame(fd, fd, stall_limit(wait), &message, block)) {
+        case FRAME_FAILED:
+            return fail_as_reader(wait, 0);
+        case FRAME_OLD_SOCKET:
+            continue;
+        case FRAME_NEGOTIATION:
+            release_role(wait);
+            return message;
+        case FRAME_MESSAGE:
+            break;
+        }
+        if (_is_msgtype_irt(wait->want, message, block) > 0) {
+            free(message);
+            continue;
+        }
+        if (wait->want == nullptr) {
+            release_role(wait);
+            return _check_read_buffer(message);
+        }
+        if (_is_msgtype_matched(wait->want, message, block)) {
+            release_role(wait);
+            return deliver(message, wait->want, block);
+        }
+        if (pass_on(wait, message))
+            continue;
+        log_sequence_error(wait, message);
+        if (_unmatched_msg_process(message, block) < 0)
+            return fail_as_reader(wait, 0);
+    }
+}
+
+static msg_header *perform(read_wait *wait)
+{
+    msg_header *handed;
+    switch (enter(wait, &handed)) {
+    case ROLE_FAILED:
+        return nullptr;
+    case ROLE_HANDED:
+        return deliver(handed, wait->want, wait->block);
+    case ROLE_TAKEN:
+        break;
+    }
+    return read_for_all(wait);
+}
+
+msg_header *_read_csmsg_from_clh(int fd, msg_header *want, wthr_var *block)
+{
+    return _read_csmsg_from_clh2(fd, want, 0, block);
+}
+
+msg_header *_read_csmsg_from_clh2(int fd, msg_header *want, int tolerant, wthr_var *block)
+{
+    read_wait wait = unlimited_wait(want, block);
+    wait.fallback_fd = fd;
+    wait.tolerant = tolerant != 0;
+    return perform(&wait);
+}
+
+msg_header *_read_csmsg_from_clh_timeout(msg_header *want, int seconds, wthr_var *block)
+{
+    return _read_csmsg_from_clh_timeout2(want, seconds, 0, block);
+}
+
+msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int noblock, wthr_var *block)
+{
+    if (noblock == 0 && seconds < 1)
+        return _read_csmsg_from_clh(-1, want, block);
+    read_wait wait = timed_wait(want, seconds, noblock, block);
+    return perform(&wait);
+}
+
+// --- The socket of a rolling start, read alone.
+
+// One message off `new_clhfd`: delivered, given to whoever may want it, or null with tperrno set. `settled` tells
+// whether the wait is over.
+static msg_header *read_ready(int body_fd, int stall_seconds, msg_header *want, bool *settled, wthr_var *block)
+{
+    msg_header *message = nullptr;
+    *settled = true;
+    if (read_frame(block->new_clhfd, body_fd, stall_seconds, &message, block) == FRAME_FAILED || message == nullptr)
+        return nullptr;
+    if (want == nullptr)
+        return _check_read_buffer(message);
+    if (_is_msgtype_matched(want, message, block))
+        return deliver(message, want, block);
+    *settled = _unmatched_msg_process(message, block) < 0;
+    return nullptr;
+}
+
+msg_header *_read_csmsg_from_ready_clh(int fd, msg_header *want, int unused, wthr_var *block)
+{
+    (void)unused;
+    for (;;) {
+        if (block->new_clhfd < 0)
+            return null_with(TPESYSTEM);
+        bool settled;
+        msg_header *message = read_ready(fd, 0, want, &settled, block);
+        if (settled)
+            return message;
+    }
+}
+
+msg_header *_read_csmsg_from_ready_clh_timeout(msg_header *want, int seconds, wthr_var *block)
+{
+    read_wait wait = timed_wait(want, seconds, 0, block);
+    for (int left = wait.seconds; left >= 0; left = remaining(&wait)) {
+        int fd = _set_bc_timer3(left, nullptr, block->new_clhfd);
+        if (fd < 0)
+            return null_with(fd == TIMER_EXPIRED ? TPETIME : TPESYSTEM);
+        bool settled;
+        msg_header *message = read_ready(fd, wait.seconds, want, &settled, block);
+        if (settled)
+            return message;
+    }
+    return null_with(TPETIME);
+}
+
+msg_header *_check_read_buffer(msg_header *message)
+{
+    if (message == nullptr || message->buftype != BUF_FIELD)
+        return message;
+    constexpr int32_t head = sizeof(fb_head);
+    if (message->datalen < head) {
+        init_field_buffer(message_data(message));
+        message->datalen = head;
+    }
+    if (message->bufsize < head)
+        message->bufsize = head;
+    return message;
+}
+
+int _clh_read_error(int fd, int result, int unused, wthr_var *block)
+{
+    (void)unused;
+    if (result == 0 || errno == EPIPE) {
+        set_tperrno(block->rolling_failed != 0 ? TPERDCLOSE : TPECLOSE);
+        _wait_while_rolling_start(fd, block);
+        _clhc_close(fd, block);
+        return 1;
+    }
+    set_tperrno(errno == EAGAIN ? TPEBLOCK : TPEOS);
+    return 1;
+}
+}

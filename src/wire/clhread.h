@@ -1,0 +1,41 @@
+// The receive path. There is no reader thread: whoever needs a message and finds nobody reading takes the
+// reader role and reads the connection for all threads of the context.
+#ifndef VORN_WIRE_CLHREAD_H
+#define VORN_WIRE_CLHREAD_H
+
+struct msg_header;
+struct wthr_var;
+
+extern "C" {
+
+// All of these give a block of header and data, or null with tperrno set. With `want` (a header that tells what
+// is awaited, and the block that takes the reply) the result is `want` itself, or a new block, and then `want`
+// has been freed: the caller goes on with the result as its buffer. Without `want` the result is a new block,
+// owned by the caller. Any thread of the context; they take msg_mutex, and never hold it across a read.
+
+msg_header *_read_csmsg_from_clh(int fd, msg_header *want, wthr_var *block);
+// No time limit but the transaction's; with `tolerant` not even that. `fd` serves where the context has no
+// socket. A null `want` takes the reader role even from another thread and keeps it.
+msg_header *_read_csmsg_from_clh2(int fd, msg_header *want, int tolerant, wthr_var *block);
+
+// `seconds` below 1 without `noblock` means no limit. Time is counted in whole seconds.
+msg_header *_read_csmsg_from_clh_timeout(msg_header *want, int seconds, wthr_var *block);
+msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int noblock, wthr_var *block);
+
+// The socket of a rolling start, `new_clhfd`, read outside the reader role by the one thread that opens it.
+msg_header *_read_csmsg_from_ready_clh(int fd, msg_header *want, int unused, wthr_var *block);
+msg_header *_read_csmsg_from_ready_clh_timeout(msg_header *want, int seconds, wthr_var *block);
+
+msg_header *_check_read_buffer(msg_header *message);  // repairs a short field buffer
+int _clh_read_error(int fd, int result, int unused, wthr_var *block);  // turns a failed read into tperrno; 1
+
+// Gives a message to the waiting thread whose template it answers; true if there is one. Expects msg_mutex.
+bool hand_to_waiter(msg_header *message, wthr_var *block);
+
+// Forgets what was read ahead on a socket that is being closed or replaced.
+void drop_read_ahead(wthr_var *block, int fd);
+// True if bytes of the connection are at hand without asking the socket.
+bool has_read_ahead(const wthr_var *block);
+}
+
+#endif

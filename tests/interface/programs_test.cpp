@@ -1,0 +1,160 @@
+// Whole programs, as an application's developer builds them: against the build tree and against an installation.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "toolbox.h"
+
+namespace fs = std::filesystem;
+
+static const fs::path PROGRAMS = PROJECT_DIR "/tests/interface/programs";
+
+// The first C block of the readme.
+static std::string first_program()
+{
+    const std::string text = read_file(PROJECT_DIR "/README.md");
+    const size_t begin = text.find("```c\n");
+    const size_t end = begin == std::string::npos ? begin : text.find("```", begin + 5);
+    return end == std::string::npos ? "" : text.substr(begin + 5, end - begin - 5);
+}
+
+// The functions that the library shows, from its dynamic symbol table.
+static std::vector<std::string> exported_functions()
+{
+    std::vector<std::string> names;
+    for (const std::string &line : lines_of(run(setting("CMAKE_READELF") + " --wide --dyn-syms " VORNTHR_FILE).output)) {
+        std::istringstream words(line);
+        std::string number, value, size, kind, binding, visibility, section, name;
+        words >> number >> value >> size >> kind >> binding >> visibility >> section >> name;
+        if (kind == "FUNC" && section != "UND") {
+            names.push_back(name.substr(0, name.find('@')));
+        }
+    }
+    return names;
+}
+
+struct Words : testing::Test {
+    temp_dir dir;
+    fs::path program = dir.path / "words";
+
+    void SetUp() override
+    {
+        const outcome compiled = compile_program(build_tree(), PROGRAMS / "words.c", program);
+        ASSERT_EQ(compiled.status, 0) << compiled.output;
+    }
+    outcome with(const std::string &argument, const std::string &environment = "")
+    {
+        return run_program(build_tree(), program.string() + " " + argument, environment);
+    }
+};
+
+TEST_F(Words, UntouchedLetALineThrough)
+{
+    const outcome result = with("");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find(":(E) CLI 0209 a line [COM0001]"), std::string::npos) << result.output;
+}
+
+TEST_F(Words, DaemonWrittenByTheApplicationSilencesTheLibrary)
+{
+    const outcome result = with("daemon");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "");
+}
+
+TEST_F(Words, TlogWrittenByTheApplicationKeepsLinesOffTheConsole)
+{
+    const outcome result = with("tlog");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "");
+}
+
+TEST_F(Words, InitPhaseWrittenByTheApplicationOverridesTheSwitch)
+{
+    EXPECT_EQ(with("", "VORN_ERR_MSG=no").output, "");
+    EXPECT_NE(with("phase", "VORN_ERR_MSG=no").output.find("a line"), std::string::npos);
+}
+
+TEST(OwnNames, AreNeverCalledByTheLibraryButForTheTraceHook)
+{
+    temp_dir dir;
+    std::string header;
+    for (const std::string &name : exported_functions()) {
+        if (name != "_vorn_trace") {
+            header += "OWN_FUNCTION(" + name + ")\n";
+        }
+    }
+    ASSERT_NE(header.find("OWN_FUNCTION(_send_csmsg_to_clh)"), std::string::npos);
+    ASSERT_NE(header.find("OWN_FUNCTION(_vorn_readn)"), std::string::npos);
+    ASSERT_NE(header.find("OWN_FUNCTION(tpalloc)"), std::string::npos);
+    write_file(dir.path / "own_names.h", header);
+
+    const fs::path program = dir.path / "own_names";
+    // With a function of its own for each name the program needs none of the library's, to the linker's eye.
+    const outcome compiled = compile_program(build_tree(), PROGRAMS / "own_names.c", program,
+                                             "-D_GNU_SOURCE -rdynamic -Wl,--no-as-needed -I" + dir.path.string());
+    ASSERT_EQ(compiled.status, 0) << compiled.output;
+
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_program(build_tree(), program, "VORN_HOST_ADDR=" + clh.address);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "reply ONE\nreply TWO\nown functions called: 0\ntraced: yes\n");
+}
+
+TEST(FirstProgram, FitsOnOneScreen)
+{
+    const size_t lines = lines_of(first_program()).size();
+    EXPECT_GT(lines, 10u);
+    EXPECT_LE(lines, 40u);
+}
+
+TEST(FirstProgram, RunsAgainstTheBuildTree)
+{
+    temp_dir dir;
+    const fs::path source = dir.path / "first.c", program = dir.path / "first";
+    write_file(source, first_program());
+    const outcome compiled = compile_program(build_tree(), source, program, "-pedantic");
+    ASSERT_EQ(compiled.status, 0) << compiled.output;
+
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_program(build_tree(), program, "VORN_HOST_ADDR=" + clh.address);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find("HELLO, WORLD"), std::string::npos) << result.output;
+}
+
+TEST(FirstProgram, TellsWhatIsWrongWithoutAServer)
+{
+    temp_dir dir;
+    const fs::path source = dir.path / "first.c", program = dir.path / "first";
+    write_file(source, first_program());
+    ASSERT_EQ(compile_program(build_tree(), source, program).status, 0);
+
+    // Nobody listens on port 1.
+    const outcome result = run_program(build_tree(), program, "VORN_HOST_ADDR=127.0.0.1:1 VORN_CONNECT_TIMEOUT=0.2");
+    EXPECT_NE(result.status, 0);
+    EXPECT_LT(result.status, 128) << "ended by a signal";
+    EXPECT_NE(result.output.find("tpstart"), std::string::npos) << result.output;
+}
+
+TEST(FirstProgram, RunsAgainstAnInstallation)
+{
+    temp_dir dir;
+    const fs::path prefix = dir.path / "prefix";
+    const outcome installed = run(setting("CMAKE_COMMAND") + " --install " + BUILD_DIR + " --prefix " + prefix.string());
+    ASSERT_EQ(installed.status, 0) << installed.output;
+    const place there = {prefix / "include", prefix / setting("CMAKE_INSTALL_LIBDIR")};
+    EXPECT_EQ(fs::read_symlink(fs::path(there.library_dir) / "libvornthr"), "libvornthr.so");
+
+    const fs::path source = dir.path / "first.c", program = dir.path / "first";
+    write_file(source, first_program());
+    const outcome compiled = compile_program(there, source, program);
+    ASSERT_EQ(compiled.status, 0) << compiled.output;
+
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_program(there, program, "VORN_HOST_ADDR=" + clh.address);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find("HELLO, WORLD"), std::string::npos) << result.output;
+}

@@ -1,0 +1,45 @@
+// clhsim: a stand-in for the server process that clients connect to. It keeps no state on disk and needs no other
+// process, so that an application can be developed and tested on one machine.
+#include "services.h"
+
+#include <exception>
+
+namespace clhsim {
+
+static int run(int count, char **words)
+{
+    Server server;
+    std::string problem;
+    switch (parse_options(count, words, server.options, problem)) {
+    case Parsed::HELP:
+        printf("%s\nservices:\n%s\ncommands of the control socket, one a line; SERVICE may be * for all, or the\n"
+               "exchanges _tpstart and _tpend, and N says how often (otherwise until it is cleared):\n%s\n"
+               "An answer is any number of lines that begin with two spaces and one that begins with ok or error.\n",
+               help_text().c_str(), services_help().c_str(), commands_help().c_str());
+        return 0;
+    case Parsed::WRONG:
+        fprintf(stderr, "clhsim: %s\ntry clhsim --help\n", problem.c_str());
+        return 2;
+    case Parsed::RUN:
+        break;
+    }
+    bool opened = open_server(server, problem);
+    if (opened)
+        run_server(server);
+    else
+        fprintf(stderr, "clhsim: %s\n", problem.c_str());
+    close_server(server);
+    return opened ? 0 : 1;
+}
+
+}  // namespace clhsim
+
+int main(int count, char **words)
+{
+    try {
+        return clhsim::run(count, words);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "clhsim: %s\n", error.what());
+        return 1;
+    }
+}

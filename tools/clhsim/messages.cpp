@@ -1,0 +1,257 @@
+// What each message type of a client is answered with: a table of handlers.
+#include "services.h"
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace clhsim {
+
+constexpr size_t REPLY_COST = sizeof(Reply);
+
+Header reply_header(const Header &request, int32_t error, int32_t rcode)
+{
+    Header header = request;
+    header.msgtype = request.msgtype + (error ? ERROR_REPLY : REPLY);
+    header.flags = error;
+    header.rcode = rcode;
+    header.xflags &= static_cast<int32_t>(~(XFLAG_TRAILER | XFLAG_TRAILER_LENGTH | XFLAG_GIVEN_BACK));
+    return header;
+}
+
+static void deliver(Server &server, Client &client, const Reply &reply, int64_t cut_at)
+{
+    size_t before = client.output.size();
+    send_message(server, client, reply.header, reply.data);
+    if (cut_at >= 0 && client.output.size() - before > static_cast<size_t>(cut_at)) {
+        client.output.resize(before + static_cast<size_t>(cut_at));
+        server.stats.truncated++;
+    }
+    if (reply.last || cut_at >= 0)
+        hang_up(server, client, true);
+}
+
+void send_reply(Server &server, Client &client, Reply reply, std::string_view name)
+{
+    if (strike(server.faults, name, FaultKind::DROP)) {
+        server.stats.dropped++;
+        return;
+    }
+    if (auto milliseconds = strike(server.faults, name, FaultKind::DELAY))
+        reply.delay += std::chrono::milliseconds(*milliseconds);
+    int64_t cut_at = strike(server.faults, name, FaultKind::TRUNCATE).value_or(-1);
+    if (reply.delay == Clock::duration::zero()) {
+        deliver(server, client, reply, cut_at);
+        return;
+    }
+    Clock::duration delay = reply.delay;
+    size_t held = REPLY_COST + reply.data.size();
+    after(server, client, delay, held, [&server, cut_at, reply = std::move(reply)](Client &waiting) {
+        deliver(server, waiting, reply, cut_at);
+    });
+}
+
+static void send_refusal(Server &server, Client &client, const Header &request, int32_t error)
+{
+    send_reply(server, client, {reply_header(request, error, 0), {}, {}, false}, service_name(request));
+}
+
+// The data without the trailer that the transport may have put behind it.
+static std::string_view without_trailer(const Header &header, std::string_view data)
+{
+    auto xflags = static_cast<uint32_t>(header.xflags);
+    if (!(xflags & XFLAG_TRAILER))
+        return data;
+    return data.substr(0, data.size() - std::min<size_t>(data.size(), xflags & XFLAG_TRAILER_LENGTH));
+}
+
+static bool is_structured(int32_t buftype)
+{
+    return buftype == BUF_STRUCT || buftype == BUF_FIELD;
+}
+
+// Why a call doesn't reach its service; 0 if it does.
+static int32_t call_error(Server &server, const Service *service, const Header &request)
+{
+    if (auto error = strike(server.faults, service_name(request), FaultKind::REFUSE))
+        return static_cast<int32_t>(*error);
+    if (!service)
+        return ERR_NOENT;
+    return service->text_only && is_structured(request.buftype) ? ERR_ITYPE : 0;
+}
+
+// The receipt of a TPACALL that waits for it. A call that is refused ends here: its error goes with the receipt, and
+// no reply follows.
+static void send_receipt(Server &server, Client &client, const Header &request, int32_t error)
+{
+    Header receipt = reply_header(request, error, 0);
+    receipt.msgtype = MSG_RECEIPT + (error ? ERROR_REPLY : REPLY);
+    receipt.buftype = BUF_HEADER_ONLY;
+    receipt.subtype.fill(0);
+    send_message(server, client, receipt, {});
+}
+
+static void handle_call(Server &server, Client &client, const Header &request, std::string_view data)
+{
+    std::string_view name = service_name(request);
+    const Service *service = find_service(name);
+    server.stats.calls++;
+    client.calls++;
+    if (service)
+        server.calls_by_service[service->name]++;
+    else
+        server.stats.unknown_calls++;
+
+    if (strike(server.faults, name, FaultKind::GIVE_BACK)) {
+        Reply back = {reply_header(request, 0, 0), std::string(data), {}, false};
+        back.header.msgtype = request.msgtype + ERROR_REPLY;
+        back.header.xflags = request.xflags | static_cast<int32_t>(XFLAG_GIVEN_BACK);
+        send_reply(server, client, std::move(back), name);
+        return;
+    }
+
+    int32_t error = call_error(server, service, request);
+    bool acall = request.msgtype == MSG_ACALL;
+    bool receipt = acall && (request.flags & FLAG_BLOCK);
+    bool reply = !(acall && (request.flags & FLAG_NOREPLY));
+    if (receipt)
+        send_receipt(server, client, request, error);
+    if (error) {
+        if (reply && !receipt)
+            send_refusal(server, client, request, error);
+        return;
+    }
+    if (!reply)
+        return;
+    Answer answer = service->run(server.options, request.buftype, without_trailer(request, data));
+    send_reply(server, client,
+               {reply_header(request, answer.error, answer.rcode), std::move(answer.data), answer.delay, false}, name);
+}
+
+static void handle_end(Server &server, Client &client, const Header &request, std::string_view)
+{
+    if (auto error = strike(server.faults, "_tpend", FaultKind::REFUSE)) {
+        send_reply(server, client, {reply_header(request, static_cast<int32_t>(*error), 0), {}, {}, false}, "_tpend");
+        return;
+    }
+    send_reply(server, client, {reply_header(request, 0, 0), {}, {}, true}, "_tpend");
+}
+
+// A line may come with its newline or without one, and with a NUL behind it; in the log it is one line each.
+static void handle_userlog(Server &server, Client &client, const Header &, std::string_view data)
+{
+    std::string_view text = data.substr(0, std::min(data.find('\0'), data.size()));
+    if (!text.empty() && text.back() == '\n')
+        text.remove_suffix(1);
+    server.stats.log_lines++;
+    if (server.log)
+        fprintf(server.log, "%s\n", printable(text).c_str());
+    else
+        say("userlog %d: %s", client.number, printable(text).c_str());
+}
+
+static void handle_ulogsync(Server &server, Client &client, const Header &, std::string_view)
+{
+    server.stats.log_flushes++;
+    if (!server.log) {
+        say("ulogsync %d", client.number);
+        return;
+    }
+    fflush(server.log);
+    fdatasync(fileno(server.log));
+}
+
+static void handle_acknowledgement(Server &server, Client &client, const Header &header, std::string_view)
+{
+    server.stats.acknowledged++;
+    client.acknowledged++;
+    say("client %d acknowledged notification %d", client.number, header.cd);
+}
+
+// What this server doesn't do, but whose sender waits for an answer.
+static void handle_unserved(Server &server, Client &client, const Header &request, std::string_view)
+{
+    send_refusal(server, client, request, ERR_NOENT);
+}
+
+static void handle_notify(Server &server, Client &client, const Header &request, std::string_view)
+{
+    if (request.flags & FLAG_NOTIFY_ACK)
+        send_refusal(server, client, request, ERR_NOENT);
+}
+
+struct MessageRow {
+    int32_t type;
+    const char *name;
+    bool before_login;
+    bool answered;  // the sender waits
+    void (*handle)(Server &server, Client &client, const Header &header, std::string_view data);
+};
+
+static const MessageRow MESSAGES[] = {
+    {MSG_START, "TPSTART", true, true, handle_start},
+    {MSG_INIT, "TPINIT", true, true, handle_start},
+    {MSG_END, "TPEND", true, true, handle_end},
+    {MSG_CALL, "TPCALL", false, true, handle_call},
+    {MSG_ACALL, "TPACALL", false, true, handle_call},
+    {MSG_USERLOG, "USERLOG", false, false, handle_userlog},
+    {MSG_ULOGSYNC, "ULOGSYNC", false, false, handle_ulogsync},
+    {MSG_NOTIFY + REPLY, "TPNOTIFY_REPLY", false, false, handle_acknowledgement},
+    {MSG_NOTIFY, "TPNOTIFY", false, false, handle_notify},
+    {MSG_CONNECT, "TPCONNECT", false, true, handle_unserved},
+    {MSG_POST, "TPPOST", false, true, handle_unserved},
+    {MSG_ENQ, "TPENQ", false, true, handle_unserved},
+    {MSG_DEQ, "TPDEQ", false, true, handle_unserved},
+    {MSG_QSTAT, "TPQSTAT", false, true, handle_unserved},
+    {MSG_REISSUE, "TPREISSUE", false, true, handle_unserved},
+    {MSG_COMMIT, "TX_COMMIT", false, true, handle_unserved},
+    {MSG_ROLLBACK, "TX_ROLLBACK", false, true, handle_unserved},
+    {MSG_MCALL, "TPMCALL", false, true, handle_unserved},
+    {MSG_GETSVG, "GETSVG", false, true, handle_unserved},
+    {MSG_GETADDR, "GETADDR", false, true, handle_unserved},
+    {MSG_ACTIVESVR, "GET_ACTIVESVR", false, true, handle_unserved},
+    {MSG_SQ, "SQ_REQUEST", false, true, handle_unserved},
+    {MSG_GETSPR, "GETSPR", false, true, handle_unserved},
+    {MSG_KMQ_FIRST, "message service", false, true, handle_unserved},
+    {MSG_KMQ_FIRST + 1, "message service", false, true, handle_unserved},
+    {MSG_KMQ_FIRST + 2, "message service", false, true, handle_unserved},
+    {MSG_KMQ_FIRST + 3, "message service", false, true, handle_unserved},
+    {MSG_KMQ_FIRST + 4, "message service", false, true, handle_unserved},
+    {MSG_KMQ_FIRST + 5, "message service", false, true, handle_unserved},
+    {MSG_KMQ_FIRST + 8, "message service", false, true, handle_unserved},
+};
+
+static const MessageRow *find_message(int32_t type)
+{
+    for (const MessageRow &row : MESSAGES) {
+        if (row.type == type)
+            return &row;
+    }
+    return nullptr;
+}
+
+static void tell_message(const Client &client, const MessageRow *row, const Frame &frame)
+{
+    const Header &header = frame.header;
+    fprintf(stderr, "clhsim: client %d: %s (%d) \"%s\" seqno %d cd %d flags %#x buftype %d, %d bytes%s\n",
+            client.number, row ? row->name : "ignored", header.msgtype,
+            printable(service_name(header)).c_str(), header.seqno, header.cd, static_cast<unsigned>(header.flags),
+            header.buftype, header.datalen, frame.compressed ? ", compressed" : "");
+}
+
+void handle_message(Server &server, Client &client, const Frame &frame)
+{
+    const MessageRow *row = find_message(frame.header.msgtype);
+    if (server.options.verbose)
+        tell_message(client, row, frame);
+    if (!row || (!client.logged_in && !row->before_login && !row->answered)) {
+        server.stats.ignored++;
+        return;
+    }
+    if (!client.logged_in && !row->before_login) {
+        send_refusal(server, client, frame.header, ERR_PROTO);
+        return;
+    }
+    row->handle(server, client, frame.header, frame.data);
+}
+
+}  // namespace clhsim
