@@ -1,6 +1,7 @@
 // Key exchange and sealed messages. The first byte chooses the message of a session that the rest stands for,
 // the second how much of the true message is left in front of it, so that the checks behind the head are
-// reached. Whatever it is, it has to be refused, and the session it hits must stay usable or be dead for good.
+// reached. Whatever it is, it has to be refused, and the session it hits must stay usable or be dead for
+// good.
 #include "kexcli.h"
 
 #include <stddef.h>

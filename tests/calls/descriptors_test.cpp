@@ -477,7 +477,7 @@ TEST_F(Conversations, NodeWithoutMemoryIsReported)
     faults::fail_allocation(1);
     int result = append_msg_node(&head, &tail, message);
     faults::disarm_allocations();
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(result, -1);
     EXPECT_EQ(head, nullptr);
     EXPECT_EQ(tail, nullptr);
     free(message);

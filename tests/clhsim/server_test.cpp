@@ -6,6 +6,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,6 +61,24 @@ TEST(ClhsimServer, ManyClientsAtOnce)
         ASSERT_EQ(reply.data, std::to_string(i));
     }
     EXPECT_EQ(server.stat("open"), CLIENTS);
+}
+
+TEST(ClhsimServer, WithoutDescriptorsNewClientsWaitForOldOnesToGo)
+{
+    Simulator server;
+    rlimit few = {24, 24};
+    ASSERT_EQ(prlimit(server.pid, RLIMIT_NOFILE, &few, nullptr), 0);
+    Message start;
+    start.msgtype = TPSTART;
+    std::vector<Link> links;
+    for (int i = 0; i < 60; i++) {
+        links.push_back(server.connect());
+        links.back().send(start);
+    }
+    for (Link &link : links) {
+        ASSERT_EQ(link.receive().msgtype, 1001);
+        link.close();
+    }
 }
 
 TEST(ClhsimServer, ClientThatDiesIsForgotten)

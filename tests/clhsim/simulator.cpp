@@ -236,6 +236,13 @@ void Link::close()
     fd = -1;
 }
 
+static int status_of(pid_t pid)
+{
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
 static pid_t spawn(const std::vector<std::string> &options, int output, bool both_streams)
 {
     std::vector<char *> words;
@@ -310,8 +317,9 @@ Simulator::~Simulator()
     if (control != -1)
         ::close(control);
     if (pid > 0) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        // Whatever the test did to it, the server must still be there, and end in order.
+        kill(pid, SIGTERM);
+        EXPECT_EQ(wait(), 0);
     }
     ::close(output_fd);
     remove_directory(directory);
@@ -425,13 +433,6 @@ std::string Simulator::line_with(const std::string &text)
 void Simulator::signal(int number)
 {
     kill(pid, number);
-}
-
-static int status_of(pid_t pid)
-{
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 int Simulator::wait()

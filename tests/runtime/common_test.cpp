@@ -152,7 +152,7 @@ TEST(NormalisedPath, RelativePathStaysRelative)
 
 TEST(HeapPointer, IsNotNullAndAMultipleOfFour)
 {
-    alignas(8) char block[8];
+    alignas(8) char block[8] = "";
     EXPECT_EQ(_vorn_IsHeapPtr(block), 1);
     EXPECT_EQ(_vorn_IsHeapPtr(block + 4), 1);
     EXPECT_EQ(_vorn_IsHeapPtr(block + 2), 0);

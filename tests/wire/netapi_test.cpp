@@ -283,7 +283,10 @@ struct RsetCheck : WireTest {
         if (old_ends[1] >= 0)
             close(old_ends[1]);
     }
-    void send_old(const std::string &bytes) { ASSERT_EQ(::write(old_ends[1], bytes.data(), bytes.size()), 1); }
+    void send_old(const std::string &bytes)
+    {
+        ASSERT_EQ(::write(old_ends[1], bytes.data(), bytes.size()), (ssize_t)bytes.size());
+    }
     void urgent(int byte)
     {
         peer.send_urgent(byte);
@@ -554,7 +557,8 @@ TEST_F(Flags, OnlyCloseOnExecIsADescriptorFlag)
 
 TEST_F(Flags, AreShown)
 {
-    int file = open((log.directory + "/log").c_str(), O_CREAT | O_RDWR | O_APPEND | O_NONBLOCK | O_SYNC, 0600);
+    std::string name = log.directory + "/file";
+    int file = open(name.c_str(), O_CREAT | O_RDWR | O_APPEND | O_NONBLOCK | O_SYNC, 0600);
     ASSERT_GE(file, 0);
     testing::internal::CaptureStdout();
     EXPECT_EQ(_show_fl(file), 1);
@@ -562,7 +566,8 @@ TEST_F(Flags, AreShown)
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "FD" + std::to_string(file) + ": O_APPEND(1024) O_NONBLOCK(2048) O_SYNC(4096)\nFD" +
                   std::to_string(ends[0]) + ": O_APPEND(0) O_NONBLOCK(0) O_SYNC(0)\n");
-    unlink((log.directory + "/log").c_str());
+    close(file);
+    unlink(name.c_str());
 }
 
 TEST_F(Flags, ADescriptorIsValidWhileItIsOpen)

@@ -203,7 +203,9 @@ TEST_F(FullBacklog, RoomThatComesIsTaken)
     for (int limit : {0, 60}) {
         std::thread server;
         faults::reset();
-        faults::before(faults::CONNECT, 2, [&] { server = std::thread([&] { close(_tproc_accept(listener)); }); });
+        faults::before(faults::CONNECT, 2, [&] {
+            server = std::thread([&] { close(_tproc_accept(listener)); });
+        });
         int fd = _tproc_connect_with_timeout(path.c_str(), limit, 0);
         EXPECT_GE(fd, 0);
         EXPECT_TRUE(is_blocking(fd));

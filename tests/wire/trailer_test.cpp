@@ -26,12 +26,14 @@ struct Trailer : testing::Test {
     std::string find(int type, int room = 64)
     {
         char content[64];
-        return _vorn_find_trailer(message, content, type, &room) == 1 ? std::string(content, (size_t)room) : "none";
+        int found = _vorn_find_trailer(message, content, type, &room);
+        return found == 1 ? std::string(content, (size_t)room) : "none";
     }
     std::string take(int type, int room = 64)
     {
         char content[64];
-        return _vorn_del_trailer(message, content, type, &room) == 1 ? std::string(content, (size_t)room) : "none";
+        int found = _vorn_del_trailer(message, content, type, &room);
+        return found == 1 ? std::string(content, (size_t)room) : "none";
     }
 };
 
