@@ -15,7 +15,7 @@ extern "C" {
 constexpr size_t HEAD_SIZE = 4;
 constexpr uint8_t HEAD_MARK_0 = 'K';  // offset 0
 constexpr uint8_t HEAD_MARK_1 = 'X';  // offset 1
-constexpr uint8_t HEAD_VERSION = 1;  // offset 2; an exchange with a known key, say, is another version
+constexpr uint8_t HEAD_VERSION = 1;   // offset 2; an exchange with a known key, say, is another version
 constexpr uint8_t MESSAGE_CLIENT_HELLO = 1;  // offset 3
 constexpr uint8_t MESSAGE_SERVER_HELLO = 2;
 constexpr uint8_t MESSAGE_CLIENT_FINISH = 3;

@@ -194,9 +194,8 @@ int _vorn_eset_check(int fd)
 }
 
 // The sets of one round of wait_readable. False for a socket that no set can hold.
-static bool watch_sockets(const wthr_var *block, bool watch_urgent, wide_set *readable, wide_set *urgent)
+static bool watch_sockets(int old_fd, int fd, bool watch_urgent, wide_set *readable, wide_set *urgent)
 {
-    int old_fd = block->old_clhfd, fd = block->clhfd;
     int highest = old_fd > fd ? old_fd : fd;
     wide_set_clear(readable, highest);
     wide_set_clear(urgent, highest);
@@ -223,7 +222,7 @@ int wait_readable(wthr_var *block, int milliseconds)
         if (old_fd < 0 && fd < 0)
             return -1;
         wide_set readable, urgent;
-        if (!watch_sockets(block, watch_urgent, &readable, &urgent)) {
+        if (!watch_sockets(old_fd, fd, watch_urgent, &readable, &urgent)) {
             errno = EBADF;
             return -2;
         }

@@ -10,8 +10,8 @@ TEST(ClhsimControl, HelpNamesEveryCommand)
 {
     Simulator server;
     std::string help = server.command("help");
-    for (const char *name : {"help", "services", "clients", "stats", "delay", "drop", "refuse", "giveback", "truncate",
-                             "clear", "close", "reset", "warn", "post", "set", "login", "quit"})
+    for (const char *name : {"help", "services", "clients", "stats", "delay", "drop", "refuse", "giveback",
+                             "truncate", "clear", "close", "reset", "warn", "post", "set", "login", "quit"})
         EXPECT_NE(help.find(std::string("  ") + name + " "), std::string::npos) << name;
     EXPECT_NE(server.command("services").find("  TOUPPER "), std::string::npos);
 }
@@ -19,12 +19,36 @@ TEST(ClhsimControl, HelpNamesEveryCommand)
 TEST(ClhsimControl, WrongLinesAreErrorsAndHarmless)
 {
     Simulator server;
-    for (const char *line : {"", "nonsense", "delay", "delay TOUPPER", "delay TOUPPER x", "delay TOUPPER -1",
-                             "delay TOUPPER 1 0", "delay TOUPPER 1 2 3", "drop", "drop TOUPPER 0", "refuse TOUPPER",
-                             "refuse TOUPPER 0", "refuse TOUPPER 99999999999", "truncate TOUPPER", "close", "close 1",
-                             "close x", "post 1 notify hello", "post all nothing hello", "post all", "set all 12",
-                             "set all x 1", "set 77 12 1", "login", "login perhaps", "login refuse 0", "quit now",
-                             "reset 1", "warn 1", "clear"})
+    for (const char *line : {"",
+                             "nonsense",
+                             "delay",
+                             "delay TOUPPER",
+                             "delay TOUPPER x",
+                             "delay TOUPPER -1",
+                             "delay TOUPPER 1 0",
+                             "delay TOUPPER 1 2 3",
+                             "drop",
+                             "drop TOUPPER 0",
+                             "refuse TOUPPER",
+                             "refuse TOUPPER 0",
+                             "refuse TOUPPER 99999999999",
+                             "truncate TOUPPER",
+                             "close",
+                             "close 1",
+                             "close x",
+                             "post 1 notify hello",
+                             "post all nothing hello",
+                             "post all",
+                             "set all 12",
+                             "set all x 1",
+                             "set 77 12 1",
+                             "login",
+                             "login perhaps",
+                             "login refuse 0",
+                             "quit now",
+                             "reset 1",
+                             "warn 1",
+                             "clear"})
         EXPECT_EQ(server.command(line).rfind("error ", 0), 0u) << line;
     EXPECT_EQ(server.log_in().exchange(string_call("TOUPPER", "a")).text(), "A");
 }
@@ -131,7 +155,8 @@ TEST(ClhsimControl, RefuseAnswersWithThatError)
     EXPECT_EQ(link.exchange(string_call("ECHO", "a")).flags, 13);
     EXPECT_EQ(link.exchange(string_call("REVERSE", "a")).flags, 13);
     server.command("refuse REVERSE 14");
-    EXPECT_EQ(link.exchange(string_call("REVERSE", "a")).flags, 14) << "a service's own fault comes before that of all";
+    EXPECT_EQ(link.exchange(string_call("REVERSE", "a")).flags, 14)
+        << "a service's own fault comes before that of all";
     server.command("clear *");
     EXPECT_EQ(link.exchange(string_call("REVERSE", "ab")).text(), "ba");
 }

@@ -189,7 +189,8 @@ TEST(ClhsimHostile, CompressedHeaderMustAgreeWithItsFrame)
     for (int32_t length : {-1, 0, 499, 501, INT32_MAX}) {
         Message message = call_of("ECHO", std::string(500, 'x'));
         message.datalen = length;
-        expect_hang_up(server, compressed_frame_of(header_of(message) + message.data), std::to_string(length));
+        expect_hang_up(server, compressed_frame_of(header_of(message) + message.data),
+                       std::to_string(length));
     }
     expect_hang_up(server, compressed_frame_of(std::string(200, 'x')), "no header");
 }
@@ -214,7 +215,8 @@ TEST(ClhsimHostile, WhoDoesntReadIsntServedEndlessly)
     Simulator server;
     Link lazy = server.log_in();
     Link other = server.log_in();
-    // Far more than the connection and the server hold: it must stop taking requests, and then serve them all.
+    // Far more than the connection and the server hold: it must stop taking requests, and then serve them
+    // all.
     constexpr int CALLS = 80;
     std::string request = bytes_of(string_call("BIG", "1000000"));
     for (int i = 0; i < CALLS; i++)

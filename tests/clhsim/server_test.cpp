@@ -156,8 +156,8 @@ TEST(ClhsimServer, HelpTellsOptionsServicesAndCommands)
 {
     Finished run = run_clhsim({"--help"});
     EXPECT_EQ(run.status, 0);
-    for (const char *word : {"--port", "--local", "--control", "--user", "--threshold", "--ready-fd", "TOUPPER", "BIG",
-                             "truncate", "notifyack", "_tpstart"})
+    for (const char *word : {"--port", "--local", "--control", "--user", "--threshold", "--ready-fd",
+                             "TOUPPER", "BIG", "truncate", "notifyack", "_tpstart"})
         EXPECT_NE(run.output.find(word), std::string::npos) << word;
 }
 

@@ -95,7 +95,8 @@ TEST(ClhsimService, BigIsAsBigAsAsked)
         Message reply = link.exchange(string_call("BIG", std::to_string(size)));
         EXPECT_EQ(reply.msgtype, 1003);
         EXPECT_EQ(reply.datalen, size);
-        EXPECT_EQ(reply.text().size(), static_cast<size_t>(std::max(size - 1, 0))) << "a STRING ends in its NUL";
+        EXPECT_EQ(reply.text().size(), static_cast<size_t>(std::max(size - 1, 0)))
+            << "a STRING ends in its NUL";
     }
     EXPECT_EQ(link.exchange(call_of("BIG", "30", TPCALL, CARRAY)).data, "ABCDEFGHIJKLMNOPQRSTUVWXYZABCD");
     for (const char *wrong : {"100001", "-1", "", "12x", "99999999999999999999"}) {

@@ -22,7 +22,8 @@
 
 static constexpr int LIMIT_MS = 30000;
 
-Message call_of(const std::string &service, const std::string &data, int32_t msgtype, int32_t buftype, int32_t seqno)
+Message call_of(const std::string &service, const std::string &data, int32_t msgtype, int32_t buftype,
+                int32_t seqno)
 {
     Message message;
     message.msgtype = msgtype;
@@ -57,7 +58,8 @@ std::string header_of(const Message &m)
 {
     std::string bytes(136, '\0');
     put(bytes, 0, m.magic);
-    const int32_t front[] = {m.seqno, m.buftype, m.bufsize, m.msgtype, m.rcode, m.srcid, m.target, m.prio, m.value};
+    const int32_t front[] = {m.seqno, m.buftype, m.bufsize, m.msgtype, m.rcode,
+                             m.srcid, m.target,  m.prio,    m.value};
     for (size_t i = 0; i < 9; i++)
         put(bytes, 4 + 4 * i, static_cast<uint32_t>(front[i]));
     for (size_t i = 0; i < 3; i++) {
@@ -195,7 +197,8 @@ Message Link::receive()
         std::string packed = read_bytes(get(head, 4));
         std::string plain(get(head, 12), '\0');
         int64_t length = static_cast<int64_t>(plain.size());
-        EXPECT_EQ(_vorn_uncompress(plain.data(), &length, packed.data(), static_cast<int64_t>(packed.size())), 0);
+        EXPECT_EQ(_vorn_uncompress(plain.data(), &length, packed.data(), static_cast<int64_t>(packed.size())),
+                  0);
         EXPECT_EQ(length, static_cast<int64_t>(plain.size()));
         message = message_of(plain);
         message.compressed = true;

@@ -1,5 +1,5 @@
-// The server under test as a child process, and what talks to it: raw sockets with a codec of their own. Nothing
-// here comes from the library or the server, so that three hands have to agree on every byte.
+// The server under test as a child process, and what talks to it: raw sockets with a codec of their own.
+// Nothing here comes from the library or the server, so that three hands have to agree on every byte.
 #ifndef TESTS_CLHSIM_SIMULATOR_H
 #define TESTS_CLHSIM_SIMULATOR_H
 
@@ -54,15 +54,14 @@ Message string_call(const std::string &service, const std::string &text);  // wi
 
 void put(std::string &bytes, size_t offset, uint32_t word);
 uint32_t get(const std::string &bytes, size_t offset);
-std::string bytes_of(const Message &message);  // `datalen` is the data's
+std::string bytes_of(const Message &message);   // `datalen` is the data's
 std::string header_of(const Message &message);  // 136 bytes with `datalen` as it stands
 std::string compressed_bytes_of(const Message &message);
 std::string compressed_frame_of(const std::string &plain);  // of whatever bytes
 
 // A connection. Every wait has a limit, after which the test fails.
-class Link
-{
-public:
+class Link {
+  public:
     explicit Link(int descriptor) : fd(descriptor) {}
     Link(Link &&other) noexcept : fd(other.fd) { other.fd = -1; }
     Link(const Link &) = delete;
@@ -88,9 +87,8 @@ public:
     int fd;
 };
 
-class Simulator
-{
-public:
+class Simulator {
+  public:
     explicit Simulator(std::vector<std::string> options = {});
     Simulator(const Simulator &) = delete;
     Simulator &operator=(const Simulator &) = delete;
@@ -98,12 +96,12 @@ public:
 
     Link connect_tcp();
     Link connect_local();
-    Link connect();         // local if it listens there, otherwise TCP
-    Link log_in();          // with a header-only start
+    Link connect();                                // local if it listens there, otherwise TCP
+    Link log_in();                                 // with a header-only start
     std::string command(const std::string &line);  // the whole answer, without its last newline
     int64_t stat(const std::string &name);
-    std::string next_line();                              // of its standard output
-    std::string line_with(const std::string &text);       // the next one that holds the text
+    std::string next_line();                         // of its standard output
+    std::string line_with(const std::string &text);  // the next one that holds the text
     void signal(int number);
     int wait();  // the exit status, or -signal
 
@@ -112,7 +110,7 @@ public:
     int port = 0;
     pid_t pid = -1;
 
-private:
+  private:
     std::string output;
     int output_fd = -1;
     int control = -1;

@@ -31,16 +31,35 @@ TEST(ClhsimStart, HeaderOnlyStartGetsTheDefaults)
     EXPECT_EQ(reply.xid[2], 60);
     EXPECT_NE(reply.sessid, 0);
     EXPECT_EQ(reply.svcname, "_tpstart");
-    EXPECT_EQ(reply.data, word(1) + word(0) + word(0) + name16("NODE1") + name16("NODE1") + word(0) + word(0) +
-                              word(0xffffffff));
+    EXPECT_EQ(reply.data, word(1) + word(0) + word(0) + name16("NODE1") + name16("NODE1") + word(0) +
+                              word(0) + word(0xffffffff));
 }
 
 TEST(ClhsimStart, ReplySaysWhatTheOptionsSay)
 {
-    Simulator server({"--acall-size", "7", "--conv-size=3", "--block-time", "11", "--tx-timeout", "12",
-                      "--engine-version", "5", "--clh-number", "200", "--node-number", "3", "--first-client", "41",
-                      "--nodes", "tokyo:t1,osaka,a234567890123456", "--queues", "q1,queue-two", "--threshold", "4000",
-                      "--server-name", "INFOSVC"});
+    Simulator server({"--acall-size",
+                      "7",
+                      "--conv-size=3",
+                      "--block-time",
+                      "11",
+                      "--tx-timeout",
+                      "12",
+                      "--engine-version",
+                      "5",
+                      "--clh-number",
+                      "200",
+                      "--node-number",
+                      "3",
+                      "--first-client",
+                      "41",
+                      "--nodes",
+                      "tokyo:t1,osaka,a234567890123456",
+                      "--queues",
+                      "q1,queue-two",
+                      "--threshold",
+                      "4000",
+                      "--server-name",
+                      "INFOSVC"});
     Message reply = server.connect().start();
     EXPECT_EQ(reply.rcode, 7);
     EXPECT_EQ(reply.cd, 3);
@@ -49,10 +68,11 @@ TEST(ClhsimStart, ReplySaysWhatTheOptionsSay)
     EXPECT_EQ(reply.xid[0], 3 << 8 | 200);
     EXPECT_EQ(reply.xid[1], 12);
     EXPECT_EQ(reply.xid[2], 11);
-    std::string rows = name16("tokyo") + name16("t1") + word(0) + word(0) + name16("osaka") + name16("osaka") +
-                       word(0) + word(0) + "a234567890123456a234567890123456" + word(0) + word(0);
-    EXPECT_EQ(reply.data, word(3) + word(2) + word(0) + rows + name16("q1") + name16("queue-two") + word(4000) +
-                              word(0) + word(7) + "INFOSVC");
+    std::string rows = name16("tokyo") + name16("t1") + word(0) + word(0) + name16("osaka") +
+                       name16("osaka") + word(0) + word(0) + "a234567890123456a234567890123456" + word(0) +
+                       word(0);
+    EXPECT_EQ(reply.data, word(3) + word(2) + word(0) + rows + name16("q1") + name16("queue-two") +
+                              word(4000) + word(0) + word(7) + "INFOSVC");
     EXPECT_EQ(reply.datalen, 12 + 3 * 40 + 2 * 16 + 4 + 8 + 7);
 }
 
@@ -151,9 +171,10 @@ TEST(ClhsimStart, OnlyKnownUsersAreLetIn)
         const char *cred2;
         bool in;
     };
-    const Try tries[] = {{"bob", "secret", "", true}, {"bob", "wrong", "", false}, {"bob", "", "", false},
-                         {"eve", "", "", true},       {"eve", "any", "any", true}, {"mallory", "secret", "", false},
-                         {"al", "one", "two", true},  {"al", "one", "", false},    {"al", "two", "one", false}};
+    const Try tries[] = {
+        {"bob", "secret", "", true}, {"bob", "wrong", "", false}, {"bob", "", "", false},
+        {"eve", "", "", true},       {"eve", "any", "any", true}, {"mallory", "secret", "", false},
+        {"al", "one", "two", true},  {"al", "one", "", false},    {"al", "two", "one", false}};
     for (const Try &one : tries) {
         Message reply = server.connect().start(one.user, "c", one.cred1, one.cred2);
         EXPECT_EQ(reply.msgtype, one.in ? 1001 : 2001) << one.user << " " << one.cred1 << " " << one.cred2;
@@ -219,7 +240,8 @@ TEST(ClhsimStart, FaultsReachTheStartAndTheEnd)
     EXPECT_EQ(refused.flags, 12);
     server.command("drop _tpend 1");
     link.send(end);
-    EXPECT_EQ(link.exchange(string_call("TOUPPER", "a")).text(), "A") << "the dropped end left nothing in between";
+    EXPECT_EQ(link.exchange(string_call("TOUPPER", "a")).text(), "A")
+        << "the dropped end left nothing in between";
     EXPECT_EQ(link.exchange(end).msgtype, 1002);
 }
 

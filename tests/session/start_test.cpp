@@ -757,14 +757,14 @@ TEST_F(Init, OnlyAnInitRecordIsTakenAndTheContextStays)
     tpfree(data);
 }
 
-TEST_F(Init, RecordThatShrankIsSafe)
+TEST_F(Init, RecordThatShrankBelowItsFieldsIsRefused)
 {
     TPINIT *init = init_record();
     init = (TPINIT *)tprealloc((char *)init, 0);
     ASSERT_EQ(tpgetasize((char *)init), 76);
-    peer.play([&] { peer.accept_start(); });
-    EXPECT_EQ(tpinit(init), 1);
-    peer.done();
+    EXPECT_EQ(tpinit(init), -1);
+    EXPECT_EQ(get_tperrno(), TPEITYPE);
+    EXPECT_TRUE(peer.nobody_knocks());
     tpfree((char *)init);
 }
 

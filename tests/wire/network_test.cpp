@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,22 +35,6 @@ static int option(int fd, int which)
 }
 
 static bool is_blocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0; }
-
-// The descriptor that the next socket would get: the same before and after if nothing was left open.
-static int next_descriptor()
-{
-    int fd = dup(0);
-    close(fd);
-    return fd;
-}
-
-static void allow_no_more_descriptors()
-{
-    rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = (rlim_t)next_descriptor();
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 struct Network : testing::Test {
     LogFile log;
@@ -178,7 +161,7 @@ TEST_F(Network, AFailingGetsocknameIsMinusFour)
 
 TEST_F(Network, WithoutADescriptorIsMinusOne)
 {
-    allow_no_more_descriptors();
+    NoDescriptors left;
     int fd = -5, any = 0;
     EXPECT_EQ(_network_listen(0), -1);
     EXPECT_EQ(_network_listen2(0), -1);
@@ -306,14 +289,11 @@ TEST_F(Network, AnUnknownHostIsLoggedWhereTheTableSays)
 TEST_F(Network, AMissingSocketIsLoggedUnderItsCode)
 {
     VORN_LOG(0, LEVEL_ERROR, "COM0000", "opens the log");
-    allow_no_more_descriptors();
-    for (const connecting &row : connects) {
-        EXPECT_EQ(row.call(nullptr, LOOPBACK, port, 0), -1) << row.name;
+    {
+        NoDescriptors left;
+        for (const connecting &row : connects)
+            EXPECT_EQ(row.call(nullptr, LOOPBACK, port, 0), -1) << row.name;
     }
-    rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur += 8;
-    setrlimit(RLIMIT_NOFILE, &limit);
     for (const connecting &row : connects)
         EXPECT_TRUE(log.has(std::string("(E) CLI 0040 socket init error [") + row.socket_code +
                             "][Too many open files]"))

@@ -1,5 +1,4 @@
-// Makes one system call of this process fail from now on, where nothing else makes it fail. Every test runs in
-// a process of its own, so it need not be taken back.
+// Makes system calls of this process fail where nothing else does, and tells what was left open.
 #ifndef VORN_TESTS_WIRE_REFUSE_H
 #define VORN_TESTS_WIRE_REFUSE_H
 
@@ -7,8 +6,32 @@
 #include <linux/seccomp.h>
 #include <stddef.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
+// The descriptor that the next socket would get: the same before and after if nothing was left open.
+inline int next_descriptor()
+{
+    int fd = dup(0);
+    close(fd);
+    return fd;
+}
+
+// While one of these stands, no descriptor can be opened.
+struct NoDescriptors {
+    rlimit before;
+
+    NoDescriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        rlimit none = {(rlim_t)next_descriptor(), before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
+};
+
+// One system call fails from now on; every test runs in a process of its own, so it need not be taken back.
 // False where the kernel doesn't allow it.
 inline bool refuse_call(unsigned number, unsigned error)
 {

@@ -2,7 +2,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -30,12 +29,6 @@ struct LocalSocket : testing::Test {
     std::string path_of(size_t length) const
     {
         return std::string(directory) + "/" + std::string(length - 1 - strlen(directory), 'p');
-    }
-    static int next_descriptor()
-    {
-        int fd = dup(0);
-        close(fd);
-        return fd;
     }
     static bool is_blocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0; }
     static timeval send_limit(int fd)
@@ -121,10 +114,7 @@ TEST_F(LocalSocket, AFailingListenIsMinusThree)
 
 TEST_F(LocalSocket, WithoutADescriptorIsMinusOne)
 {
-    rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = (rlim_t)next_descriptor();
-    setrlimit(RLIMIT_NOFILE, &limit);
+    NoDescriptors left;
     EXPECT_EQ(_tproc_listen(path.c_str()), -1);
     EXPECT_EQ(_tproc_connect(path.c_str()), -1);
     EXPECT_EQ(_tproc_connect_with_timeout(path.c_str(), 1, 0), -1);

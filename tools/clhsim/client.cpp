@@ -100,7 +100,8 @@ void reset_connection(Server &server, Client &client)
     end_connection(server, client);
 }
 
-void after(Server &server, Client &client, Clock::duration delay, size_t held, std::function<void(Client &)> action)
+void after(Server &server, Client &client, Clock::duration delay, size_t held,
+           std::function<void(Client &)> action)
 {
     held += TIMER_COST;
     client.timers++;
@@ -143,7 +144,8 @@ static size_t take_frames(Server &server, Client &client, std::string_view strea
             client.paused = true;
             break;
         }
-        Frame frame = next_frame(stream.substr(used), static_cast<size_t>(server.options.max_data), server.plain);
+        Frame frame =
+            next_frame(stream.substr(used), static_cast<size_t>(server.options.max_data), server.plain);
         if (frame.state == FrameState::INCOMPLETE)
             break;
         if (frame.state == FrameState::BROKEN) {

@@ -1,5 +1,5 @@
-// The control socket: a line is a command, a table row each. An answer is any number of lines that begin with two
-// spaces, and then one that begins with "ok" or "error".
+// The control socket: a line is a command, a table row each. An answer is any number of lines that begin with
+// two spaces, and then one that begins with "ok" or "error".
 #include "services.h"
 
 #include <algorithm>
@@ -66,10 +66,11 @@ static std::string clients_command(Server &server, const Words &)
             continue;
         count++;
         text += "  " + std::to_string(number) + " " + client->transport +
-                (client->logged_in ? " user \"" + printable(client->user) + "\" name \"" + printable(client->name) + "\""
-                                   : std::string(" not logged in")) +
-                " calls " + std::to_string(client->calls) + " acknowledged " + std::to_string(client->acknowledged) +
-                "\n";
+                (client->logged_in
+                     ? " user \"" + printable(client->user) + "\" name \"" + printable(client->name) + "\""
+                     : std::string(" not logged in")) +
+                " calls " + std::to_string(client->calls) + " acknowledged " +
+                std::to_string(client->acknowledged) + "\n";
     }
     return text + counted(count, "client");
 }
@@ -83,6 +84,7 @@ struct StatRow {
     const char *name;
     uint64_t Stats::*count;
 };
+// clang-format off
 static const StatRow STATS[] = {
     {"accepted", &Stats::accepted},
     {"logins", &Stats::logins},
@@ -101,6 +103,7 @@ static const StatRow STATS[] = {
     {"ignored", &Stats::ignored},
     {"broken", &Stats::broken},
 };
+// clang-format on
 
 static std::string stats_command(Server &server, const Words &)
 {
@@ -121,6 +124,7 @@ struct FaultRow {
     bool has_value;
     int64_t highest;
 };
+// clang-format off
 static const FaultRow FAULTS[] = {
     {"delay", FaultKind::DELAY, true, LONGEST_DELAY_MS},
     {"drop", FaultKind::DROP, false, 0},
@@ -128,16 +132,19 @@ static const FaultRow FAULTS[] = {
     {"giveback", FaultKind::GIVE_BACK, false, 0},
     {"truncate", FaultKind::TRUNCATE, true, INT32_MAX},
 };
+// clang-format on
 
 static std::string fault_command(Server &server, const Words &words)
 {
-    const FaultRow *row = std::find_if(std::begin(FAULTS), std::end(FAULTS),
-                                       [&](const FaultRow &candidate) { return words[0] == candidate.command; });
+    const FaultRow *row = std::find_if(std::begin(FAULTS), std::end(FAULTS), [&](const FaultRow &candidate) {
+        return words[0] == candidate.command;
+    });
     if (row == std::end(FAULTS))
         return wrong("unknown fault");
     Fault fault;
     size_t next = 2;
-    if (row->has_value && !parse_number(words[next++], row->kind == FaultKind::REFUSE ? 1 : 0, row->highest, fault.value))
+    if (row->has_value &&
+        !parse_number(words[next++], row->kind == FaultKind::REFUSE ? 1 : 0, row->highest, fault.value))
         return wrong("number out of range");
     if (words.size() > next && !parse_number(words[next], 1, INT32_MAX, fault.left))
         return wrong("count out of range");
@@ -163,7 +170,8 @@ static std::string reset_command(Server &server, const Words &words)
 
 static std::string warn_command(Server &server, const Words &words)
 {
-    return for_clients(server, words[1], true, [&](Client &client) { send_urgent(server, client, DOWN_WARNING); });
+    return for_clients(server, words[1], true,
+                       [&](Client &client) { send_urgent(server, client, DOWN_WARNING); });
 }
 
 struct PostKind {
@@ -172,6 +180,7 @@ struct PostKind {
     int32_t flags;
     bool raw;
 };
+// clang-format off
 static const PostKind POST_KINDS[] = {
     {"post", MSG_POST, 0, false},
     {"broadcast", MSG_BROADCAST, 0, false},
@@ -180,11 +189,13 @@ static const PostKind POST_KINDS[] = {
     {"sendtocli", MSG_SENDTOCLI, 0, false},
     {"raw", MSG_SENDTOCLI, 0, true},
 };
+// clang-format on
 
 static std::string post_command(Server &server, const Words &words)
 {
-    const PostKind *kind = std::find_if(std::begin(POST_KINDS), std::end(POST_KINDS),
-                                        [&](const PostKind &candidate) { return words[2] == candidate.name; });
+    const PostKind *kind =
+        std::find_if(std::begin(POST_KINDS), std::end(POST_KINDS),
+                     [&](const PostKind &candidate) { return words[2] == candidate.name; });
     if (kind == std::end(POST_KINDS))
         return wrong("the kinds are post, broadcast, notify, notifyack, sendtocli, raw");
     std::string text(words.size() > 3 ? words[3] : std::string_view());
@@ -216,7 +227,8 @@ static std::string set_command(Server &server, const Words &words)
     header.msgtype = MSG_SET;
     header.cd = static_cast<int32_t>(selector);
     header.value = static_cast<int32_t>(value);
-    return for_clients(server, words[1], true, [&](Client &client) { send_message(server, client, header, {}); });
+    return for_clients(server, words[1], true,
+                       [&](Client &client) { send_message(server, client, header, {}); });
 }
 
 static std::string login_command(Server &server, const Words &words)
@@ -265,11 +277,13 @@ static const CommandRow COMMANDS[] = {
     {"close", "CLIENT|all", "close the connection", 2, 2, false, close_command},
     {"reset", "CLIENT|all", "break the connection off with a reset", 2, 2, false, reset_command},
     {"warn", "CLIENT|all", "send the urgent byte of a server that is going down", 2, 2, false, warn_command},
-    {"post", "CLIENT|all KIND TEXT", "send an unsolicited message: post, broadcast, notify, notifyack, sendtocli, raw",
-     3, 4, true, post_command},
+    {"post", "CLIENT|all KIND TEXT",
+     "send an unsolicited message: post, broadcast, notify, notifyack, sendtocli, raw", 3, 4, true,
+     post_command},
     {"set", "CLIENT|all CD VALUE", "change a setting: CD 12 block time, 13 transaction time-out", 4, 4, false,
      set_command},
-    {"login", "refuse [TPERRNO]|accept", "refuse or accept all logins from now on", 2, 3, false, login_command},
+    {"login", "refuse [TPERRNO]|accept", "refuse or accept all logins from now on", 2, 3, false,
+     login_command},
     {"quit", "", "end the server", 1, 1, false, quit_command},
 };
 
@@ -279,7 +293,7 @@ std::string commands_help()
     for (const CommandRow &row : COMMANDS) {
         std::string name = std::string(row.name) + " " + row.arguments;
         char line[200];
-        snprintf(line, sizeof line, "  %-28s %s\n", name.c_str(), row.help);
+        snprintf(line, sizeof line, "  %-31s %s\n", name.c_str(), row.help);
         text += line;
     }
     return text;
@@ -292,7 +306,8 @@ static Words split_words(std::string_view line, size_t most)
         line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
         if (line.empty())
             return words;
-        size_t end = words.size() + 1 == most ? line.size() : std::min(line.find_first_of(" \t"), line.size());
+        size_t end =
+            words.size() + 1 == most ? line.size() : std::min(line.find_first_of(" \t"), line.size());
         words.push_back(line.substr(0, end));
         line.remove_prefix(end);
     }
@@ -364,7 +379,8 @@ static void write_controller(Controller &controller)
         if (count == -1 && errno == EINTR)
             continue;
         if (count == -1) {
-            controller.over = controller.over || errno != EAGAIN || controller.output.size() > LARGEST_BACKLOG;
+            controller.over =
+                controller.over || errno != EAGAIN || controller.output.size() > LARGEST_BACKLOG;
             return;
         }
         controller.output.erase(0, static_cast<size_t>(count));

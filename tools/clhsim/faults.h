@@ -1,5 +1,5 @@
-// What goes wrong on purpose: for each service, and for the exchanges named on the wire ("_tpstart", "_tpend"), the
-// faults that the control socket has set.
+// What goes wrong on purpose: for each service, and for the exchanges named on the wire ("_tpstart",
+// "_tpend"), the faults that the control socket has set.
 #ifndef CLHSIM_FAULTS_H
 #define CLHSIM_FAULTS_H
 

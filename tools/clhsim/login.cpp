@@ -6,7 +6,8 @@
 
 namespace clhsim {
 
-constexpr size_t LOGIN_FIELD_SIZE = 18;  // user, client name and two credentials stand at the front of the data
+// User, client name and two credentials, at the front of the data of a start.
+constexpr size_t LOGIN_FIELD_SIZE = 18;
 constexpr size_t NODE_NAME_SIZE = 16;
 constexpr size_t SERVER_NAME_LIMIT = 31;
 constexpr uint32_t TAG_SERVER_NAME = 0;
@@ -23,7 +24,8 @@ static std::string login_field(std::string_view data, size_t index)
 
 static bool lets_in(const Login &login, std::string_view data)
 {
-    return login.user == login_field(data, 0) && (login.cred1.empty() || login.cred1 == login_field(data, 2)) &&
+    return login.user == login_field(data, 0) &&
+           (login.cred1.empty() || login.cred1 == login_field(data, 2)) &&
            (login.cred2.empty() || login.cred2 == login_field(data, 3));
 }
 
@@ -36,8 +38,9 @@ static int32_t login_error(Server &server, const Client &client, std::string_vie
         return static_cast<int32_t>(*error);
     if (options.login_refusal)
         return options.login_refusal;
-    bool known = options.logins.empty() || std::any_of(options.logins.begin(), options.logins.end(),
-                                                       [&](const Login &login) { return lets_in(login, data); });
+    bool known =
+        options.logins.empty() || std::any_of(options.logins.begin(), options.logins.end(),
+                                              [&](const Login &login) { return lets_in(login, data); });
     return known ? 0 : ERR_SECURITY;
 }
 
@@ -47,7 +50,8 @@ static void append_name(std::string &out, std::string_view name)
     out.append(NODE_NAME_SIZE - name.size(), '\0');
 }
 
-// Counts, node rows, queue rows, the threshold, tagged values. The third table stays empty: no client reads it.
+// Counts, node rows, queue rows, the threshold, tagged values. The third table stays empty: no client reads
+// it.
 static std::string start_payload(const Options &options)
 {
     std::string out;
@@ -91,16 +95,17 @@ void handle_start(Server &server, Client &client, const Header &request, std::st
         Header refusal = reply_header(request, error, 0);
         refusal.buftype = BUF_HEADER_ONLY;
         refusal.target = error;
-        send_reply(server, client, {refusal, {}, {}, false}, "_tpstart");
+        send_reply(server, client, {.header = refusal}, "_tpstart");
         return;
     }
     client.logged_in = true;
     client.user = login_field(data, 0);
     client.name = login_field(data, 1);
     server.stats.logins++;
-    std::string payload = server.options.payload ? start_payload(server.options) : std::string();
-    send_reply(server, client, {start_reply(server.options, request, client.number), std::move(payload), {}, false},
-               "_tpstart");
+    Reply reply = {.header = start_reply(server.options, request, client.number)};
+    if (server.options.payload)
+        reply.data = start_payload(server.options);
+    send_reply(server, client, std::move(reply), "_tpstart");
 }
 
 }  // namespace clhsim

@@ -1,5 +1,5 @@
-// Listening, and the one loop. An event carries the source's kind and, for clients and controllers, its id; an id
-// is never used twice, so an event for somebody who went away in the same round finds nobody.
+// Listening, and the one loop. An event carries the source's kind and, for clients and controllers, its id;
+// an id is never used twice, so an event for somebody who went away in the same round finds nobody.
 #include "server.h"
 
 #include <algorithm>
@@ -79,7 +79,8 @@ static bool listen_tcp(Server &server, std::string &problem)
     int on = 1;
     setsockopt(server.tcp_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     socklen_t size = sizeof address;
-    if (server.tcp_fd == -1 || bind(server.tcp_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == -1 ||
+    if (server.tcp_fd == -1 ||
+        bind(server.tcp_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == -1 ||
         listen(server.tcp_fd, BACKLOG) == -1 ||
         getsockname(server.tcp_fd, reinterpret_cast<sockaddr *>(&address), &size) == -1) {
         problem = system_problem("can't listen on port " + std::to_string(server.options.port));
@@ -139,7 +140,8 @@ static bool open_listeners(Server &server, std::string &problem)
         return false;
     if (!options.local_directory.empty()) {
         mkdir(options.local_directory.c_str(), 0755);
-        server.local_fd = listen_local(options.local_directory + "/cllrcad", 0777, server.local_path, problem);
+        server.local_fd =
+            listen_local(options.local_directory + "/cllrcad", 0777, server.local_path, problem);
         if (server.local_fd == -1)
             return false;
     }
@@ -227,7 +229,8 @@ static void accept_all(Server &server, Source source, int listener)
     for (;;) {
         int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd == -1 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
-            // The connection stays in the backlog, and the listener would stay ready: wait until one goes away.
+            // The connection stays in the backlog, and the listener would stay ready: wait until one goes
+            // away.
             server.listening_paused = true;
             watch_listeners(server, 0);
         }
@@ -277,7 +280,8 @@ static int milliseconds_to_next_timer(const Server &server)
 {
     if (server.timers.empty())
         return -1;
-    auto left = std::chrono::ceil<std::chrono::milliseconds>(server.timers.begin()->first - Clock::now()).count();
+    auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(server.timers.begin()->first - Clock::now()).count();
     return static_cast<int>(std::clamp<int64_t>(left, 0, 3600 * 1000));
 }
 

@@ -1,5 +1,5 @@
-// clhsim: a stand-in for the server process that clients connect to. It keeps no state on disk and needs no other
-// process, so that an application can be developed and tested on one machine.
+// clhsim: a stand-in for the server process that clients connect to. It keeps no state on disk and needs no
+// other process, so that an application can be developed and tested on one machine.
 #include "services.h"
 
 #include <exception>
@@ -12,9 +12,11 @@ static int run(int count, char **words)
     std::string problem;
     switch (parse_options(count, words, server.options, problem)) {
     case Parsed::HELP:
-        printf("%s\nservices:\n%s\ncommands of the control socket, one a line; SERVICE may be * for all, or the\n"
-               "exchanges _tpstart and _tpend, and N says how often (otherwise until it is cleared):\n%s\n"
-               "An answer is any number of lines that begin with two spaces and one that begins with ok or error.\n",
+        printf("%s\nservices:\n%s\n"
+               "commands of the control socket, one a line; SERVICE may be * for all, or the exchanges\n"
+               "_tpstart and _tpend, and N says how often (otherwise until it is cleared):\n%s\n"
+               "An answer is any number of lines that begin with two spaces, and then one that begins\n"
+               "with ok or error.\n",
                help_text().c_str(), services_help().c_str(), commands_help().c_str());
         return 0;
     case Parsed::WRONG:

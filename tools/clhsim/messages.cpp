@@ -52,7 +52,7 @@ void send_reply(Server &server, Client &client, Reply reply, std::string_view na
 
 static void send_refusal(Server &server, Client &client, const Header &request, int32_t error)
 {
-    send_reply(server, client, {reply_header(request, error, 0), {}, {}, false}, service_name(request));
+    send_reply(server, client, {.header = reply_header(request, error, 0)}, service_name(request));
 }
 
 // The data without the trailer that the transport may have put behind it.
@@ -79,8 +79,8 @@ static int32_t call_error(Server &server, const Service *service, const Header &
     return service->text_only && is_structured(request.buftype) ? ERR_ITYPE : 0;
 }
 
-// The receipt of a TPACALL that waits for it. A call that is refused ends here: its error goes with the receipt, and
-// no reply follows.
+// The receipt of a TPACALL that waits for it. A call that is refused ends here: its error goes with the
+// receipt, and no reply follows.
 static void send_receipt(Server &server, Client &client, const Header &request, int32_t error)
 {
     Header receipt = reply_header(request, error, 0);
@@ -102,7 +102,7 @@ static void handle_call(Server &server, Client &client, const Header &request, s
         server.stats.unknown_calls++;
 
     if (strike(server.faults, name, FaultKind::GIVE_BACK)) {
-        Reply back = {reply_header(request, 0, 0), std::string(data), {}, false};
+        Reply back = {.header = reply_header(request, 0, 0), .data = std::string(data)};
         back.header.msgtype = request.msgtype + ERROR_REPLY;
         back.header.xflags = request.xflags | static_cast<int32_t>(XFLAG_GIVEN_BACK);
         send_reply(server, client, std::move(back), name);
@@ -123,17 +123,16 @@ static void handle_call(Server &server, Client &client, const Header &request, s
     if (!reply)
         return;
     Answer answer = service->run(server.options, request.buftype, without_trailer(request, data));
-    send_reply(server, client,
-               {reply_header(request, answer.error, answer.rcode), std::move(answer.data), answer.delay, false}, name);
+    Reply result = {.header = reply_header(request, answer.error, answer.rcode),
+                    .data = std::move(answer.data),
+                    .delay = answer.delay};
+    send_reply(server, client, std::move(result), name);
 }
 
 static void handle_end(Server &server, Client &client, const Header &request, std::string_view)
 {
-    if (auto error = strike(server.faults, "_tpend", FaultKind::REFUSE)) {
-        send_reply(server, client, {reply_header(request, static_cast<int32_t>(*error), 0), {}, {}, false}, "_tpend");
-        return;
-    }
-    send_reply(server, client, {reply_header(request, 0, 0), {}, {}, true}, "_tpend");
+    auto error = static_cast<int32_t>(strike(server.faults, "_tpend", FaultKind::REFUSE).value_or(0));
+    send_reply(server, client, {.header = reply_header(request, error, 0), .last = error == 0}, "_tpend");
 }
 
 // A line may come with its newline or without one, and with a NUL behind it; in the log it is one line each.
@@ -234,8 +233,9 @@ static void tell_message(const Client &client, const MessageRow *row, const Fram
     const Header &header = frame.header;
     fprintf(stderr, "clhsim: client %d: %s (%d) \"%s\" seqno %d cd %d flags %#x buftype %d, %d bytes%s\n",
             client.number, row ? row->name : "ignored", header.msgtype,
-            printable(service_name(header)).c_str(), header.seqno, header.cd, static_cast<unsigned>(header.flags),
-            header.buftype, header.datalen, frame.compressed ? ", compressed" : "");
+            printable(service_name(header)).c_str(), header.seqno, header.cd,
+            static_cast<unsigned>(header.flags), header.buftype, header.datalen,
+            frame.compressed ? ", compressed" : "");
 }
 
 void handle_message(Server &server, Client &client, const Frame &frame)

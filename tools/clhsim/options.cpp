@@ -26,7 +26,8 @@ static std::vector<std::string_view> split(std::string_view text, char separator
     return pieces;
 }
 
-// A plain number goes straight into its field; what needs more has a function. Both null: a switch of its own.
+// A plain number goes straight into its field; what needs more has a function. Both null: a switch of its
+// own.
 struct OptionRow {
     const char *name;
     const char *argument;  // null: none
@@ -65,7 +66,8 @@ static const char *take_nodes(Options &options, std::string_view value)
         return nullptr;
     for (std::string_view piece : split(value, ',')) {
         std::vector<std::string_view> names = split(piece, ':');
-        if (names.size() > 2 || names[0].empty() || names[0].size() > NAME_SIZE || names.back().size() > NAME_SIZE)
+        if (names.size() > 2 || names[0].empty() || names[0].size() > NAME_SIZE ||
+            names.back().size() > NAME_SIZE)
             return "not NAME[:SECOND],... with names of at most 16 characters";
         options.nodes.push_back({std::string(names[0]), std::string(names.back())});
     }
@@ -123,12 +125,14 @@ static const char *take_verbose(Options &options, std::string_view)
     return nullptr;
 }
 
-static OptionRow number_row(const char *name, const char *help, int32_t Options::*field, int32_t low, int32_t high)
+static OptionRow number_row(const char *name, const char *help, int32_t Options::*field, int32_t low,
+                            int32_t high)
 {
     return {name, "N", help, field, low, high, nullptr, nullptr};
 }
 
-static OptionRow text_row(const char *name, const char *argument, const char *help, std::string Options::*field)
+static OptionRow text_row(const char *name, const char *argument, const char *help,
+                          std::string Options::*field)
 {
     return {name, argument, help, nullptr, 0, 0, field, nullptr};
 }
@@ -140,15 +144,17 @@ static OptionRow taken_row(const char *name, const char *argument, const char *h
 }
 
 static const OptionRow ROWS[] = {
-    taken_row("--port", "PORT", "listen on TCP; 0 takes a free port (what it does without any address)", take_port),
+    taken_row("--port", "PORT", "listen on TCP; 0 takes a free port (what it does without any address)",
+              take_port),
     text_row("--bind", "ADDRESS", "IPv4 address for --port, 127.0.0.1", &Options::bind_address),
     text_row("--local", "DIR", "listen on the local socket DIR/cllrcad; DIR is made if it is missing",
              &Options::local_directory),
     text_row("--control", "PATH", "listen for commands on this local socket", &Options::control_path),
-    taken_row("--ready-fd", "FD", "once ready, write the TCP port (0 without TCP) and a newline there, close it",
-              take_ready_fd),
+    taken_row("--ready-fd", "FD",
+              "once ready, write the TCP port (0 without TCP) and a newline there, close it", take_ready_fd),
 
-    number_row("--acall-size", "start reply: rows for asynchronous calls, 256", &Options::acall_size, 0, 1 << 20),
+    number_row("--acall-size", "start reply: rows for asynchronous calls, 256", &Options::acall_size, 0,
+               1 << 20),
     number_row("--conv-size", "start reply: rows for conversations, 64", &Options::conv_size, 0, 1 << 20),
     number_row("--block-time", "start reply: default time-out of a call in seconds, 60; 0 for none",
                &Options::block_time, 0, INT32_MAX),
@@ -163,19 +169,23 @@ static const OptionRow ROWS[] = {
     taken_row("--queues", "NAME,...", "start reply: the queues, none", take_queues),
     number_row("--threshold", "start reply: data of this size or more is to be compressed, -1 for never",
                &Options::threshold, -1, INT32_MAX),
-    text_row("--server-name", "NAME", "start reply: service that clients direct by node", &Options::server_name),
+    text_row("--server-name", "NAME", "start reply: service that clients direct by node",
+             &Options::server_name),
     taken_row("--no-payload", nullptr, "start reply: header only, without nodes, queues and threshold",
               take_no_payload),
 
-    taken_row("--refuse-login", nullptr, "refuse every login (TPESECURITY) until the command \"login accept\"",
-              take_refusal),
-    taken_row("--user", "USER[:CRED1[:CRED2]]", "let in only such logins; may be given several times", take_login),
+    taken_row("--refuse-login", nullptr,
+              "refuse every login (TPESECURITY) until the command \"login accept\"", take_refusal),
+    taken_row("--user", "USER[:CRED1[:CRED2]]", "let in only such logins; may be given several times",
+              take_login),
 
-    taken_row("--compress", "N", "compress messages to clients from this size of data on, -1 for never; as --threshold",
+    taken_row("--compress", "N",
+              "compress messages to clients from this size of data on, -1 for never; as --threshold",
               take_compress),
     number_row("--max-data", "longest data of a message, 67108864; a client that sends more is hung up on",
                &Options::max_data, 1024, 1 << 30),
-    text_row("--log-file", "FILE", "append the clients' user log to FILE; otherwise it goes to standard output",
+    text_row("--log-file", "FILE",
+             "append the clients' user log to FILE; otherwise it goes to standard output",
              &Options::log_file),
     taken_row("--verbose", nullptr, "tell every message on standard error", take_verbose),
 };
@@ -241,8 +251,9 @@ Parsed parse_options(int count, char **words, Options &options, std::string &pro
 
 std::string help_text()
 {
-    std::string text = "clhsim: a stand-in for the client-handling server process, for development and tests\n\n"
-                       "usage: clhsim [options]\n\n";
+    std::string text =
+        "clhsim: a stand-in for the client-handling server process, for development and tests\n\n"
+        "usage: clhsim [options]\n\n";
     for (const OptionRow &row : ROWS) {
         std::string name = row.name;
         if (row.argument)

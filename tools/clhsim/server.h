@@ -1,8 +1,8 @@
 // The server's state and what every part of it uses: clients, messages to them, timers.
 //
-// One thread, one loop (loop.cpp). A round takes the events and the timers that are due; what they leave to be sent
-// is written at the round's end, so that the answers to several requests of one read leave in one write. A client
-// record is freed only at the end of a round; within it, `life` tells that it is over.
+// One thread, one loop (loop.cpp). A round takes the events and the timers that are due; what they leave to
+// be sent is written at the round's end, so that the answers to several requests of one read leave in one
+// write. A client record is freed only at the end of a round; within it, `life` tells that it is over.
 #ifndef CLHSIM_SERVER_H
 #define CLHSIM_SERVER_H
 
@@ -41,8 +41,8 @@ struct Client {
     bool paused = false;    // `input` may hold whole frames, left there because too much is on its way out
     std::string input;
     std::string output;
-    size_t written = 0;   // bytes of `output` that are gone
-    size_t held = 0;      // bytes that wait in timers
+    size_t written = 0;  // bytes of `output` that are gone
+    size_t held = 0;     // bytes that wait in timers
     size_t timers = 0;
 
     int32_t number = 0;  // in the start reply, and in the commands of the control socket
@@ -131,7 +131,8 @@ void say(const char *format, ...) __attribute__((format(printf, 1, 2)));  // a l
 void add_client(Server &server, int fd, bool local);
 void client_event(Server &server, Client &client, uint32_t events);
 void settle(Server &server);
-// The functions from here on may be called for any client that isn't freed; on one that isn't open they do nothing.
+// The functions from here on may be called for any client that isn't freed; on one that isn't open they do
+// nothing.
 void send_message(Server &server, Client &client, const Header &header, std::string_view data);
 void send_raw(Server &server, Client &client, std::string_view data);
 void send_urgent(Server &server, Client &client, unsigned char byte);
@@ -139,21 +140,23 @@ void send_urgent(Server &server, Client &client, unsigned char byte);
 void hang_up(Server &server, Client &client, bool after_output);
 // Breaks it off: the peer gets a reset.
 void reset_connection(Server &server, Client &client);
-// Runs `action` later if the client is still open then. `held` is what the action keeps, in bytes: a client that has
-// too much waiting isn't read from until it is less.
-void after(Server &server, Client &client, Clock::duration delay, size_t held, std::function<void(Client &)> action);
+// Runs `action` later if the client is still open then. `held` is what the action keeps, in bytes: a client
+// that has too much waiting isn't read from until it is less.
+void after(Server &server, Client &client, Clock::duration delay, size_t held,
+           std::function<void(Client &)> action);
 
 // messages.cpp
 void handle_message(Server &server, Client &client, const Frame &frame);
 struct Reply {
-    Header header;
-    std::string data;
+    Header header = {};
+    std::string data = {};
     Clock::duration delay = {};
     bool last = false;  // the connection ends behind it
 };
 // Sends a reply subject to the faults set for `name`.
 void send_reply(Server &server, Client &client, Reply reply, std::string_view name);
-// The header of the reply to a request: the request's own with the type, the error and the user code of the answer.
+// The header of the reply to a request: the request's own with the type, the error and the user code of the
+// answer.
 Header reply_header(const Header &request, int32_t error, int32_t rcode);
 
 // login.cpp

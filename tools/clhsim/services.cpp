@@ -95,8 +95,8 @@ static const Service SERVICES[] = {
     {"ECHO", "the data as it came, of whatever type", false, echo_service},
     {"REVERSE", "the text, or the bytes of a CARRAY, from the last to the first", true, reverse_service},
     {"SLEEP", "the data, after the seconds that it says (\"0.5\")", true, sleep_service},
-    {"FAIL", "fails with TPESVCFAIL, the data, and the number it begins with (or 1) as user return code", true,
-     fail_service},
+    {"FAIL", "fails with TPESVCFAIL, the data, and the number it begins with (or 1) as user return code",
+     true, fail_service},
     {"BIG", "letters, as many as the data says; a STRING ends in a NUL that counts", true, big_service},
     {".CHK_CONN", "nothing: the connection check of a client", false, ping_service},
 };

@@ -1,5 +1,5 @@
-// The built-in services. A service is a row of a table and a function from a request's data to an answer; it never
-// waits: an answer that is to come later says so.
+// The built-in services. A service is a row of a table and a function from a request's data to an answer; it
+// never waits: an answer that is to come later says so.
 #ifndef CLHSIM_SERVICES_H
 #define CLHSIM_SERVICES_H
 

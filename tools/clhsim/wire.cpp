@@ -7,16 +7,17 @@
 
 namespace clhsim {
 
-// Where each single word of the header stands; the texts and the two identities of three words follow by hand.
+// Where each single word of the header stands; the texts and the two identities of three words follow by
+// hand.
 struct WordField {
     size_t offset;
     int32_t Header::*field;
 };
 constexpr WordField WORD_FIELDS[] = {
-    {0, &Header::magic},      {4, &Header::seqno},  {8, &Header::buftype},   {12, &Header::bufsize},
-    {16, &Header::msgtype},   {20, &Header::rcode}, {24, &Header::srcid},    {28, &Header::target},
-    {32, &Header::prio},      {36, &Header::value}, {100, &Header::datalen}, {104, &Header::flags},
-    {108, &Header::cd},       {112, &Header::sessid}, {116, &Header::xflags}, {120, &Header::reserved},
+    {0, &Header::magic},    {4, &Header::seqno},    {8, &Header::buftype},   {12, &Header::bufsize},
+    {16, &Header::msgtype}, {20, &Header::rcode},   {24, &Header::srcid},    {28, &Header::target},
+    {32, &Header::prio},    {36, &Header::value},   {100, &Header::datalen}, {104, &Header::flags},
+    {108, &Header::cd},     {112, &Header::sessid}, {116, &Header::xflags},  {120, &Header::reserved},
 };
 constexpr size_t XID_OFFSET = 40;
 constexpr size_t SUBTYPE_OFFSET = 52;

@@ -1,8 +1,8 @@
 // The protocol as the server sees it: the message header, the frames that carry messages, and their bytes.
 //
-// A frame from a client is either a plain message, 136 bytes of header and `datalen` bytes of data, or a compressed
-// one. Nothing that a client sends is believed before it is checked: lengths are held against a limit, and a frame
-// that lies ends the connection.
+// A frame from a client is either a plain message, 136 bytes of header and `datalen` bytes of data, or a
+// compressed one. Nothing that a client sends is believed before it is checked: lengths are held against a
+// limit, and a frame that lies ends the connection.
 #ifndef CLHSIM_WIRE_H
 #define CLHSIM_WIRE_H
 
@@ -116,9 +116,9 @@ void pack_header(const Header &header, char *bytes);
 
 enum class FrameState { INCOMPLETE, COMPLETE, BROKEN };
 
-// What stands at the front of a stream. With COMPLETE, `size` bytes of the stream make up the frame and `data` is
-// the message's; it points into the stream or, for a compressed frame, into the caller's `plain`, and lives as long
-// as they do. With BROKEN, `problem` says why.
+// What stands at the front of a stream. With COMPLETE, `size` bytes of the stream make up the frame and
+// `data` is the message's; it points into the stream or, for a compressed frame, into the caller's `plain`,
+// and lives as long as they do. With BROKEN, `problem` says why.
 struct Frame {
     FrameState state = FrameState::INCOMPLETE;
     size_t size = 0;
@@ -129,8 +129,9 @@ struct Frame {
 };
 Frame next_frame(std::string_view stream, size_t max_data, std::string &plain);
 
-// Appends a message in its frame; sets the header's `datalen`, and `bufsize` to the room a client needs for it.
-// It goes compressed if `compress_from` isn't negative and the data is at least that long. Tells whether it did.
+// Appends a message in its frame; sets the header's `datalen`, and `bufsize` to the room a client needs for
+// it. It goes compressed if `compress_from` isn't negative and the data is at least that long. Tells whether
+// it did.
 bool append_message(std::string &out, Header header, std::string_view data, int64_t compress_from);
 void append_raw(std::string &out, std::string_view data);
 

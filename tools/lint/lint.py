@@ -21,7 +21,7 @@ LONGEST_FILE = 800
 LONGEST_FUNCTION = 80
 
 # They write without a bound, keep state between threads, or end a process that isn't ours.
-BANNED_CALLS = ["strcpy", "strcat", "stpcpy", "sprintf", "vsprintf", "gets", "strtok", "alloca", "abort", "exit",
+BANNED_CALLS = ["strcpy", "strcat", "sprintf", "vsprintf", "gets", "strtok", "alloca", "abort", "exit",
                 "_exit", "quick_exit"]
 # The fatal levels of the error log are meant to end the process.
 ALLOWED_CALLS = {("runtime/errlog.cpp", "abort"), ("runtime/errlog.cpp", "exit")}

@@ -1,0 +1,249 @@
+#include "harness.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <sched.h>
+#include <thread>
+
+int64_t now_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
+}
+
+void give_up(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    fflush(stdout);
+    fputs("bench: ", stderr);
+    vfprintf(stderr, format, arguments);
+    fputc('\n', stderr);
+    va_end(arguments);
+    _Exit(1);
+}
+
+static cpu_set_t cores_at_start()
+{
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    sched_getaffinity(0, sizeof cores, &cores);
+    return cores;
+}
+
+static const cpu_set_t &all_cores()
+{
+    static const cpu_set_t cores = cores_at_start();
+    return cores;
+}
+
+void unpin()
+{
+    sched_setaffinity(0, sizeof(cpu_set_t), &all_cores());
+}
+
+// The last core: the first serves most of the machine's interrupts.
+void pin_to_one_core()
+{
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (int core = CPU_SETSIZE - 1; core >= 0; core--) {
+        if (!CPU_ISSET(core, &all_cores()))
+            continue;
+        CPU_SET(core, &one);
+        break;
+    }
+    if (sched_setaffinity(0, sizeof one, &one) != 0)
+        give_up("can't pin to one core");
+}
+
+schedule trip_schedule(const settings &chosen)
+{
+    return chosen.quick ? schedule{12, 20'000'000} : schedule{100, 20'000'000};
+}
+
+schedule crew_schedule(const settings &chosen)
+{
+    return chosen.quick ? schedule{6, 40'000'000} : schedule{30, 60'000'000};
+}
+
+static void run_round(const contender &runner, int64_t length, series *result)
+{
+    for (int i = 0; i < 3; i++)  // caches and sockets warm again after the other's round
+        runner.once();
+    int64_t begin = now_ns(), last = begin;
+    size_t before = result->times.size();
+    while (last - begin < length) {
+        runner.once();
+        int64_t now = now_ns();
+        result->times.push_back((uint32_t)(now - last));
+        last = now;
+    }
+    result->rates.push_back((double)(result->times.size() - before) * 1e9 / (double)(last - begin));
+}
+
+std::vector<series> alternate(const std::vector<contender> &contenders, schedule plan)
+{
+    std::vector<series> results(contenders.size());
+    for (series &result : results)
+        result.times.reserve(4'000'000);
+    for (int round = 0; round < plan.rounds; round++)
+        for (size_t i = 0; i < contenders.size(); i++)
+            run_round(contenders[i], plan.round_ns, &results[i]);
+    return results;
+}
+
+// The threads of one contender. They sleep outside their rounds.
+struct crew {
+    const crew_plan *plan;
+    std::vector<std::thread> threads;
+    std::vector<std::vector<uint32_t>> times;
+    std::atomic<int> round{0};     // odd: running
+    std::atomic<int> busy{0};      // threads still in set-up, or in the round
+    std::atomic<bool> stop{false};
+    std::atomic<bool> ended{false};
+};
+
+static void leave_round(crew *team)
+{
+    if (team->busy.fetch_sub(1) == 1)
+        team->busy.notify_all();
+}
+
+static void await_idle(crew *team)
+{
+    for (int busy = team->busy.load(); busy > 0; busy = team->busy.load())
+        team->busy.wait(busy);
+}
+
+static void work(crew *team, int index)
+{
+    trip once = team->plan->set_up(index);
+    std::vector<uint32_t> &times = team->times[(size_t)index];
+    times.reserve(1'000'000);
+    int seen = team->round.load();
+    leave_round(team);
+    for (;;) {
+        team->round.wait(seen);
+        seen = team->round.load();
+        if (team->ended.load())
+            break;
+        int64_t last = now_ns();
+        while (!team->stop.load(std::memory_order_relaxed)) {
+            once();
+            int64_t now = now_ns();
+            times.push_back((uint32_t)(now - last));
+            last = now;
+        }
+        leave_round(team);
+    }
+    if (team->plan->tear_down)
+        team->plan->tear_down(index);
+}
+
+static void run_crew_round(crew *team, int64_t length, series *result)
+{
+    auto done = [team] {
+        size_t sum = 0;
+        for (const auto &times : team->times)
+            sum += times.size();
+        return sum;
+    };
+    size_t before = done();
+    team->stop = false;
+    team->busy = team->plan->threads;
+    int64_t begin = now_ns();
+    team->round++;
+    team->round.notify_all();
+    timespec pause = {0, (long)length};
+    nanosleep(&pause, nullptr);
+    team->stop = true;
+    await_idle(team);
+    result->rates.push_back((double)(done() - before) * 1e9 / (double)(now_ns() - begin));
+}
+
+std::vector<series> alternate_crews(const std::vector<crew_plan> &plans, schedule plan)
+{
+    std::vector<std::unique_ptr<crew>> crews;
+    for (const crew_plan &one : plans) {
+        auto team = std::make_unique<crew>();
+        team->plan = &one;
+        team->times.resize((size_t)one.threads);
+        team->busy = one.threads;
+        for (int i = 0; i < one.threads; i++)
+            team->threads.emplace_back(work, team.get(), i);
+        await_idle(team.get());
+        crews.push_back(std::move(team));
+    }
+    std::vector<series> results(plans.size());
+    for (int round = 0; round < plan.rounds; round++)
+        for (size_t i = 0; i < crews.size(); i++)
+            run_crew_round(crews[i].get(), plan.round_ns, &results[i]);
+    for (size_t i = 0; i < crews.size(); i++) {
+        crews[i]->ended = true;
+        crews[i]->round++;
+        crews[i]->round.notify_all();
+        for (std::thread &thread : crews[i]->threads)
+            thread.join();
+        for (const auto &times : crews[i]->times)
+            results[i].times.insert(results[i].times.end(), times.begin(), times.end());
+    }
+    return results;
+}
+
+static double quantile(std::vector<double> values, double part)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values[std::min(values.size() - 1, (size_t)(part * (double)values.size()))];
+}
+
+double median(std::vector<double> values)
+{
+    return quantile(std::move(values), 0.5);
+}
+
+double percentile(const std::vector<uint32_t> &sorted, double part)
+{
+    return sorted.empty() ? 0 : sorted[std::min(sorted.size() - 1, (size_t)(part * (double)sorted.size()))];
+}
+
+spread ratio(const series &measured, const series &baseline)
+{
+    std::vector<double> ratios;
+    for (size_t i = 0; i < measured.rates.size() && i < baseline.rates.size(); i++)
+        ratios.push_back(measured.rates[i] / baseline.rates[i]);
+    return {quantile(ratios, 0.25), quantile(ratios, 0.5), quantile(ratios, 0.75)};
+}
+
+void print_heading(const char *title)
+{
+    printf("\n%s\n", title);
+}
+
+void print_trip_columns()
+{
+    printf("  %-44s %11s %9s %9s   %s\n", "", "trips/s", "p50 us", "p99 us", "ratio (quartiles)");
+}
+
+void print_trip_row(const std::string &what, series measured, const series *baseline, double aim)
+{
+    std::sort(measured.times.begin(), measured.times.end());
+    printf("  %-44s %11.0f %9.2f %9.2f", what.c_str(), median(measured.rates),
+           percentile(measured.times, 0.50) / 1000, percentile(measured.times, 0.99) / 1000);
+    if (baseline != nullptr) {
+        spread share = ratio(measured, *baseline);
+        printf("   %.3f (%.3f-%.3f)", share.middle, share.low, share.high);
+        if (aim > 0)
+            printf("  aim %.2f %s", aim, share.middle >= aim ? "met" : "MISSED");
+    }
+    printf("\n");
+    fflush(stdout);
+}

@@ -1,0 +1,112 @@
+// bench: what the library costs, beside what the machine's sockets cost without it.
+#include "scenarios.h"
+
+#include <cstdio>
+#include <cstring>
+#include <sys/wait.h>
+#include <unistd.h>
+
+struct scenario {
+    const char *name;
+    const char *title;
+    void (*run)(const settings &chosen);
+    bool needs_clhsim;
+};
+
+static constexpr scenario SCENARIOS[] = {
+    {"calls-pinned", "tpcall against the responder, both on one core", calls_on_one_core, false},
+    {"calls-unpinned", "tpcall against the responder, unpinned", calls_unpinned, false},
+    {"clhsim-pinned", "tpcall against clhsim, both on one core", calls_to_clhsim_on_one_core, true},
+    {"clhsim-unpinned", "tpcall against clhsim, unpinned", calls_to_clhsim_unpinned, true},
+    {"threads-unpinned", "threads, 4 bytes, unpinned", threads_unpinned, false},
+    {"threads-pinned", "threads, 4 bytes, all on one core", threads_on_one_core, false},
+    {"window-pinned", "tpacall, a window of 16, both on one core", window_on_one_core, false},
+    {"window-unpinned", "tpacall, a window of 16, unpinned", window_unpinned, false},
+    {"buffers", "tpalloc and tpfree", buffers, false},
+    {"frames", "the frame of a call that does nothing", frames, false},
+};
+
+static void usage(FILE *to)
+{
+    fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
+          "  --quick        short rounds, some 20 seconds in all; without it two to three minutes\n"
+          "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
+          "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
+          "scenarios:\n",
+          to);
+    for (const scenario &one : SCENARIOS)
+        fprintf(to, "  %-18s %s\n", one.name, one.title);
+}
+
+static std::string clhsim_beside_this()
+{
+    char path[4096];
+    ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (length <= 0)
+        return {};
+    std::string beside(path, (size_t)length);
+    beside.resize(beside.rfind('/') + 1);
+    beside += "clhsim";
+    return access(beside.c_str(), X_OK) == 0 ? beside : std::string();
+}
+
+static bool is_chosen(const settings &chosen, const scenario &one)
+{
+    if (one.needs_clhsim && chosen.clhsim.empty())
+        return false;
+    for (const std::string &part : chosen.only)
+        if (strstr(one.name, part.c_str()) != nullptr)
+            return true;
+    return chosen.only.empty();
+}
+
+// 0, or 1 for a scenario that failed.
+static int run_apart(const settings &chosen, const scenario &one)
+{
+    print_heading(one.title);
+    fflush(stdout);
+    pid_t child = fork();
+    if (child == 0) {
+        one.run(chosen);
+        fflush(stdout);
+        _exit(0);
+    }
+    int status = 1;
+    if (child > 0)
+        waitpid(child, &status, 0);
+    if (status == 0)
+        return 0;
+    printf("  failed\n");
+    return 1;
+}
+
+int main(int argc, char **argv)
+{
+    settings chosen;
+    chosen.clhsim = clhsim_beside_this();
+    for (int i = 1; i < argc; i++) {
+        bool has_value = i + 1 < argc;
+        if (strcmp(argv[i], "--quick") == 0) {
+            chosen.quick = true;
+        } else if (strcmp(argv[i], "--only") == 0 && has_value) {
+            chosen.only.push_back(argv[++i]);
+        } else if (strcmp(argv[i], "--clhsim") == 0 && has_value) {
+            chosen.clhsim = argv[++i];
+        } else {
+            bool asked = strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0;
+            usage(asked ? stdout : stderr);
+            return asked ? 0 : 2;
+        }
+    }
+    unpin();
+    int failures = 0, run = 0;
+    for (const scenario &one : SCENARIOS) {
+        if (!is_chosen(chosen, one))
+            continue;
+        run++;
+        failures += run_apart(chosen, one);
+    }
+    if (run == 0)
+        give_up("no such scenario; --help names them");
+    return failures == 0 ? 0 : 1;
+}

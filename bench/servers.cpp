@@ -1,0 +1,252 @@
+#include "servers.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+// Where the responder looks into a message, and what it puts there.
+enum header_offset : size_t { AT_MSGTYPE = 16, AT_RCODE = 20, AT_PRIO = 32, AT_VALUE = 36, AT_XID = 40,
+                              AT_DATALEN = 100, AT_FLAGS = 104, AT_CD = 108, AT_SESSID = 112 };
+constexpr uint32_t START = 1, INIT = 21, REPLY = 1000;
+constexpr uint32_t ACALL_ROWS = 256, CONVERSATION_ROWS = 64, BLOCK_SECONDS = 60, TRANSACTION_SECONDS = 60;
+constexpr size_t LONGEST_MESSAGE = 1 << 20;
+
+static uint32_t word_at(const char *bytes)
+{
+    uint32_t word;
+    memcpy(&word, bytes, sizeof word);
+    return ntohl(word);
+}
+
+static void set_word(char *bytes, uint32_t value)
+{
+    value = htonl(value);
+    memcpy(bytes, &value, sizeof value);
+}
+
+static void no_delay(int fd)
+{
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+void send_all(int fd, const char *bytes, size_t size)
+{
+    while (size > 0) {
+        ssize_t sent = send(fd, bytes, size, MSG_NOSIGNAL);
+        if (sent <= 0)
+            give_up("send: %s", strerror(errno));
+        bytes += sent;
+        size -= (size_t)sent;
+    }
+}
+
+void receive_all(int fd, char *bytes, size_t size)
+{
+    while (size > 0) {
+        ssize_t got = recv(fd, bytes, size, MSG_WAITALL);
+        if (got <= 0)
+            give_up("recv: %s", got == 0 ? "end of the stream" : strerror(errno));
+        bytes += got;
+        size -= (size_t)got;
+    }
+}
+
+// --- The responder's side. Its threads end when their connection does, and with the process at the latest.
+
+static bool reply_all(int fd, const char *bytes, size_t size)
+{
+    while (size > 0) {
+        ssize_t sent = send(fd, bytes, size, MSG_NOSIGNAL);
+        if (sent <= 0)
+            return false;
+        bytes += sent;
+        size -= (size_t)sent;
+    }
+    return true;
+}
+
+static void answer_bare(int fd)
+{
+    char first[4];
+    if (recv(fd, first, sizeof first, MSG_WAITALL) != (ssize_t)sizeof first)
+        return;
+    size_t size = word_at(first);
+    if (size > LONGEST_MESSAGE)
+        return;
+    std::vector<char> message(size);
+    while (recv(fd, message.data(), size, MSG_WAITALL) == (ssize_t)size && reply_all(fd, message.data(), size))
+        ;
+}
+
+// The start reply's settings stand in its header; it needs no data.
+static void fill_start_reply(char *head)
+{
+    set_word(head + AT_RCODE, ACALL_ROWS);
+    set_word(head + AT_CD, CONVERSATION_ROWS);
+    set_word(head + AT_PRIO, 1);
+    set_word(head + AT_VALUE, 1);
+    set_word(head + AT_XID, 0);
+    set_word(head + AT_XID + 4, TRANSACTION_SECONDS);
+    set_word(head + AT_XID + 8, BLOCK_SECONDS);
+    set_word(head + AT_SESSID, 1);
+    set_word(head + AT_DATALEN, 0);
+}
+
+// Turns the request at the front of `bytes` into its reply; the reply's size.
+static size_t turn_into_reply(char *bytes, size_t size)
+{
+    uint32_t type = word_at(bytes + AT_MSGTYPE);
+    set_word(bytes + AT_MSGTYPE, type + REPLY);
+    set_word(bytes + AT_FLAGS, 0);
+    if (type != START && type != INIT)
+        return size;
+    fill_start_reply(bytes);
+    return MESSAGE_HEAD;
+}
+
+static void answer_protocol(int fd)
+{
+    std::vector<char> buffer(LONGEST_MESSAGE);
+    size_t there = 0;
+    for (;;) {
+        size_t wanted = MESSAGE_HEAD;
+        if (there >= MESSAGE_HEAD)
+            wanted += word_at(buffer.data() + AT_DATALEN);
+        if (wanted > buffer.size())
+            return;
+        if (there < wanted) {
+            // The first read takes whatever is there; a long message's rest then comes with one more.
+            bool rest = there >= MESSAGE_HEAD;
+            ssize_t got = rest ? recv(fd, buffer.data() + there, wanted - there, MSG_WAITALL)
+                               : recv(fd, buffer.data() + there, buffer.size() - there, 0);
+            if (got <= 0)
+                return;
+            there += (size_t)got;
+            continue;
+        }
+        size_t reply = turn_into_reply(buffer.data(), wanted);
+        if (!reply_all(fd, buffer.data(), reply))
+            return;
+        there -= wanted;
+        memmove(buffer.data(), buffer.data() + wanted, there);
+    }
+}
+
+static int listen_on_free_port(int *port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd < 0 || bind(fd, (sockaddr *)&address, sizeof address) != 0 || listen(fd, 256) != 0 ||
+        getsockname(fd, (sockaddr *)&address, &length) != 0)
+        give_up("can't listen: %s", strerror(errno));
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+[[noreturn]] static void serve(int protocol_fd, int bare_fd)
+{
+    pollfd ports[2] = {{protocol_fd, POLLIN, 0}, {bare_fd, POLLIN, 0}};
+    for (;;) {
+        poll(ports, 2, -1);
+        for (const pollfd &port : ports) {
+            if ((port.revents & POLLIN) == 0)
+                continue;
+            int fd = accept(port.fd, nullptr, nullptr);
+            if (fd < 0)
+                continue;
+            no_delay(fd);
+            auto answer = port.fd == protocol_fd ? answer_protocol : answer_bare;
+            std::thread([fd, answer] {
+                answer(fd);
+                close(fd);
+            }).detach();
+        }
+    }
+}
+
+server start_responder()
+{
+    server peer;
+    int protocol_fd = listen_on_free_port(&peer.protocol_port), bare_fd = listen_on_free_port(&peer.bare_port);
+    peer.pid = fork();
+    if (peer.pid < 0)
+        give_up("fork: %s", strerror(errno));
+    if (peer.pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        serve(protocol_fd, bare_fd);
+    }
+    close(protocol_fd);
+    close(bare_fd);
+    return peer;
+}
+
+server start_clhsim(const settings &chosen)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        give_up("pipe: %s", strerror(errno));
+    server peer;
+    peer.pid = fork();
+    if (peer.pid < 0)
+        give_up("fork: %s", strerror(errno));
+    if (peer.pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        close(ready[0]);
+        if (freopen("/dev/null", "w", stdout) == nullptr)
+            _exit(127);
+        std::string ready_fd = std::to_string(ready[1]);
+        execl(chosen.clhsim.c_str(), "clhsim", "--port", "0", "--ready-fd", ready_fd.c_str(), (char *)nullptr);
+        _exit(127);
+    }
+    close(ready[1]);
+    char text[16] = "";
+    if (read(ready[0], text, sizeof text - 1) <= 0)
+        give_up("%s doesn't start", chosen.clhsim.c_str());
+    close(ready[0]);
+    peer.protocol_port = atoi(text);
+    return peer;
+}
+
+void stop_server(server *peer)
+{
+    kill(peer->pid, SIGKILL);
+    waitpid(peer->pid, nullptr, 0);
+    peer->pid = -1;
+}
+
+void point_library_at(const server &peer)
+{
+    std::string address = "127.0.0.1:" + std::to_string(peer.protocol_port);
+    setenv("VORN_HOST_ADDR", address.c_str(), 1);
+}
+
+int connect_bare(const server &peer, uint32_t size)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons((uint16_t)peer.bare_port);
+    if (fd < 0 || connect(fd, (sockaddr *)&address, sizeof address) != 0)
+        give_up("can't connect: %s", strerror(errno));
+    no_delay(fd);
+    char first[4];
+    set_word(first, size);
+    send_all(fd, first, sizeof first);
+    return fd;
+}

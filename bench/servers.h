@@ -1,0 +1,35 @@
+// The other ends: the leanest blocking responder, which is the measure of the library, and clhsim.
+//
+// The responder is a process of its own, with a thread that does nothing but recv and send for each connection. On one
+// port it answers bare bytes: a client tells the size of a message once, then each message comes back as it is. On
+// the other it speaks the protocol with a codec of its own: it lets every start in, and turns each call into its reply
+// in place, so the bytes of a call and of its reply are as many as those of a bare message of that size.
+#ifndef VORN_BENCH_SERVERS_H
+#define VORN_BENCH_SERVERS_H
+
+#include "harness.h"
+
+#include <sys/types.h>
+
+constexpr size_t MESSAGE_HEAD = 136;  // in front of a message's data
+
+struct server {
+    pid_t pid = -1;
+    int protocol_port = 0;
+    int bare_port = 0;  // 0: has none
+};
+
+// Both pin themselves as the caller is pinned.
+server start_responder();
+server start_clhsim(const settings &chosen);
+void stop_server(server *peer);
+
+// Lets the library find the server.
+void point_library_at(const server &peer);
+
+// A bare connection of messages of `size` bytes.
+int connect_bare(const server &peer, uint32_t size);
+void send_all(int fd, const char *bytes, size_t size);
+void receive_all(int fd, char *bytes, size_t size);
+
+#endif

@@ -1,0 +1,68 @@
+// Many threads: all on one shared connection, and each on a connection of its own, beside the bare ping-pong with a
+// connection a thread.
+#include "scenarios.h"
+
+#include <cstdio>
+#include <vorn.h>
+
+constexpr size_t DATA_SIZE = 4;
+constexpr int THREAD_COUNTS[] = {1, 2, 4, 8, 16};
+constexpr double SHARED_AIM = 0.60;
+
+static trip own_session(int)
+{
+    open_session(TPMULTICONTEXTS);
+    return call_trip(DATA_SIZE);
+}
+
+static void end_session(int)
+{
+    tpend();
+}
+
+static trip join_context(int context)
+{
+    if (tpsetctxt(context, 0) < 0)
+        give_up("tpsetctxt: %s", tpstrerror(tperrno));
+    return call_trip(DATA_SIZE);
+}
+
+static void leave_context(int)
+{
+    tpsetctxt(TPNULLCONTEXT, 0);
+}
+
+static void compare_threads(const settings &chosen)
+{
+    server peer = start_responder();
+    point_library_at(peer);
+    open_session(TPMULTICONTEXTS);
+    int context = 0;
+    if (tpgetctxt(&context, 0) < 0)
+        give_up("tpgetctxt: %s", tpstrerror(tperrno));
+    print_trip_columns();
+    for (int threads : THREAD_COUNTS) {
+        auto results = alternate_crews(
+            {{"bare", threads, [&peer](int) { return bare_trip(peer, DATA_SIZE); }, nullptr},
+             {"own", threads, own_session, end_session},
+             {"shared", threads, [context](int) { return join_context(context); }, leave_context}},
+            crew_schedule(chosen));
+        std::string count = std::to_string(threads) + (threads == 1 ? " thread, " : " threads, ");
+        print_trip_row(count + "bare, a connection each", results[0], nullptr);
+        print_trip_row(count + "tpcall, a connection each", results[1], &results[0]);
+        print_trip_row(count + "tpcall, one connection", results[2], &results[0], threads == 16 ? SHARED_AIM : 0);
+    }
+    tpend();
+    stop_server(&peer);
+}
+
+void threads_unpinned(const settings &chosen)
+{
+    compare_threads(chosen);
+}
+
+void threads_on_one_core(const settings &chosen)
+{
+    pin_to_one_core();
+    compare_threads(chosen);
+}
