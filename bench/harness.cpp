@@ -43,24 +43,46 @@ static const cpu_set_t &all_cores()
     return cores;
 }
 
-void unpin()
+int core_count()
 {
-    sched_setaffinity(0, sizeof(cpu_set_t), &all_cores());
+    return CPU_COUNT(&all_cores());
 }
 
-// The last core: the first serves most of the machine's interrupts.
-void pin_to_one_core()
+static void run_on(const cpu_set_t &cores)
 {
-    cpu_set_t one;
-    CPU_ZERO(&one);
+    if (sched_setaffinity(0, sizeof cores, &cores) != 0)
+        give_up("can't choose the cores to run on");
+}
+
+// Counted from the last core: the first serves most of the machine's interrupts.
+static void run_on_core(int number)
+{
     for (int core = CPU_SETSIZE - 1; core >= 0; core--) {
-        if (!CPU_ISSET(core, &all_cores()))
+        if (!CPU_ISSET(core, &all_cores()) || number-- > 0)
             continue;
+        cpu_set_t one;
+        CPU_ZERO(&one);
         CPU_SET(core, &one);
-        break;
+        run_on(one);
+        return;
     }
-    if (sched_setaffinity(0, sizeof one, &one) != 0)
-        give_up("can't pin to one core");
+    give_up("not enough cores");
+}
+
+void place_server(placement where)
+{
+    if (where == placement::anywhere)
+        run_on(all_cores());
+    else
+        run_on_core(where == placement::two_cores ? 1 : 0);
+}
+
+void place_client(placement where)
+{
+    if (where == placement::anywhere)
+        run_on(all_cores());
+    else
+        run_on_core(0);
 }
 
 schedule trip_schedule(const settings &chosen)
@@ -104,8 +126,8 @@ struct crew {
     const crew_plan *plan;
     std::vector<std::thread> threads;
     std::vector<std::vector<uint32_t>> times;
-    std::atomic<int> round{0};     // odd: running
-    std::atomic<int> busy{0};      // threads still in set-up, or in the round
+    std::atomic<int> round{0};  // odd: running
+    std::atomic<int> busy{0};   // threads still in set-up, or in the round
     std::atomic<bool> stop{false};
     std::atomic<bool> ended{false};
 };

@@ -12,21 +12,25 @@
 struct settings {
     bool quick = false;
     std::vector<std::string> only;  // parts of names of scenarios; empty: all
-    std::string clhsim;             // path of the stand-in server; empty: not there
+    bool two_cores = false;
+    std::string clhsim;  // path of the stand-in server; empty: not there
 };
 
 int64_t now_ns();
 [[noreturn]] void give_up(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Binds the calling thread, and the threads and processes that it makes from now on, to one core, or to all that the
-// program was started with.
-void pin_to_one_core();
-void unpin();
+// Where the two ends of a connection run. Left to itself, a kernel may put both on one core or on two, as it likes.
+enum class placement { one_core, two_cores, anywhere };
+
+// Binds the calling thread, and the threads and processes that it makes from now on, to the cores of that end.
+void place_server(placement where);
+void place_client(placement where);
+int core_count();  // that this program may run on
 
 // What one contender gave.
 struct series {
-    std::vector<double> rates;       // one a round, in trips a second
-    std::vector<uint32_t> times;     // of each trip, in nanoseconds
+    std::vector<double> rates;    // one a round, in trips a second
+    std::vector<uint32_t> times;  // of each trip, in nanoseconds
 };
 
 using trip = std::function<void()>;

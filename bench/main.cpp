@@ -9,27 +9,30 @@
 struct scenario {
     const char *name;
     const char *title;
-    void (*run)(const settings &chosen);
-    bool needs_clhsim;
+    void (*run)(const settings &chosen, placement where);
+    placement where;
 };
 
 static constexpr scenario SCENARIOS[] = {
-    {"calls-pinned", "tpcall against the responder, both on one core", calls_on_one_core, false},
-    {"calls-unpinned", "tpcall against the responder, unpinned", calls_unpinned, false},
-    {"clhsim-pinned", "tpcall against clhsim, both on one core", calls_to_clhsim_on_one_core, true},
-    {"clhsim-unpinned", "tpcall against clhsim, unpinned", calls_to_clhsim_unpinned, true},
-    {"threads-unpinned", "threads, 4 bytes, unpinned", threads_unpinned, false},
-    {"threads-pinned", "threads, 4 bytes, all on one core", threads_on_one_core, false},
-    {"window-pinned", "tpacall, a window of 16, both on one core", window_on_one_core, false},
-    {"window-unpinned", "tpacall, a window of 16, unpinned", window_unpinned, false},
-    {"buffers", "tpalloc and tpfree", buffers, false},
-    {"frames", "the frame of a call that does nothing", frames, false},
+    {"calls-pinned", "tpcall against the responder, both on one core", calls, placement::one_core},
+    {"calls-two-cores", "tpcall against the responder, each on a core of its own", calls,
+     placement::two_cores},
+    {"calls-unpinned", "tpcall against the responder, unpinned", calls, placement::anywhere},
+    {"clhsim-pinned", "tpcall against clhsim, both on one core", calls_to_clhsim, placement::one_core},
+    {"clhsim-unpinned", "tpcall against clhsim, unpinned", calls_to_clhsim, placement::anywhere},
+    {"threads-pinned", "threads, 4 bytes, all on one core", threads, placement::one_core},
+    {"threads-two-cores", "threads, 4 bytes, the responder on another core", threads, placement::two_cores},
+    {"threads-unpinned", "threads, 4 bytes, unpinned", threads, placement::anywhere},
+    {"window-pinned", "tpacall, a window of 16, both on one core", window, placement::one_core},
+    {"window-unpinned", "tpacall, a window of 16, unpinned", window, placement::anywhere},
+    {"buffers", "tpalloc and tpfree", buffers, placement::one_core},
+    {"frames", "the frame of a call that does nothing", frames, placement::one_core},
 };
 
 static void usage(FILE *to)
 {
     fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
-          "  --quick        short rounds, some 20 seconds in all; without it two to three minutes\n"
+          "  --quick        short rounds, some 20 seconds in all; without it three minutes\n"
           "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
           "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
           "scenarios:\n",
@@ -52,7 +55,9 @@ static std::string clhsim_beside_this()
 
 static bool is_chosen(const settings &chosen, const scenario &one)
 {
-    if (one.needs_clhsim && chosen.clhsim.empty())
+    if (one.run == calls_to_clhsim && chosen.clhsim.empty())
+        return false;
+    if (one.where == placement::two_cores && !chosen.two_cores)
         return false;
     for (const std::string &part : chosen.only)
         if (strstr(one.name, part.c_str()) != nullptr)
@@ -67,7 +72,7 @@ static int run_apart(const settings &chosen, const scenario &one)
     fflush(stdout);
     pid_t child = fork();
     if (child == 0) {
-        one.run(chosen);
+        one.run(chosen, one.where);
         fflush(stdout);
         _exit(0);
     }
@@ -98,7 +103,8 @@ int main(int argc, char **argv)
             return asked ? 0 : 2;
         }
     }
-    unpin();
+    place_client(placement::anywhere);  // notes the cores before anything is pinned
+    chosen.two_cores = core_count() > 1;
     int failures = 0, run = 0;
     for (const scenario &one : SCENARIOS) {
         if (!is_chosen(chosen, one))

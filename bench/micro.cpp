@@ -36,8 +36,9 @@ static void keep(const void *pointer)
     asm volatile("" : : "r"(pointer) : "memory");
 }
 
-void buffers(const settings &chosen)
+void buffers(const settings &chosen, placement)
 {
+    place_client(placement::one_core);
     int measurements = chosen.quick ? 100 : 1000;
     printf("  %-44s %11s %11s   %s\n", "", "calloc+free", "ns", "times as long");
     for (size_t size : {(size_t)4, (size_t)1024, (size_t)65536}) {
@@ -119,15 +120,17 @@ static std::vector<trivial_call> trivial_calls(char *buffer)
              int context;
              tpgetctxt(&context, 0);
              keep(&context);
-         }), 0},
+         }),
+         0},
     };
 }
 
 constexpr int BOUND_THREADS = 200;
 
 // The measuring thread binds its row last, so that a walk of the table would be as long as it can be.
-void frames(const settings &chosen)
+void frames(const settings &chosen, placement)
 {
+    place_client(placement::one_core);
     int measurements = chosen.quick ? 100 : 500, cycles = chosen.quick ? 2 : 5;
     server peer = start_responder();
     point_library_at(peer);

@@ -5,16 +5,16 @@
 #include "harness.h"
 #include "servers.h"
 
-void calls_on_one_core(const settings &chosen);
-void calls_unpinned(const settings &chosen);
-void calls_to_clhsim_on_one_core(const settings &chosen);
-void calls_to_clhsim_unpinned(const settings &chosen);
-void threads_unpinned(const settings &chosen);
-void threads_on_one_core(const settings &chosen);
-void window_on_one_core(const settings &chosen);
-void window_unpinned(const settings &chosen);
-void buffers(const settings &chosen);
-void frames(const settings &chosen);
+// Round trips on one thread, against the responder and against clhsim.
+void calls(const settings &chosen, placement where);
+void calls_to_clhsim(const settings &chosen, placement where);
+// A window of asynchronous calls.
+void window(const settings &chosen, placement where);
+// 1 to 16 threads, on one connection and on one each.
+void threads(const settings &chosen, placement where);
+// What doesn't talk to the server runs on one core, wherever it is asked to.
+void buffers(const settings &chosen, placement where);
+void frames(const settings &chosen, placement where);
 
 // Steps that they share. All of them end the program on an error.
 void open_session(long flags);

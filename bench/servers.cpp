@@ -16,8 +16,17 @@
 #include <unistd.h>
 
 // Where the responder looks into a message, and what it puts there.
-enum header_offset : size_t { AT_MSGTYPE = 16, AT_RCODE = 20, AT_PRIO = 32, AT_VALUE = 36, AT_XID = 40,
-                              AT_DATALEN = 100, AT_FLAGS = 104, AT_CD = 108, AT_SESSID = 112 };
+enum header_offset : size_t {
+    AT_MSGTYPE = 16,
+    AT_RCODE = 20,
+    AT_PRIO = 32,
+    AT_VALUE = 36,
+    AT_XID = 40,
+    AT_DATALEN = 100,
+    AT_FLAGS = 104,
+    AT_CD = 108,
+    AT_SESSID = 112
+};
 constexpr uint32_t START = 1, INIT = 21, REPLY = 1000;
 constexpr uint32_t ACALL_ROWS = 256, CONVERSATION_ROWS = 64, BLOCK_SECONDS = 60, TRANSACTION_SECONDS = 60;
 constexpr size_t LONGEST_MESSAGE = 1 << 20;
@@ -86,7 +95,8 @@ static void answer_bare(int fd)
     if (size > LONGEST_MESSAGE)
         return;
     std::vector<char> message(size);
-    while (recv(fd, message.data(), size, MSG_WAITALL) == (ssize_t)size && reply_all(fd, message.data(), size))
+    while (recv(fd, message.data(), size, MSG_WAITALL) == (ssize_t)size &&
+           reply_all(fd, message.data(), size))
         ;
 }
 
@@ -182,7 +192,8 @@ static int listen_on_free_port(int *port)
 server start_responder()
 {
     server peer;
-    int protocol_fd = listen_on_free_port(&peer.protocol_port), bare_fd = listen_on_free_port(&peer.bare_port);
+    int protocol_fd = listen_on_free_port(&peer.protocol_port),
+        bare_fd = listen_on_free_port(&peer.bare_port);
     peer.pid = fork();
     if (peer.pid < 0)
         give_up("fork: %s", strerror(errno));
@@ -210,7 +221,8 @@ server start_clhsim(const settings &chosen)
         if (freopen("/dev/null", "w", stdout) == nullptr)
             _exit(127);
         std::string ready_fd = std::to_string(ready[1]);
-        execl(chosen.clhsim.c_str(), "clhsim", "--port", "0", "--ready-fd", ready_fd.c_str(), (char *)nullptr);
+        execl(chosen.clhsim.c_str(), "clhsim", "--port", "0", "--ready-fd", ready_fd.c_str(),
+              (char *)nullptr);
         _exit(127);
     }
     close(ready[1]);

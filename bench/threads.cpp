@@ -32,37 +32,29 @@ static void leave_context(int)
     tpsetctxt(TPNULLCONTEXT, 0);
 }
 
-static void compare_threads(const settings &chosen)
+void threads(const settings &chosen, placement where)
 {
+    place_server(where);
     server peer = start_responder();
+    place_client(where);
     point_library_at(peer);
     open_session(TPMULTICONTEXTS);
     int context = 0;
     if (tpgetctxt(&context, 0) < 0)
         give_up("tpgetctxt: %s", tpstrerror(tperrno));
     print_trip_columns();
-    for (int threads : THREAD_COUNTS) {
+    for (int count : THREAD_COUNTS) {
         auto results = alternate_crews(
-            {{"bare", threads, [&peer](int) { return bare_trip(peer, DATA_SIZE); }, nullptr},
-             {"own", threads, own_session, end_session},
-             {"shared", threads, [context](int) { return join_context(context); }, leave_context}},
+            {{"bare", count, [&peer](int) { return bare_trip(peer, DATA_SIZE); }, nullptr},
+             {"own", count, own_session, end_session},
+             {"shared", count, [context](int) { return join_context(context); }, leave_context}},
             crew_schedule(chosen));
-        std::string count = std::to_string(threads) + (threads == 1 ? " thread, " : " threads, ");
-        print_trip_row(count + "bare, a connection each", results[0], nullptr);
-        print_trip_row(count + "tpcall, a connection each", results[1], &results[0]);
-        print_trip_row(count + "tpcall, one connection", results[2], &results[0], threads == 16 ? SHARED_AIM : 0);
+        std::string name = std::to_string(count) + (count == 1 ? " thread, " : " threads, ");
+        print_trip_row(name + "bare, a connection each", results[0], nullptr);
+        print_trip_row(name + "tpcall, a connection each", results[1], &results[0]);
+        print_trip_row(name + "tpcall, one connection", results[2], &results[0],
+                       count == 16 && where != placement::two_cores ? SHARED_AIM : 0);
     }
     tpend();
     stop_server(&peer);
-}
-
-void threads_unpinned(const settings &chosen)
-{
-    compare_threads(chosen);
-}
-
-void threads_on_one_core(const settings &chosen)
-{
-    pin_to_one_core();
-    compare_threads(chosen);
 }

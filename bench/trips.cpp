@@ -59,10 +59,13 @@ trip bare_trip(const server &peer, size_t size)
 }
 
 // The baseline is always the bare ping-pong with the responder, whoever answers the calls.
-static void compare_calls(const settings &chosen, bool against_clhsim, const double aims[3])
+static void compare_calls(const settings &chosen, placement where, bool against_clhsim)
 {
+    static constexpr double AIMS[] = {0.85, 0, 0.90};
+    place_server(where);
     server responder = start_responder();
     server peer = against_clhsim ? start_clhsim(chosen) : responder;
+    place_client(where);
     point_library_at(peer);
     open_session(0);
     print_trip_columns();
@@ -71,7 +74,8 @@ static void compare_calls(const settings &chosen, bool against_clhsim, const dou
         auto results = alternate({{"bare", bare_trip(responder, SIZES[i])}, {"tpcall", call_trip(SIZES[i])}},
                                  trip_schedule(chosen));
         print_trip_row(size + ", bare ping-pong", results[0], nullptr);
-        print_trip_row(size + ", tpcall", results[1], &results[0], aims[i]);
+        print_trip_row(size + ", tpcall", results[1], &results[0],
+                       where == placement::one_core && !against_clhsim ? AIMS[i] : 0);
     }
     tpend();
     if (against_clhsim)
@@ -79,29 +83,14 @@ static void compare_calls(const settings &chosen, bool against_clhsim, const dou
     stop_server(&responder);
 }
 
-static constexpr double NO_AIMS[3] = {};
-static constexpr double CALL_AIMS[3] = {0.85, 0, 0.90};
-
-void calls_on_one_core(const settings &chosen)
+void calls(const settings &chosen, placement where)
 {
-    pin_to_one_core();
-    compare_calls(chosen, false, CALL_AIMS);
+    compare_calls(chosen, where, false);
 }
 
-void calls_unpinned(const settings &chosen)
+void calls_to_clhsim(const settings &chosen, placement where)
 {
-    compare_calls(chosen, false, NO_AIMS);
-}
-
-void calls_to_clhsim_on_one_core(const settings &chosen)
-{
-    pin_to_one_core();
-    compare_calls(chosen, true, NO_AIMS);
-}
-
-void calls_to_clhsim_unpinned(const settings &chosen)
-{
-    compare_calls(chosen, true, NO_AIMS);
+    compare_calls(chosen, where, true);
 }
 
 // --- A window of outstanding messages: each trip takes the oldest reply and sends the next message.
@@ -145,32 +134,20 @@ static trip acall_window(size_t size)
     };
 }
 
-static void compare_windows(const settings &chosen)
+void window(const settings &chosen, placement where)
 {
+    place_server(where);
     server peer = start_responder();
+    place_client(where);
     point_library_at(peer);
-    open_session(0);
     print_trip_columns();
     for (size_t size : {SIZES[0], SIZES[1]}) {
+        open_session(0);
         auto results = alternate({{"bare", bare_window(peer, size)}, {"tpacall", acall_window(size)}},
                                  trip_schedule(chosen));
         print_trip_row(std::string(size_name(size)) + ", bare, 16 outstanding", results[0], nullptr);
         print_trip_row(std::string(size_name(size)) + ", tpacall, 16 outstanding", results[1], &results[0]);
-        // The window's replies would stand in the way of the next one's.
-        tpend();
-        open_session(0);
+        tpend();  // the outstanding replies go with their session
     }
-    tpend();
     stop_server(&peer);
-}
-
-void window_on_one_core(const settings &chosen)
-{
-    pin_to_one_core();
-    compare_windows(chosen);
-}
-
-void window_unpinned(const settings &chosen)
-{
-    compare_windows(chosen);
 }

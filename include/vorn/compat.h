@@ -1,9 +1,10 @@
 /* The compatibility numbering: the library's errors as programs see them that were written to the other
- * transaction monitor interface. It is a table of its own; most numbers agree with vorn/errors.h, some don't.
+ * transaction monitor interface. It is a table of its own; most numbers agree with vorn/errors.h, some
+ * don't.
  *
- * Define VORN_COMPAT_NUMBERS before including this file to let tperrno and tpstrerror themselves speak this
- * numbering. The cells are those of the thread's context and are filled anew at each access, so threads that share
- * a context must not rely on a value beyond the expression that reads it. */
+ * Define VORN_COMPAT_NUMBERS before including this file to let tperrno and tpstrerror themselves speak
+ * this numbering. The cells are those of the thread's context and are filled anew at each access, so
+ * threads that share a context must not rely on a value beyond the expression that reads it. */
 #ifndef VORN_COMPAT_H
 #define VORN_COMPAT_H
 
@@ -13,8 +14,8 @@
 extern "C" {
 #endif
 
-/* Error numbers that only this numbering has. TPEBADDESC to TPEMATCH are those of vorn/errors.h where both have
- * the name. 31 and 32 keep their native meaning and have no text here. */
+/* Error numbers that only this numbering has. TPEBADDESC to TPEMATCH are those of vorn/errors.h where both
+ * have the name. 31 and 32 keep their native meaning and have no text here. */
 #define TPMINVAL 0
 #define TPEABORT 1
 #define TPEPERM 8
@@ -84,8 +85,8 @@ extern "C" {
 #define UNLIST 32
 #define UUNIXMAX 33
 
-/* Addresses of the mapped cells: of tperrno, of the C library's errno, of fberror. Each call maps afresh. NULL only
- * if the library has no memory for its tables. */
+/* Addresses of the mapped cells: of tperrno, of the C library's errno, of fberror. Each call maps afresh.
+ * NULL only if the library has no memory for its tables. */
 int *_tmget_compat_errno_addr(void);
 int *_tmget_compat_unixerrno_addr(void);
 int *_tmget_compat_Ferror_addr(void);
@@ -98,14 +99,14 @@ int *_tmget_compat_Ferror_addr(void);
 /* The mapped fberror; 0 if the library has no memory for its tables. */
 int getFerror2(void);
 
-/* Texts of numbers of this numbering; constant strings, never NULL. A number outside a table has the text of its
- * last row. */
+/* Texts of numbers of this numbering; constant strings, never NULL. A number outside a table has the text
+ * of its last row. */
 const char *_tmget_compat_strerror(int number);
 const char *_tmget_compat_strFerror(int number);
 const char *Ustrerror(int number);
 
-/* Writes to stderr the name of the call class for errno and a newline; with a `msg` (an empty one counts) "msg: "
- * stands before it. */
+/* Writes to stderr the name of the call class for errno and a newline; with a `msg` (an empty one counts)
+ * "msg: " stands before it. */
 void Uunix_err(const char *msg);
 
 /* As print_fberror (vorn/errors.h), with the text of the mapped number. */

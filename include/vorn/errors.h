@@ -1,9 +1,9 @@
 /* Error numbers, the cells that hold them, and their texts.
  *
- * A call that fails returns -1 or NULL and leaves the reason in a cell of the calling thread: tperrno for the tp*,
- * tx_*, kmq_* and vorn_* calls, fberror for the field buffer calls. tpurcode holds the user return code of the last
- * reply. A value stays until the thread's next call. Define VORN_NO_CELL_MACROS before including this file to keep
- * the three names free, and use the functions instead. */
+ * A call that fails returns -1 or NULL and leaves the reason in a cell of the calling thread: tperrno for
+ * the tp*, tx_*, kmq_* and vorn_* calls, fberror for the field buffer calls. tpurcode holds the user
+ * return code of the last reply. A value stays until the thread's next call. Define VORN_NO_CELL_MACROS
+ * before including this file to keep the three names free, and use the functions instead. */
 #ifndef VORN_ERRORS_H
 #define VORN_ERRORS_H
 
@@ -63,8 +63,8 @@ extern "C" {
 #define FBEBADTBL 20
 #define FBEMAXNO 21
 
-/* The addresses of the calling thread's cells. Valid until the thread changes its context; ask anew each time.
- * NULL only if the library has no memory for its tables. */
+/* The addresses of the calling thread's cells. Valid until the thread changes its context; ask anew each
+ * time. NULL only if the library has no memory for its tables. */
 int *_tmget_tperrno_addr(void);
 long *_tmget_tpurcode_addr(void);
 int *_tmget_fberror_addr(void);
@@ -75,28 +75,28 @@ int *_tmget_fberror_addr(void);
 #define fberror (*_tmget_fberror_addr())
 #endif
 
-/* The values of the cells; 0 if the library has no memory for its tables. getfberror and getfberrno are the same;
- * so is getFerror, which gives the native number although its name suggests the other numbering. None of these
- * changes a cell. */
+/* The values of the cells; 0 if the library has no memory for its tables. getfberror and getfberrno are
+ * the same; so is getFerror, which gives the native number although its name suggests the other numbering.
+ * None of these changes a cell. */
 int gettperrno(void);
 long gettpurcode(void);
 int getfberror(void);
 int getfberrno(void);
 int getFerror(void);
 
-/* What is behind the present tperrno: 1 for a time-out, 2 for a closed connection, -1 for all else. `flags` is not
- * looked at. */
+/* What is behind the present tperrno: 1 for a time-out, 2 for a closed connection, -1 for all else.
+ * `flags` is not looked at. */
 int tperrordetail(long flags);
 
-/* Texts. Constant strings, never NULL and never to be freed; a number outside a table has the text of its last
- * row (empty for tpstrerror), a code that txstrerror or xastrerror doesn't know a text that says so. */
-const char *tpstrerror(int number);  /* a tperrno */
-const char *fbstrerror(int number);  /* an fberror */
-const char *txstrerror(int code);    /* what a tx_ call returned */
-const char *xastrerror(int code);    /* what an xa_ routine returned */
+/* Texts. Constant strings, never NULL and never to be freed; a number outside a table has the text of its
+ * last row (empty for tpstrerror), a code that txstrerror or xastrerror doesn't know a text that says so. */
+const char *tpstrerror(int number); /* a tperrno */
+const char *fbstrerror(int number); /* an fberror */
+const char *txstrerror(int code);   /* what a tx_ call returned */
+const char *xastrerror(int code);   /* what an xa_ routine returned */
 
-/* Writes `msg`, ": " and the text of fberror to stderr, without a newline. In `msg` "%%" stands for one "%"; there
- * are no other conversions. NULL counts as empty. */
+/* Writes `msg`, ": " and the text of fberror to stderr, without a newline. In `msg` "%%" stands for one
+ * "%"; there are no other conversions. NULL counts as empty. */
 void print_fberror(const char *msg);
 
 #ifdef __cplusplus

@@ -1,8 +1,8 @@
 /* The application's log, and the trace hook.
  *
- * With ULOGPFX (or ULOG) in the environment the log goes to the local file "<prefix>.MMDDYYYY", one a day; without
- * it each line is sent to the server, which needs a session. A line reads "cli.<pid>.HHMMSS: text", with
- * "xid = ..: " before the text while a transaction is open. */
+ * With ULOGPFX (or ULOG) in the environment the log goes to the local file "<prefix>.MMDDYYYY", one a day;
+ * without it each line is sent to the server, which needs a session. A line reads "cli.<pid>.HHMMSS:
+ * text", with "xid = ..: " before the text while a transaction is open. */
 #ifndef VORN_LOG_H
 #define VORN_LOG_H
 
@@ -16,25 +16,26 @@ extern "C" {
 #define VORN_LOG_FORMAT
 #endif
 
-/* One line of the user log, as printf; a newline is added. A line is cut behind 8096 bytes, prefix included. None
- * of these calls clears tperrno. 1, or -1 with tperrno: TPEOS (the file can't be opened or written), or what the
- * sending set. */
+/* One line of the user log, as printf; a newline is added. A line is cut behind 8096 bytes, prefix
+ * included. None of these calls clears tperrno. 1, or -1 with tperrno: TPEOS (the file can't be opened or
+ * written), or what the sending set. */
 int userlog(const char *format, ...) VORN_LOG_FORMAT;
 
 /* The same; the result is the number of bytes written to the file, or handed over to the server with their
  * terminator. */
 int UserLog(const char *format, ...) VORN_LOG_FORMAT;
 
-/* A counted text, always sent to the server, without a newline added. Cut so that prefix and text have at most
- * 8099 bytes. 1 or -1; TPEINVAL for NULL or a negative length. */
+/* A counted text, always sent to the server, without a newline added. Cut so that prefix and text have at
+ * most 8099 bytes. 1 or -1; TPEINVAL for NULL or a negative length. */
 int userlog2(const char *data, int length);
 
-/* Closes the local file (the next line opens it again), or has the server write out what it holds. 1 or -1. */
+/* Closes the local file (the next line opens it again), or has the server write out its own. 1 or -1. */
 int ulogsync(void);
 
-/* The trace. The library calls it at the entry (phase 1), the normal exit (2) and the error exit (4) of each of its
- * functions with the function's name, 1, and a format with its arguments. The library's own does nothing and gives
- * 1; a program may define its own in its place. It runs on the calling thread and must not call back. */
+/* The trace. The library calls it at the entry (phase 1), the normal exit (2) and the error exit (4) of
+ * each of its functions with the function's name, 1, and a format with its arguments. The library's own
+ * does nothing and gives 1; a program may define its own in its place. It runs on the calling thread and
+ * must not call back. */
 int _vorn_trace(const char *function, int one, int phase, const char *format, ...);
 
 #ifdef __cplusplus

@@ -167,8 +167,8 @@ char *tprealloc(char *ptr, long size)
     moved->bufsize = (int32_t)fitted;
     moved->xflags |= XFLAG_TRAILER_ROOM;
     if (row->typeno == BUF_STRING) {
-        // A request of 0 or less has no last byte; there is nothing to end then.
-        if ((int32_t)size > 0)
+        // A request of 0 ends in the header's last byte; one below 0 has no place in the block.
+        if ((int32_t)size >= 0)
             data[(int32_t)size - 1] = '\0';
         data[fitted - 1] = '\0';
     }

@@ -21,7 +21,7 @@ int _get_rqno_by_qname(const char *qname, wthr_var *block)
 {
     int count = initout_count(block, INITOUT_QUEUE_COUNT);
     for (int i = 0; i < count; i++)
-        if (strncmp(block->initout_queues[i].name, qname, sizeof block->initout_queues[i].name) == 0)
+        if (is_row_name(qname, block->initout_queues[i].name))
             return i;
     return -1;
 }
@@ -101,7 +101,9 @@ msg_header *_check_args_and_tx(int msgtype, const char *svcname, char *data, lon
         if (block == nullptr)
             return nullptr;
     }
-    int datalen = _data_itype_check(data, (int)len, block);
+    // A length that no int holds is too long, or too short, for any buffer.
+    int wanted = len > INT32_MAX ? INT32_MAX : len < INT32_MIN ? INT32_MIN : (int)len;
+    int datalen = _data_itype_check(data, wanted, block);
     if (datalen < 0)
         return nullptr;
     msg_header *message = data != nullptr ? message_of(data) : _header_msg_make(0, 0);

@@ -155,6 +155,7 @@ static int wait_for_receipt(int32_t seqno, long flags, wthr_var *block)
 {
     msg_header *want = _header_msg_make(MSG_TPACALL_BLOCK, 0);
     if (want == nullptr) {
+        forget_waiter(block);
         set_tperrno(TPESYSTEM);
         return -1;
     }

@@ -4,8 +4,8 @@
 
 extern "C" {
 
-// One block with the pointers, a null behind them, and the words; the caller frees it with one free. Null without
-// memory. `arguments` may be null.
+// One block with the pointers, a null behind them, and the words; the caller frees it with one free. Null
+// without memory. `arguments` may be null.
 char **_vorn_build_argv(const char *command, const char *arguments);
 char **_vorn_build_argv_argc(const char *string, int *argc);
 char *_vorn_mkstr_from_argv(int argc, char **argv);  // each argument and a blank; the caller's to free

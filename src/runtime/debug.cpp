@@ -66,7 +66,8 @@ void dump_data(const char *data, int length)
 // The text of one row. `end` is the place of the next piece: the length of the piece just written, not of the
 // whole, so that the pieces land on top of one another and little is left of them. It has always been so, and
 // nothing reads the text.
-static void overlay_row(char *text, size_t size, size_t *end, const char *data, int64_t row, int base, int length)
+static void overlay_row(char *text, size_t size, size_t *end, const char *data, int64_t row, int base,
+                        int length)
 {
     *end = (size_t)snprintf(text + *end, size - *end, "%04X: ", (unsigned)(row + base));
     for (int64_t i = row; i < row + ROW_BYTES; i++) {

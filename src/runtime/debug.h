@@ -4,7 +4,8 @@
 
 extern "C" {
 
-// To stdout. The first shows only head and tail of more than 0x400 bytes; `base` is added to the offsets shown.
+// To stdout. The first shows only head and tail of more than 0x400 bytes; `base` is added to the offsets
+// shown.
 void _vorn_dump(const char *data, int length);
 void _vorn_dump2(const char *data, int base, int length);
 // To the error log, at the lowest debug level.

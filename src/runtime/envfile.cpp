@@ -66,8 +66,9 @@ static bool ends_name(char c)
     return c == '\0' || c == '}' || c == ')' || isspace((unsigned char)c);
 }
 
-// `p` stands behind the "$". The value of the variable ends the line, whatever follows. The variable that isn't set
-// adds nothing, not even a terminator: the line then ends where what stood in `out` before it happens to end.
+// `p` stands behind the "$". The value of the variable ends the line, whatever follows. The variable that
+// isn't set adds nothing, not even a terminator: the line then ends where what stood in `out` before it
+// happens to end.
 static int substitute(char *p, line_out *out)
 {
     bool bracket = *p == '{' || *p == '(';
@@ -91,8 +92,9 @@ static int substitute(char *p, line_out *out)
     return ENV_ASSIGNMENT;
 }
 
-// NAME=value from its first character on. A quote may open anywhere and ends the line where it closes; outside
-// of quotes the first blank ends it, so that a comment may follow. An open quote runs to the line's end.
+// NAME=value from its first character on. A quote may open anywhere and ends the line where it closes;
+// outside of quotes the first blank ends it, so that a comment may follow. An open quote runs to the line's
+// end.
 static int read_assignment(char *p, line_out *out)
 {
     bool seen_equal = false, in_quote = false;
@@ -197,7 +199,8 @@ int _set_vornenv(const char *file, const char *label)
     // Cleared, and one byte longer than a line may fill: whatever a line leaves unterminated ends in here.
     char *out = (char *)calloc(1, ENV_OUT_SIZE + 1);
     if (out == nullptr)
-        VORN_LOG(1, LEVEL_ERROR, "COM0036", "0002 memory allocation error : size = %d", (int)ENV_OUT_SIZE + 1);
+        VORN_LOG(1, LEVEL_ERROR, "COM0036", "0002 memory allocation error : size = %d",
+                 (int)ENV_OUT_SIZE + 1);
     int count = out == nullptr ? -1 : read_lines(stream, label, out);
     free(out);
     fclose(stream);
@@ -206,8 +209,8 @@ int _set_vornenv(const char *file, const char *label)
 
 const char *_dflt_env_file(void)
 {
-    // Written for another platform with single backslashes, which make this a name that no file has. A caller that
-    // wants a file gives one.
+    // Written for another platform with single backslashes, which make this a name that no file has. A caller
+    // that wants a file gives one.
     return "C:\vorn\vorn.env";
 }
 

@@ -1,8 +1,9 @@
 // The error log.
 //
-// A line goes to the debug file of VORN_DEBUG if one is open, otherwise to the console: debug levels to stdout, all
-// else to stderr. VORN_DEBUG is read for every line, so that a running program can be given a debug file; a child
-// after fork gets a file of its own. Nothing in here reports a failure: there is nowhere to report it to.
+// A line goes to the debug file of VORN_DEBUG if one is open, otherwise to the console: debug levels to
+// stdout, all else to stderr. VORN_DEBUG is read for every line, so that a running program can be given a
+// debug file; a child after fork gets a file of its own. Nothing in here reports a failure: there is nowhere
+// to report it to.
 #include "runtime/errlog.h"
 
 #include "runtime/common.h"
@@ -74,9 +75,9 @@ static void forget_debug_file(void)
     _log_fp = nullptr;
 }
 
-// Sees to it that the debug file is the one that `name` asks for in this process. False if it can't be opened.
-// Expects _log_mutex. _log_filename holds the first 255 characters of a name; names that differ only behind them
-// count as the same.
+// Sees to it that the debug file is the one that `name` asks for in this process. False if it can't be
+// opened. Expects _log_mutex. _log_filename holds the first 255 characters of a name; names that differ only
+// behind them count as the same.
 static bool follow_debug_file(const char *name)
 {
     int32_t pid = (int32_t)getpid();
@@ -120,14 +121,14 @@ static void append(char *line, size_t *length, size_t size, const char *format, 
     va_end(args);
 }
 
-static void build_line(char *line, const timeval *now, int level, int errnum, const char *code, const char *format,
-                       va_list args)
+static void build_line(char *line, const timeval *now, int level, int errnum, const char *code,
+                       const char *format, va_list args)
 {
     tm local;
     localtime_r(&now->tv_sec, &local);
     size_t length = 0;
-    append(line, &length, LINE_SIZE, "%02d%02d%02d.%06lld:(%s) %s ", local.tm_hour, local.tm_min, local.tm_sec,
-           (long long)now->tv_usec, _vorn_loglvl(level), _tproc_name[_my_tproc]);
+    append(line, &length, LINE_SIZE, "%02d%02d%02d.%06lld:(%s) %s ", local.tm_hour, local.tm_min,
+           local.tm_sec, (long long)now->tv_usec, _vorn_loglvl(level), _tproc_name[_my_tproc]);
     append_args(line, &length, LINE_SIZE - LINE_TAIL, format, args);
     if (code != nullptr)
         append(line, &length, LINE_SIZE - 1, " [%s]", code);

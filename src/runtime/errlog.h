@@ -41,10 +41,10 @@ extern int32_t dlogid;
 extern const char *const _tproc_name[TPROC_ROWS];
 extern const int32_t _my_tproc;
 
-int _vorn_check_loglvl(int level);       // not 0: the line is wanted
-const char *_vorn_loglvl(int level);     // the letter of a level
-// Any thread. Writes the line; doesn't return for LEVEL_FATAL and LEVEL_ABORT. errno is kept. A null code leaves
-// the code out.
+int _vorn_check_loglvl(int level);    // not 0: the line is wanted
+const char *_vorn_loglvl(int level);  // the letter of a level
+// Any thread. Writes the line; doesn't return for LEVEL_FATAL and LEVEL_ABORT. errno is kept. A null code
+// leaves the code out.
 void _real_errwork(int use_errno, int level, const char *code, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 void err_doit(int level, int errnum, const char *code, const char *format, va_list args)
@@ -52,10 +52,10 @@ void err_doit(int level, int errnum, const char *code, const char *format, va_li
 void _printlog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // A log site: a level test and the line. `use_errno` is 1 behind a failed system call.
-#define VORN_LOG(use_errno, level, code, ...)                          \
-    do {                                                               \
-        if (_vorn_check_loglvl(level) != 0)                            \
-            _real_errwork(use_errno, level, code, __VA_ARGS__);        \
+#define VORN_LOG(use_errno, level, code, ...) \
+    do { \
+        if (_vorn_check_loglvl(level) != 0) \
+            _real_errwork(use_errno, level, code, __VA_ARGS__); \
     } while (0)
 }
 

@@ -18,7 +18,8 @@ int32_t _vorn_semantics_flag = 0;
 int32_t _vorn_flen_flag = FLEN_UNSET;
 int32_t _vorn_crypt_sw = 0;
 
-// Guards table and flags while they are written. Readers of the flags have called _vorn_read_semantics before.
+// Guards table and flags while they are written. Readers of the flags have called _vorn_read_semantics
+// before.
 static pthread_mutex_t semantics_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 // What the values mean. A value that isn't listed leaves its flag as it is, without complaint.
@@ -69,7 +70,8 @@ int _get_sem_value(char *token)
     return 1;
 }
 
-// Stores the values of a list of tokens. 1, or -1 at the first bad one; one that is too long to be good is bad.
+// Stores the values of a list of tokens. 1, or -1 at the first bad one; one that is too long to be good is
+// bad.
 static int store_values(const char *list)
 {
     constexpr size_t TOKEN_SIZE = 257;

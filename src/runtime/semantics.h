@@ -24,8 +24,8 @@ extern int32_t _vorn_semantics_flag;  // 1 once VORN_SEMANTICS has been applied
 extern int32_t _vorn_flen_flag;
 extern int32_t _vorn_crypt_sw;  // 1: sessions are enciphered
 
-// Any thread. Does nothing once the switches are applied, so callers needn't test the flag. 1, or -1 for a value
-// with an unknown key or a bad form; the switches are then as they were.
+// Any thread. Does nothing once the switches are applied, so callers needn't test the flag. 1, or -1 for a
+// value with an unknown key or a bad form; the switches are then as they were.
 int _vorn_read_semantics(void);
 void _vorn_init_semantics(void);  // switches off; the values in the rows stay
 // Steps of the reading. They write to _vorn_sem; -1 on a bad token.

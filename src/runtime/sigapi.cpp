@@ -1,13 +1,13 @@
 // Signals.
 //
-// Entered from: the kernel, on whatever thread takes the signal; _vorn_signal and its kin from the application's
-// threads. The rule that keeps the library's handlers and the user's apart: while the thread's context sends, or
-// its transaction timer runs, the library's handler runs and the user's doesn't.
+// Entered from: the kernel, on whatever thread takes the signal; _vorn_signal and its kin from the
+// application's threads. The rule that keeps the library's handlers and the user's apart: while the thread's
+// context sends, or its transaction timer runs, the library's handler runs and the user's doesn't.
 //
-// What is subtle: the handler finds its block as every call does. That takes the table lock only if the tables have
-// changed since the thread's last call, but a signal that comes while the same thread holds that lock waits for
-// ever; the lock is held for a lookup or a binding only. Table and counter have no lock: they are touched
-// atomically, one word at a time.
+// What is subtle: the handler finds its block as every call does. That takes the table lock only if the
+// tables have changed since the thread's last call, but a signal that comes while the same thread holds that
+// lock waits for ever; the lock is held for a lookup or a binding only. Table and counter have no lock: they
+// are touched atomically, one word at a time.
 #include "runtime/sigapi.h"
 
 #include "calls/cscommon.h"
@@ -25,19 +25,16 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 extern "C" {
 
 sig_elem sig_table[SIG_ROWS] = {
-    {SIGHUP, 0, nullptr, nullptr},
-    {SIGINT, 0, nullptr, nullptr},
-    {SIGQUIT, 0, nullptr, nullptr},
-    {SIGALRM, 0, nullptr, _vorn_sig_alrm},
-    {SIGTERM, 0, nullptr, nullptr},
-    {SIGPIPE, 0, nullptr, _vorn_sig_pipe},
-    {SIGUSR1, 0, nullptr, nullptr},
-    {SIGUSR2, 0, nullptr, nullptr},
+    {SIGHUP, 0, nullptr, nullptr},  {SIGINT, 0, nullptr, nullptr},
+    {SIGQUIT, 0, nullptr, nullptr}, {SIGALRM, 0, nullptr, _vorn_sig_alrm},
+    {SIGTERM, 0, nullptr, nullptr}, {SIGPIPE, 0, nullptr, _vorn_sig_pipe},
+    {SIGUSR1, 0, nullptr, nullptr}, {SIGUSR2, 0, nullptr, nullptr},
     {-1, 0, nullptr, nullptr},
 };
 int32_t sig_table_initialized = 0;
@@ -87,6 +84,7 @@ int _vorn_signal_control(void)
 {
     if (std::atomic_ref<int32_t>(sig_table_initialized).exchange(1) != 0)
         return 1;
+    tzset();  // the handlers write log lines, and must find the time zone loaded
     for (sig_elem *row = sig_table; row->signal != -1; row++)
         if (has_handler(row))
             _vorn_register_signal(row->signal, _vorn_sig_handler);

@@ -10,8 +10,8 @@ extern "C" {
 typedef void signal_handler(int signal);
 
 struct sig_elem {
-    int32_t signal;  // -1: end of the table
-    int32_t pending; // arrived while signals were deferred
+    int32_t signal;   // -1: end of the table
+    int32_t pending;  // arrived while signals were deferred
     signal_handler *user;
     signal_handler *internal;
 };
@@ -27,8 +27,8 @@ extern char _vorn_coredump_dir[256];
 constexpr int DEFER_READ = 0, DEFER_SET = 1, DEFER_ADD = 2;
 
 // Any thread. None of these takes a lock but the one that finds the thread's block.
-int _vorn_signal_control(void);  // installs the table, once a process; 1
-signal_handler *_vorn_signal(int signal, signal_handler *handler);           // the former handler, or SIG_ERR
+int _vorn_signal_control(void);                                     // installs the table, once a process; 1
+signal_handler *_vorn_signal(int signal, signal_handler *handler);  // the former handler, or SIG_ERR
 signal_handler *_vorn_register_signal(int signal, signal_handler *handler);  // the same, past the table
 int _vorn_defer_sigs(int operation, int value);  // the former counter; -1 for another operation
 int _vorn_do_sigs(void);                         // runs what was deferred; 1

@@ -1,7 +1,7 @@
 // Error cells and their texts.
 //
-// Two numberings stand side by side, the native one and that of the compatibility interface. Their texts differ
-// in places, spellings included; programs compare them, so each table is kept as it stands.
+// Two numberings stand side by side, the native one and that of the compatibility interface. Their texts
+// differ in places, spellings included; programs compare them, so each table is kept as it stands.
 #include "runtime/tperror.h"
 
 #include "runtime/common.h"
@@ -134,10 +134,10 @@ const char *const _Ferr_strtab[FERR_ROWS] = {
 };
 
 const char *const Uunixmsg[UUNIX_ROWS] = {
-    "UUNIXMIN", "UCLOSE", "UCREAT", "UEXEC",   "UFCTNL", "UFORK",  "ULSEEK", "UMSGCTL", "UMSGGET",
-    "UMSGSND",  "UMSGRCV", "UOPEN", "UPLOCK",  "UREAD",  "USEMCTL", "USEMGET", "USEMOP", "USHMCTL",
-    "USHMGET",  "USHMAT", "USHMDT", "USTAT",   "UWRITE", "USBRK",  "USYSMUL", "UWAIT",  "UKILL",
-    "UTIME",    "UMKDIR", "ULINK",  "UUNLINK", "UUNAME", "UNLIST", "UUNIXMAX",
+    "UUNIXMIN", "UCLOSE",  "UCREAT", "UEXEC",   "UFCTNL", "UFORK",   "ULSEEK",   "UMSGCTL", "UMSGGET",
+    "UMSGSND",  "UMSGRCV", "UOPEN",  "UPLOCK",  "UREAD",  "USEMCTL", "USEMGET",  "USEMOP",  "USHMCTL",
+    "USHMGET",  "USHMAT",  "USHMDT", "USTAT",   "UWRITE", "USBRK",   "USYSMUL",  "UWAIT",   "UKILL",
+    "UTIME",    "UMKDIR",  "ULINK",  "UUNLINK", "UUNAME", "UNLIST",  "UUNIXMAX",
 };
 
 // Native tperrno of 24 to 30; the others below keep their number.
@@ -183,17 +183,18 @@ static_assert(sizeof Ferror_map == FBEBADTBL + 1);
 static const struct {
     int8_t error, unix_number;
 } unix_map[] = {
-    {EPERM, UOPEN},       {ENOENT, UOPEN},       {ESRCH, UOPEN},        {ENOTBLK, UOPEN},    {EXDEV, UOPEN},
-    {ENODEV, UOPEN},      {ENOTDIR, UOPEN},      {EISDIR, UOPEN},       {EINVAL, UOPEN},     {ENFILE, UOPEN},
-    {EMFILE, UOPEN},      {EMLINK, UOPEN},       {ENAMETOOLONG, UOPEN}, {EADDRINUSE, UOPEN},
-    {EINTR, UTIME},       {ETIME, UTIME},        {ETIMEDOUT, UTIME},
-    {EIO, UWRITE},        {ENXIO, UWRITE},       {ETXTBSY, UWRITE},     {ENOSPC, UWRITE},    {EROFS, UWRITE},
-    {EPIPE, UWRITE},      {ECOMM, UWRITE},       {EDQUOT, UWRITE},
-    {E2BIG, UREAD},       {EBADF, UREAD},        {EAGAIN, UREAD},       {EBUSY, UREAD},      {EFBIG, UREAD},
-    {EBADMSG, UREAD},     {EBADFD, UREAD},       {ENOTSOCK, UREAD},     {ENETDOWN, UREAD},   {ENETRESET, UREAD},
-    {ECONNABORTED, UREAD}, {ECONNRESET, UREAD},  {ENOTCONN, UREAD},
-    {ENOEXEC, UEXEC},     {ECHILD, UWAIT},       {ENOMEM, USBRK},       {EFAULT, USBRK},     {EEXIST, UCREAT},
-    {ESPIPE, ULSEEK},     {EDEADLK, UPLOCK},     {ENOLCK, UPLOCK},      {ENOSTR, UFCTNL},    {ENODATA, UFCTNL},
+    {EPERM, UOPEN},        {ENOENT, UOPEN},     {ESRCH, UOPEN},     {ENOTBLK, UOPEN},
+    {EXDEV, UOPEN},        {ENODEV, UOPEN},     {ENOTDIR, UOPEN},   {EISDIR, UOPEN},
+    {EINVAL, UOPEN},       {ENFILE, UOPEN},     {EMFILE, UOPEN},    {EMLINK, UOPEN},
+    {ENAMETOOLONG, UOPEN}, {EADDRINUSE, UOPEN}, {EINTR, UTIME},     {ETIME, UTIME},
+    {ETIMEDOUT, UTIME},    {EIO, UWRITE},       {ENXIO, UWRITE},    {ETXTBSY, UWRITE},
+    {ENOSPC, UWRITE},      {EROFS, UWRITE},     {EPIPE, UWRITE},    {ECOMM, UWRITE},
+    {EDQUOT, UWRITE},      {E2BIG, UREAD},      {EBADF, UREAD},     {EAGAIN, UREAD},
+    {EBUSY, UREAD},        {EFBIG, UREAD},      {EBADMSG, UREAD},   {EBADFD, UREAD},
+    {ENOTSOCK, UREAD},     {ENETDOWN, UREAD},   {ENETRESET, UREAD}, {ECONNABORTED, UREAD},
+    {ECONNRESET, UREAD},   {ENOTCONN, UREAD},   {ENOEXEC, UEXEC},   {ECHILD, UWAIT},
+    {ENOMEM, USBRK},       {EFAULT, USBRK},     {EEXIST, UCREAT},   {ESPIPE, ULSEEK},
+    {EDEADLK, UPLOCK},     {ENOLCK, UPLOCK},    {ENOSTR, UFCTNL},   {ENODATA, UFCTNL},
     {ENOSR, UFCTNL},
 };
 
@@ -367,8 +368,8 @@ void Uunix_err(const char *msg)
         fprintf(stderr, "%s: %s\n", msg, text);
 }
 
-// `msg` has always been a format of its own, so "%%" in it is one percent sign. A conversion in it would take an
-// argument that isn't there; such text comes out as it stands.
+// `msg` has always been a format of its own, so "%%" in it is one percent sign. A conversion in it would take
+// an argument that isn't there; such text comes out as it stands.
 static void print_field_error(const char *msg, const char *text)
 {
     char *copy = strdup(msg == nullptr ? "" : msg);

@@ -1,9 +1,10 @@
 // The user log.
 //
-// The environment decides at the first line: ULOGPFX or ULOG name a local file, without them lines travel to the
-// server. _ulog_mutex is held over the way out of a line, so lines stay whole and in order; ulogsync, userlog2 and
-// the reset by the environment calls run beside it, which is why the two words that they share with a line in
-// progress, local_flag and ulogfd, are only touched atomically. A descriptor is closed by whoever swaps it out.
+// The environment decides at the first line: ULOGPFX or ULOG name a local file, without them lines travel to
+// the server. _ulog_mutex is held over the way out of a line, so lines stay whole and in order; ulogsync,
+// userlog2 and the reset by the environment calls run beside it, which is why the two words that they share
+// with a line in progress, local_flag and ulogfd, are only touched atomically. A descriptor is closed by
+// whoever swaps it out.
 #include "runtime/userlog.h"
 
 #include "runtime/common.h"
@@ -36,7 +37,7 @@ time_t _cur_time = 0;
 static constexpr size_t LINE_SIZE = 8100;
 static constexpr size_t TEXT_LIMIT = 8097;     // prefix and text of a formatted line, with a terminator
 static constexpr size_t COUNTED_LIMIT = 8099;  // prefix and text of a counted line
-static constexpr uint32_t FLAGS_OF_USERLOG2_FORM = 0x200;
+static constexpr uint32_t FLAGS_OF_COUNTING_FORM = 0x200;
 
 static std::atomic_ref<int32_t> descriptor(void)
 {
@@ -63,7 +64,8 @@ void reset_user_log(void)
 
 int date_cmp(const int *a, const int *b)
 {
-    int64_t difference = (a[2] - (int64_t)b[2]) * 10000 + (a[0] - (int64_t)b[0]) * 100 + (a[1] - (int64_t)b[1]);
+    int64_t difference =
+        (a[2] - (int64_t)b[2]) * 10000 + (a[0] - (int64_t)b[0]) * 100 + (a[1] - (int64_t)b[1]);
     return difference == 0 ? 0 : difference > 0 ? 1 : -1;
 }
 
@@ -133,8 +135,8 @@ static int32_t decide_destination(void)
 // "cli.4711.120501: ", and the transaction's identity if one is open. The length.
 static size_t write_prefix(char *line, const tm *local, const txinfo_elem *txinfo)
 {
-    int length = snprintf(line, LINE_SIZE, "cli.%d.%02d%02d%02d: ", (int)getpid(), local->tm_hour, local->tm_min,
-                          local->tm_sec);
+    int length = snprintf(line, LINE_SIZE, "cli.%d.%02d%02d%02d: ", (int)getpid(), local->tm_hour,
+                          local->tm_min, local->tm_sec);
     if (txinfo != nullptr && txinfo->tx_active == 1)
         length += snprintf(line + length, LINE_SIZE - (size_t)length, "xid = %x %x %x: ", txinfo->xid_data[0],
                            txinfo->xid_data[1], txinfo->xid_data[2]);
@@ -168,7 +170,8 @@ static int send_line(const char *line, size_t length, uint32_t flags, const char
     return result < 0 ? -1 : (int)size;
 }
 
-// The open file of today, opened if there is none or it is of another day, an earlier one too. Expects _ulog_mutex.
+// The open file of today, opened if there is none or it is of another day, an earlier one too. Expects
+// _ulog_mutex.
 static int file_of_day(const tm *local)
 {
     const int today[3] = {local->tm_mon + 1, local->tm_mday, local->tm_year + 1900};
@@ -244,7 +247,7 @@ int UserLog(const char *format, ...)
         return -1;
     va_list args;
     va_start(args, format);
-    int result = log_line(frame.block, FLAGS_OF_USERLOG2_FORM, "CSC5303", format, args);
+    int result = log_line(frame.block, FLAGS_OF_COUNTING_FORM, "CSC5303", format, args);
     va_end(args);
     return result < 0 ? api_error(&frame, &USERLOG_COUNTING) : api_return(&USERLOG_COUNTING, result);
 }

@@ -1,5 +1,5 @@
-// Texts of the xa_ codes. 107 stands twice: it is a code and the upper bound of the rollback codes, and the search
-// gives the code.
+// Texts of the xa_ codes. 107 stands twice: it is a code and the upper bound of the rollback codes, and the
+// search gives the code.
 #include "runtime/xaerror.h"
 
 #include "vorn/errors.h"
@@ -13,7 +13,8 @@ const code_text _xaerr_strtab[] = {
     {101, "XA_RBCOMMFAIL (The rollback was caused by a communication failure)"},
     {102, "XA_RBDEADLOCK (A deadlock was detected)"},
     {103, "XA_RBINTEGRITY (A condition that violates the integrity of the resources was detected)"},
-    {104, "XA_RBOTHER (The resource manager rolled back the transaction branch for a reason not on this list)"},
+    {104,
+     "XA_RBOTHER (The resource manager rolled back the transaction branch for a reason not on this list)"},
     {105, "XA_RBPROTO (A protocol error occurred in the resource manager)"},
     {106, "XA_RBTIMEOUT (A transaction branch took too long)"},
     {107, "XA_RBTRANSIENT (May retry the transaction branch)"},

@@ -393,7 +393,7 @@ void _node_del(int fd, wthr_var *block)
 }
 
 // A name of the start reply fills its 16 bytes, or ends before.
-static bool same_name(const char *name, const char field[16])
+bool is_row_name(const char *name, const char field[16])
 {
     size_t length = strnlen(field, 16);
     return strlen(name) == length && memcmp(name, field, length) == 0;
@@ -407,7 +407,7 @@ static int find_node(const char *name, size_t field, const wthr_var *block)
         return -1;
     int32_t count = initout_count(block, INITOUT_NODE_COUNT);
     for (int32_t i = 0; i < count; i++)
-        if (same_name(name, (const char *)&block->initout_nodes[i] + field))
+        if (is_row_name(name, (const char *)&block->initout_nodes[i] + field))
             return i;
     return -1;
 }

@@ -58,6 +58,7 @@ int _node_add(int fd, int node, int clh, int client, wthr_var *block);  // 1; -1
 void _node_del(int fd, wthr_var *block);
 int _get_nodeno_from_nodename(const char *name, const wthr_var *block);  // node number or -1
 int _get_nodeno_from_lnid(const char *name, const wthr_var *block);
+bool is_row_name(const char *name, const char field[16]);  // is `name` the name in a row of the start reply
 }
 
 #endif

@@ -229,8 +229,10 @@ static int try_to_start(msg_header *message, wthr_var *block)
 {
     for (int attempt = 0; attempt < START_ATTEMPTS; attempt++) {
         _make_txinfo(block);
-        if (_vorn_start(message, MSG_TPSTART, 0, block) > 0)
+        if (_vorn_start(message, MSG_TPSTART, 0, block) > 0) {
+            set_tperrno(0);  // of the attempt before
             return 1;
+        }
         int code = get_tperrno();
         _txinfo_end(block);
         if (block->clhfd < 0)
@@ -265,8 +267,7 @@ static int start_session(TPSTART_T *tpinfo, wthr_var *block)
         return -1;
     }
     _vorn_init_seqno();
-    if (_vorn_semantics_flag == 0)
-        _vorn_read_semantics();
+    _vorn_read_semantics();  // does nothing if they have been read
     if (_sdlfile_loadsw == 0)
         _sdlfile_load();
     block->unsol_mode = UNSOL_HANDLER;
@@ -394,8 +395,10 @@ static int try_to_init(msg_header *message, wthr_var *block)
 {
     _make_txinfo(block);
     for (int attempt = 0; attempt < START_ATTEMPTS; attempt++) {
-        if (_vorn_start(message, MSG_TPINIT, 0, block) > 0)
+        if (_vorn_start(message, MSG_TPINIT, 0, block) > 0) {
+            set_tperrno(0);
             return 1;
+        }
         int code = get_tperrno();
         if (block->clhfd < 0) {
             _txinfo_end(block);

@@ -130,6 +130,16 @@ static void leave_waiters(read_waiter *waiter, wthr_var *block)
     block->waiting--;
 }
 
+void forget_waiter(wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    if (block->waiter_count > block->waiting)
+        block->waiter_count--;
+    if (block->offer_left > 0 && --block->offer_left < 1)
+        _thread_cond_signal(&block->offer_done_cond);
+    _thread_mutex_unlock(&block->msg_mutex);
+}
+
 bool hand_to_waiter(msg_header *message, wthr_var *block)
 {
     for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
@@ -306,8 +316,10 @@ static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *bloc
     if (want->buftype == BUF_FIELD)
         _clear_fcache(message_data(want));
     int32_t bufsize = want->bufsize;
-    // The byte behind a text is its terminator; the block's reserve has room for it.
-    int32_t ending = message->buftype == BUF_STRING ? 1 : 0;
+    // A text that lacks its terminator brings the one that the framing put behind it; the reserve has room for it.
+    bool unended = message->buftype == BUF_STRING && message->datalen > 0
+                   && message_data(message)[message->datalen - 1] != '\0';
+    int32_t ending = unended ? 1 : 0;
     memcpy(want, message, (size_t)(HEADER_SIZE + message->datalen + ending));
     want->bufsize = bufsize;
     free(message);
@@ -316,26 +328,37 @@ static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *bloc
 
 // --- Reading.
 
+// Gives the role up with TPETIME if the transaction has run out of time, and that matters to this wait.
+static bool ended_by_transaction(const read_wait *wait)
+{
+    if (transaction_expired(wait) >= 0 || wait->tolerant)
+        return false;
+    fail_as_reader(wait, TPETIME);
+    return true;
+}
+
 // The socket to read next; negative: the wait ends, with tperrno set, or goes on.
 constexpr int NEXT_FAILED = -1, NEXT_GO_ON = -2;
 
 static int next_socket_unlimited(const read_wait *wait)
 {
     set_tperrno(0);
+    // The slice comes first: an alarm that fires behind it is still met by the slice's end.
+    int slice = unlimited_slice(wait->block);
+    if (ended_by_transaction(wait))
+        return NEXT_FAILED;
     errno = 0;
-    int fd = wait_readable(wait->block, unlimited_slice(wait->block));
+    int fd = wait_readable(wait->block, slice);
     int cause = errno;
-    if (fd < 0 && wait->fallback_fd >= 0)
+    if ((fd == -1 || (fd == -2 && cause != EINTR)) && wait->fallback_fd >= 0)
         fd = wait->fallback_fd;
     if (fd == -1) {
         // The role stays taken: with no socket left there is nothing for a next reader to do.
         set_tperrno(TPESYSTEM);
         return NEXT_FAILED;
     }
-    if (transaction_expired(wait) < 0 && !wait->tolerant) {
-        fail_as_reader(wait, TPETIME);
+    if (ended_by_transaction(wait))
         return NEXT_FAILED;
-    }
     if (fd >= 0)
         return fd;
     if (fd == -3 || cause == EINTR)
@@ -347,6 +370,8 @@ static int next_socket_unlimited(const read_wait *wait)
 static int next_socket_timed(read_wait *wait)
 {
     wthr_var *block = wait->block;
+    if (ended_by_transaction(wait))
+        return NEXT_FAILED;
     int left = remaining(wait);
     int fd = left < 0 ? TIMER_EXPIRED : _set_bc_timer2(left, wait->watch_urgent, block);
     if (fd == TIMER_URGENT) {
@@ -361,11 +386,7 @@ static int next_socket_timed(read_wait *wait)
         fail_as_reader(wait, fd == TIMER_EXPIRED ? time_out_error(wait) : TPESYSTEM);
         return NEXT_FAILED;
     }
-    if (transaction_expired(wait) < 0 && !wait->tolerant) {
-        fail_as_reader(wait, TPETIME);
-        return NEXT_FAILED;
-    }
-    return fd;
+    return ended_by_transaction(wait) ? NEXT_FAILED : fd;
 }
 
 // Seconds for which a frame may stand still: the block time, or else the limit of the wait itself.
@@ -400,7 +421,7 @@ static bool offer(const read_wait *wait, msg_header *message)
 static void log_sequence_error(const read_wait *wait, const msg_header *message)
 {
     const msg_header *want = wait->want;
-    int kind = message->msgtype - want->msgtype;
+    int64_t kind = (int64_t)message->msgtype - want->msgtype;
     if ((kind != REPLY && kind != ERROR_REPLY && kind != ERROR_REPLY2) || want->seqno == message->seqno)
         return;
     const char *code = nullptr;

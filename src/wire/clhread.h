@@ -32,6 +32,9 @@ int _clh_read_error(int fd, int result, int unused, wthr_var *block);  // turns 
 // Gives a message to the waiting thread whose template it answers; true if there is one. Expects msg_mutex.
 bool hand_to_waiter(msg_header *message, wthr_var *block);
 
+// Takes back the count of a thread that has sent and will not come to wait. Takes msg_mutex.
+void forget_waiter(wthr_var *block);
+
 // Forgets what was read ahead on a socket that is being closed or replaced.
 void drop_read_ahead(wthr_var *block, int fd);
 // True if bytes of the connection are at hand without asking the socket.

@@ -38,13 +38,13 @@ struct frame_reader {
 };
 
 // Takes what was read ahead on the reader's socket; the number of bytes.
-static int take_read_ahead(frame_reader *reader, char *to, int length)
+static int take_read_ahead(frame_reader *reader, char *to, int64_t length)
 {
     read_ahead *ahead = &reader->block->ahead;
     if (ahead->fd != reader->fd)
         return 0;
     int there = ahead->end - ahead->begin;
-    int taken = there < length ? there : length;
+    int taken = there < length ? there : (int)length;
     memcpy(to, ahead->bytes + ahead->begin, (size_t)taken);
     ahead->begin += taken;
     if (ahead->begin == ahead->end)
@@ -77,16 +77,16 @@ static int fill_read_ahead(frame_reader *reader)
 
 // Reads exactly `length` bytes of a frame that has begun. The number read; a short one at the end of the stream; -1;
 // -TPESYSTEM after a stall.
-static int read_rest(frame_reader *reader, char *to, int length)
+static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
 {
-    int done = take_read_ahead(reader, to, length);
+    int64_t done = take_read_ahead(reader, to, length);
     while (done < length) {
         ssize_t got = recv(reader->fd, to + done, (size_t)(length - done),
                            reader->stall_seconds > 0 ? MSG_DONTWAIT : MSG_WAITALL);
         if (got == 0)
             break;
         if (got > 0) {
-            done += (int)got;
+            done += got;
             continue;
         }
         if (errno == EINTR)
@@ -102,7 +102,7 @@ static int read_rest(frame_reader *reader, char *to, int length)
 }
 
 // Reads the first bytes of a frame. Nothing kept for another socket is given up for it.
-static int read_head(frame_reader *reader, char *to, int length)
+static int64_t read_head(frame_reader *reader, char *to, int length)
 {
     errno = 0;
     if (reader->block->ahead.fd >= 0 && reader->block->ahead.fd != reader->fd)
@@ -112,12 +112,12 @@ static int read_head(frame_reader *reader, char *to, int length)
 }
 
 // A failed read; read_frame frees the block. A result below -1 is an error number; any other is for _clh_read_error to judge.
-static frame_result failed(frame_reader *reader, int result)
+static frame_result failed(frame_reader *reader, int64_t result)
 {
     if (result < -1)
-        set_tperrno(-result);
+        set_tperrno((int)-result);
     else
-        _clh_read_error(reader->fd, result, 0, reader->block);
+        _clh_read_error(reader->fd, result > 0 ? 1 : (int)result, 0, reader->block);
     return FRAME_FAILED;
 }
 
@@ -133,13 +133,27 @@ static frame_result without_memory(void)
     return FRAME_FAILED;
 }
 
-static bool make_room(frame_reader *reader, int64_t size)
+static void read_away(frame_reader *reader, int64_t length)
+{
+    while (length > 0) {
+        int64_t part = length < reader->size ? length : reader->size;
+        if (read_rest(reader, reader->bytes, part) != part)
+            return;
+        length -= part;
+    }
+}
+
+// Makes the block `size` bytes large. Where that fails, the `coming` bytes of the frame that are still to be read are
+// read away, so that the next frame is met at its beginning.
+static bool make_room(frame_reader *reader, int64_t size, int64_t coming)
 {
     if (size <= reader->size)
         return true;
     char *grown = (char *)realloc(reader->bytes, (size_t)size);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        read_away(reader, coming);
         return false;
+    }
     reader->bytes = grown;
     reader->size = size;
     return true;
@@ -156,7 +170,7 @@ static void replace_block(frame_reader *reader, char *bytes, int64_t size)
 // Completes a frame of known length; FRAME_MESSAGE if all of it came.
 static frame_result read_body(frame_reader *reader, int64_t offset, int64_t length)
 {
-    int got = read_rest(reader, reader->bytes + offset, (int)length);
+    int64_t got = read_rest(reader, reader->bytes + offset, length);
     return got == length ? FRAME_MESSAGE : failed(reader, got);
 }
 
@@ -172,7 +186,7 @@ static frame_result accept_message(frame_reader *reader, int64_t length)
         return refused(reader);
     if (message->bufsize < message->datalen)
         message->bufsize = message->datalen;
-    if (!make_room(reader, (int64_t)message->bufsize + BLOCK_OVERHEAD))
+    if (!make_room(reader, (int64_t)message->bufsize + BLOCK_OVERHEAD, 0))
         return without_memory();
     message = (msg_header *)reader->bytes;
     // A text without its terminator ends here and not in what follows the block.
@@ -183,14 +197,14 @@ static frame_result accept_message(frame_reader *reader, int64_t length)
 
 static frame_result read_plain(frame_reader *reader)
 {
-    int got = read_rest(reader, reader->bytes + SHORTEST_FRAME_HEAD, HEADER_SIZE - SHORTEST_FRAME_HEAD);
+    int64_t got = read_rest(reader, reader->bytes + SHORTEST_FRAME_HEAD, HEADER_SIZE - SHORTEST_FRAME_HEAD);
     if (got != HEADER_SIZE - SHORTEST_FRAME_HEAD)
         return failed(reader, got);
     int32_t bufsize = (int32_t)get_word(reader->bytes + offsetof(msg_header, bufsize));
     int32_t datalen = (int32_t)get_word(reader->bytes + offsetof(msg_header, datalen));
     if (datalen < 0)
         return refused(reader);
-    if (!make_room(reader, (int64_t)(bufsize > datalen ? bufsize : datalen) + BLOCK_OVERHEAD))
+    if (!make_room(reader, (int64_t)(bufsize > datalen ? bufsize : datalen) + BLOCK_OVERHEAD, datalen))
         return without_memory();
     frame_result result = read_body(reader, HEADER_SIZE, datalen);
     return result == FRAME_MESSAGE ? accept_message(reader, (int64_t)datalen + HEADER_SIZE) : result;
@@ -202,7 +216,7 @@ static frame_result read_raw(frame_reader *reader)
     int32_t length = (int32_t)get_word(reader->bytes + 4);
     if (length < 0)
         return refused(reader);
-    if (!make_room(reader, (int64_t)length + BLOCK_OVERHEAD))
+    if (!make_room(reader, (int64_t)length + BLOCK_OVERHEAD, length))
         return without_memory();
     msg_header *message = (msg_header *)reader->bytes;
     _init_header(message);
@@ -218,12 +232,13 @@ static frame_result read_raw(frame_reader *reader)
 static int32_t read_wrapped(frame_reader *reader, frame_result *result)
 {
     int32_t length = (int32_t)get_word(reader->bytes + 4);
+    int64_t size = (int64_t)length + COMPRESSED_FRAME_HEAD, coming = size - SHORTEST_FRAME_HEAD;
     if (length < 0)
         *result = refused(reader);
-    else if (!make_room(reader, (int64_t)length + COMPRESSED_FRAME_HEAD))
+    else if (!make_room(reader, size, coming))
         *result = without_memory();
     else
-        *result = read_body(reader, SHORTEST_FRAME_HEAD, (int64_t)length + COMPRESSED_FRAME_HEAD - SHORTEST_FRAME_HEAD);
+        *result = read_body(reader, SHORTEST_FRAME_HEAD, coming);
     return length;
 }
 
@@ -359,7 +374,7 @@ frame_result read_frame(int head_fd, int body_fd, int stall_seconds, msg_header 
         set_tperrno(TPEOS);
         return FRAME_FAILED;
     }
-    int got = read_head(&reader, reader.bytes, SHORTEST_FRAME_HEAD);
+    int64_t got = read_head(&reader, reader.bytes, SHORTEST_FRAME_HEAD);
     if (got != SHORTEST_FRAME_HEAD) {
         failed(&reader, got);
         free(reader.bytes);

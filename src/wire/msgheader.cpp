@@ -89,6 +89,7 @@ void put_name(char *field, size_t size, const char *name)
 }
 
 // One list gives the names of requests, replies (base number plus 1000) and error replies (plus 2000).
+// clang-format off
 #define MESSAGE_CATALOGUE(X) \
     X(1, TPSTART) X(2, TPEND) X(3, TPCALL) X(4, TPACALL) X(5, TPCONNECT) X(6, TPSEND) X(7, TPRECV) \
     X(8, TPDISCON) X(9, TPFORWARD) X(10, TPGETRPLY) X(11, TPGETUNSOL) X(12, TPPOST) X(13, TPBROADCAST) \
@@ -127,6 +128,7 @@ void put_name(char *field, size_t size, const char *name)
     X(223, WSGW_SUSPEND) X(224, WSGW_RESUME) X(225, GETSPR) X(226, SENDFD_PREPARE) X(227, RECVFD_PREPARE) \
     X(228, ULOGCLOSE) X(230, ACLCTL_REQUEST) X(231, OPTCFG_REQUEST) X(232, OPTSET_REQUEST) \
     X(233, CLH_RECONN)
+// clang-format on
 
 constexpr int HIGHEST_BASE = 233;
 constexpr int HIGHEST_NAMED = ERROR_REPLY + HIGHEST_BASE;

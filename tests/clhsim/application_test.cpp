@@ -1,5 +1,5 @@
-// An application against the server: the library's public calls on one end, clhsim on the other. The two know the
-// protocol each from its own source, so what passes here is what both agree on.
+// An application against the server: the library's public calls on one end, clhsim on the other. The two know
+// the protocol each from its own source, so what passes here is what both agree on.
 #include "simulator.h"
 
 #include <vorn.h>
@@ -10,6 +10,7 @@
 #include <thread>
 
 static constexpr int ERROR_NOENT = 6;
+static constexpr int ERROR_OS = 7;
 static constexpr int ERROR_SVCERR = 10;
 static constexpr int ERROR_SVCFAIL = 11;
 static constexpr int ERROR_TIME = 13;
@@ -23,9 +24,7 @@ static char *unconst(const char *text)
 
 // A typed buffer that goes away by itself; a call may replace it.
 struct Buffer {
-    explicit Buffer(const char *type, size_t size = 0)
-        : data(tpalloc(unconst(type), nullptr, static_cast<long>(size)))
-    {}
+    Buffer(const char *type, size_t size) : data(tpalloc(unconst(type), nullptr, static_cast<long>(size))) {}
     explicit Buffer(const std::string &text) : Buffer("STRING", text.size() + 1)
     {
         strcpy(data, text.c_str());
@@ -97,7 +96,7 @@ TEST(ClhsimApplication, ByteArraysOfAllSizesComeBack)
         Buffer request("CARRAY", size);
         for (size_t i = 0; i < size; i++)
             request.data[i] = static_cast<char>(i * 31 + size);
-        Buffer reply("CARRAY");
+        Buffer reply("CARRAY", 0);
         ASSERT_EQ(
             tpcall(unconst("ECHO"), request.data, static_cast<long>(size), &reply.data, &reply.length, 0), 1);
         ASSERT_EQ(reply.length, static_cast<long>(size));
@@ -135,7 +134,7 @@ TEST(ClhsimApplication, AsynchronousCallsAreAnsweredInTheirOwnOrder)
     int second = tpacall(unconst("SLEEP"), fast.data, 0, 0);
     ASSERT_GT(first, 0);
     ASSERT_GT(second, 0);
-    Buffer reply("STRING");
+    Buffer reply("STRING", 0);
     int any = 0;
     ASSERT_EQ(tpgetrply(&any, &reply.data, &reply.length, TPGETANY), 1);
     EXPECT_EQ(any, second);
@@ -149,7 +148,7 @@ TEST(ClhsimApplication, EarlierReplyWaitsForItsDescriptor)
     Buffer text("abc");
     int first = tpacall(unconst("TOUPPER"), text.data, 0, 0);
     int second = tpacall(unconst("REVERSE"), text.data, 0, 0);
-    Buffer reply("STRING");
+    Buffer reply("STRING", 0);
     ASSERT_EQ(tpgetrply(&second, &reply.data, &reply.length, 0), 1);
     EXPECT_STREQ(reply.data, "cba");
     ASSERT_EQ(tpgetrply(&first, &reply.data, &reply.length, 0), 1);
@@ -163,7 +162,7 @@ TEST(ClhsimApplication, CancelledReplyIsForgotten)
     int descriptor = tpacall(unconst("TOUPPER"), text.data, 0, 0);
     ASSERT_EQ(tpcancel(descriptor), 1);
     EXPECT_EQ(called("REVERSE", "next"), "txen");
-    Buffer reply("STRING");
+    Buffer reply("STRING", 0);
     EXPECT_EQ(tpgetrply(&descriptor, &reply.data, &reply.length, 0), -1);
 }
 
@@ -176,7 +175,7 @@ TEST(ClhsimApplication, ReceiptTellsWhetherTheServiceIsThere)
     EXPECT_EQ(tpacall(unconst("NOSUCH"), text.data, 0, TPBLOCK), -1);
     EXPECT_EQ(gettperrno(), ERROR_NOENT);
     EXPECT_EQ(tpacall(unconst("TOUPPER"), text.data, 0, TPNOREPLY), 0);
-    Buffer reply("STRING");
+    Buffer reply("STRING", 0);
     ASSERT_EQ(tpgetrply(&descriptor, &reply.data, &reply.length, 0), 1);
     EXPECT_STREQ(reply.data, "ABC");
 }
@@ -196,7 +195,7 @@ TEST(ClhsimApplication, CompressesBothWaysFromTheThresholdOn)
 TEST(ClhsimApplication, LoginIsCheckedByNameAndCredential)
 {
     Domain domain({"--user", "bob:secret"});
-    Buffer login("TPSTART");
+    Buffer login("TPSTART", 0);
     auto *record = reinterpret_cast<TPSTART_T *>(login.data);
     strcpy(record->usrname, "bob");
     strcpy(record->cred1, "wrong");
@@ -248,7 +247,7 @@ TEST(ClhsimApplication, MessagesThatNobodyWantsDontDisturbACall)
     EXPECT_EQ(called("TOUPPER", "abc"), "ABC");
 }
 
-TEST(ClhsimApplication, RefusedAndCutCallsAreErrors)
+TEST(ClhsimApplication, RefusedCallIsAnError)
 {
     Domain domain;
     ASSERT_EQ(tpstart(nullptr), 0);
@@ -256,9 +255,21 @@ TEST(ClhsimApplication, RefusedAndCutCallsAreErrors)
     Buffer buffer("abc");
     EXPECT_EQ(call("TOUPPER", buffer), -1);
     EXPECT_EQ(gettperrno(), ERROR_SVCERR);
-    domain.command("truncate TOUPPER 138");
-    EXPECT_EQ(call("TOUPPER", buffer), -1);
-    EXPECT_EQ(gettperrno(), ERROR_CLOSE);
+    EXPECT_EQ(called("TOUPPER", "abc"), "ABC");
+}
+
+// The stream that ends at a frame's border is a closed one; inside of a message something went wrong.
+TEST(ClhsimApplication, CutReplyIsAnError)
+{
+    Domain domain;
+    for (auto [bytes, error] : {std::pair("0", ERROR_CLOSE), std::pair("138", ERROR_OS)}) {
+        domain.command(std::string("truncate TOUPPER ") + bytes + " 1");
+        ASSERT_EQ(tpstart(nullptr), 0);
+        Buffer buffer("abc");
+        EXPECT_EQ(call("TOUPPER", buffer), -1);
+        EXPECT_EQ(gettperrno(), error) << bytes;
+        tpend();
+    }
 }
 
 TEST(ClhsimApplication, ClosedConnectionIsNoticed)
@@ -274,7 +285,7 @@ TEST(ClhsimApplication, ClosedConnectionIsNoticed)
 TEST(ClhsimApplication, ManyThreadsShareOneConnection)
 {
     Domain domain;
-    Buffer login("TPSTART");
+    Buffer login("TPSTART", 0);
     auto *record = reinterpret_cast<TPSTART_T *>(login.data);
     record->flags = TPMULTICONTEXTS;
     ASSERT_EQ(tpstart(record), 0);

@@ -135,7 +135,7 @@ TEST(ClhsimControl, DroppedReplyLeavesTheReceipt)
     Simulator server;
     Link link = server.log_in();
     server.command("drop TOUPPER");
-    Message call = call_of("TOUPPER", "a", TPACALL);
+    Message call = call_of("TOUPPER", "a", MSG_TPACALL);
     call.flags = 0x200;
     EXPECT_EQ(link.exchange(call).msgtype, 1028);
     EXPECT_EQ(link.exchange(string_call("ECHO", "next")).text(), "next");
@@ -193,10 +193,11 @@ TEST(ClhsimControl, TruncatedReplyArrivesThoughMoreWasAsked)
     server.command("truncate TOUPPER 100 1");
     Link link = server.log_in();
     std::string requests;
-    for (int i = 0; i < 100; i++)
-        requests += bytes_of(string_call("TOUPPER", "abc"));
+    for (int i = 0; i < 1000; i++)
+        requests += bytes_of(string_call("TOUPPER", std::string(1000, 'x')));
     link.send(requests);
     EXPECT_EQ(link.read_rest().size(), 100u);
+    EXPECT_FALSE(link.reset) << "what it doesn't want any more is read all the same";
 }
 
 TEST(ClhsimControl, CloseEndsOneOrAll)

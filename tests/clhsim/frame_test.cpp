@@ -32,7 +32,7 @@ TEST(ClhsimFrame, ByteByByte)
     Simulator server({"--local", "DIR"});
     Link link = server.connect();
     Message start;
-    start.msgtype = TPSTART;
+    start.msgtype = MSG_TPSTART;
     std::string bytes = bytes_of(start) + bytes_of(string_call("TOUPPER", "abc")) +
                         compressed_bytes_of(string_call("REVERSE", "abc"));
     for (char byte : bytes)
@@ -61,7 +61,7 @@ TEST(ClhsimFrame, ManyInOneWrite)
     Link link = server.log_in();
     std::string bytes;
     for (int i = 0; i < 500; i++)
-        bytes += bytes_of(call_of("ECHO", std::to_string(i), i % 2 ? TPCALL : TPACALL, CARRAY, i));
+        bytes += bytes_of(call_of("ECHO", std::to_string(i), i % 2 ? MSG_TPCALL : MSG_TPACALL, CARRAY, i));
     link.send(bytes);
     for (int i = 0; i < 500; i++) {
         Message reply = link.receive();
@@ -75,7 +75,7 @@ TEST(ClhsimFrame, CompressedRequestIsUnderstood)
     Simulator server;
     Link link = server.log_in();
     for (size_t size : {0, 1, 100, 100000}) {
-        link.send(compressed_bytes_of(call_of("ECHO", std::string(size, 'x'), TPCALL, CARRAY)));
+        link.send(compressed_bytes_of(call_of("ECHO", std::string(size, 'x'), MSG_TPCALL, CARRAY)));
         Message reply = link.receive();
         EXPECT_EQ(reply.data, std::string(size, 'x'));
         EXPECT_FALSE(reply.compressed);
@@ -93,7 +93,7 @@ TEST(ClhsimFrame, RepliesAreCompressedFromTheThresholdOn)
     EXPECT_TRUE(reply.compressed);
     EXPECT_EQ(reply.data, std::string(1000, 'x'));
     std::string noise = incompressible(300000);
-    reply = link.exchange(call_of("ECHO", noise, TPCALL, CARRAY));
+    reply = link.exchange(call_of("ECHO", noise, MSG_TPCALL, CARRAY));
     EXPECT_TRUE(reply.compressed);
     EXPECT_TRUE(reply.data == noise);
 }
@@ -107,7 +107,7 @@ TEST(ClhsimFrame, CompressionOfItsOwnCanBeSetApart)
     Message start = link.start();
     EXPECT_TRUE(start.compressed);
     EXPECT_EQ(get(start.data, start.data.size() - 4), 0xffffffffu) << "the client's threshold";
-    Message reply = link.exchange(call_of("ECHO", "", TPCALL, HEADER_ONLY));
+    Message reply = link.exchange(call_of("ECHO", "", MSG_TPCALL, HEADER_ONLY));
     EXPECT_TRUE(reply.compressed);
     EXPECT_EQ(reply.datalen, 0);
 }

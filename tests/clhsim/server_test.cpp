@@ -54,7 +54,7 @@ TEST(ClhsimServer, ManyClientsAtOnce)
     for (int i = 0; i < CLIENTS; i++)
         links.push_back(server.log_in());
     for (int i = 0; i < CLIENTS; i++)
-        links[static_cast<size_t>(i)].send(call_of("ECHO", std::to_string(i), TPCALL, CARRAY, i));
+        links[static_cast<size_t>(i)].send(call_of("ECHO", std::to_string(i), MSG_TPCALL, CARRAY, i));
     for (int i = CLIENTS - 1; i >= 0; i--) {
         Message reply = links[static_cast<size_t>(i)].receive();
         ASSERT_EQ(reply.seqno, i);
@@ -69,7 +69,7 @@ TEST(ClhsimServer, WithoutDescriptorsNewClientsWaitForOldOnesToGo)
     rlimit few = {24, 24};
     ASSERT_EQ(prlimit(server.pid, RLIMIT_NOFILE, &few, nullptr), 0);
     Message start;
-    start.msgtype = TPSTART;
+    start.msgtype = MSG_TPSTART;
     std::vector<Link> links;
     for (int i = 0; i < 60; i++) {
         links.push_back(server.connect());

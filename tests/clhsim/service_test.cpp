@@ -23,7 +23,7 @@ TEST(ClhsimService, ReplyEchoesTheIdentityOfTheCall)
 {
     Simulator server;
     Link link = server.log_in();
-    Message call = call_of("ECHO", "abcd", TPCALL, CARRAY, 77);
+    Message call = call_of("ECHO", "abcd", MSG_TPCALL, CARRAY, 77);
     call.prio = 50;
     call.cd = 9;
     call.callid[0] = 5;
@@ -57,7 +57,7 @@ TEST(ClhsimService, EchoOfAllSizes)
         std::string data(size, '\0');
         for (size_t i = 0; i < size; i++)
             data[i] = static_cast<char>(i * 7);
-        Message reply = link.exchange(call_of("ECHO", data, TPCALL, CARRAY));
+        Message reply = link.exchange(call_of("ECHO", data, MSG_TPCALL, CARRAY));
         EXPECT_TRUE(reply.data == data) << size;
         EXPECT_EQ(reply.bufsize, static_cast<int32_t>(std::max<size_t>(size, 1024)));
     }
@@ -68,7 +68,7 @@ TEST(ClhsimService, ReverseKeepsAStringsNulAtItsEnd)
     Simulator server;
     Link link = server.log_in();
     EXPECT_EQ(link.exchange(string_call("REVERSE", "abc")).data, std::string("cba\0", 4));
-    EXPECT_EQ(link.exchange(call_of("REVERSE", std::string("ab\0c", 4), TPCALL, CARRAY)).data,
+    EXPECT_EQ(link.exchange(call_of("REVERSE", std::string("ab\0c", 4), MSG_TPCALL, CARRAY)).data,
               std::string("c\0ba", 4));
 }
 
@@ -84,7 +84,7 @@ TEST(ClhsimService, FailDeliversDataAndUserCode)
     EXPECT_EQ(link.exchange(string_call("FAIL", "-7")).rcode, -7);
     EXPECT_EQ(link.exchange(string_call("FAIL", "reasons")).rcode, 1);
     EXPECT_EQ(link.exchange(string_call("FAIL", "99999999999")).rcode, 1);
-    EXPECT_EQ(link.exchange(call_of("FAIL", "", TPCALL, HEADER_ONLY)).rcode, 1);
+    EXPECT_EQ(link.exchange(call_of("FAIL", "", MSG_TPCALL, HEADER_ONLY)).rcode, 1);
 }
 
 TEST(ClhsimService, BigIsAsBigAsAsked)
@@ -98,7 +98,7 @@ TEST(ClhsimService, BigIsAsBigAsAsked)
         EXPECT_EQ(reply.text().size(), static_cast<size_t>(std::max(size - 1, 0)))
             << "a STRING ends in its NUL";
     }
-    EXPECT_EQ(link.exchange(call_of("BIG", "30", TPCALL, CARRAY)).data, "ABCDEFGHIJKLMNOPQRSTUVWXYZABCD");
+    EXPECT_EQ(link.exchange(call_of("BIG", "30", MSG_TPCALL, CARRAY)).data, "ABCDEFGHIJKLMNOPQRSTUVWXYZABCD");
     for (const char *wrong : {"100001", "-1", "", "12x", "99999999999999999999"}) {
         Message reply = link.exchange(string_call("BIG", wrong));
         EXPECT_EQ(reply.msgtype, 2003) << wrong;
@@ -117,6 +117,9 @@ TEST(ClhsimService, SleepAnswersItsDataAndKeepsNobodyWaiting)
     EXPECT_EQ(sleeper.exchange(string_call("TOUPPER", "b")).text(), "B") << "nor the sleeper itself";
     EXPECT_EQ(server.stat("waiting"), 1);
     sleeper.close();
+    while (server.stat("open") > 1) {
+    }
+    EXPECT_EQ(server.stat("waiting"), 0) << "nothing is kept for who is gone";
     EXPECT_EQ(other.exchange(string_call("SLEEP", "0")).text(), "0");
 }
 
@@ -155,7 +158,7 @@ TEST(ClhsimService, ConnectionCheckIsAnswered)
     Simulator server;
     Link link = server.log_in();
     Message check;
-    check.msgtype = TPCALL;
+    check.msgtype = MSG_TPCALL;
     check.svcname = ".CHK_CONN";
     check.seqno = 5;
     check.flags = 8;
@@ -163,7 +166,7 @@ TEST(ClhsimService, ConnectionCheckIsAnswered)
     EXPECT_EQ(reply.msgtype, 1003);
     EXPECT_EQ(reply.seqno, 5);
     EXPECT_EQ(reply.datalen, 0);
-    check.msgtype = TPACALL;
+    check.msgtype = MSG_TPACALL;
     check.seqno = 0x40000006;
     reply = link.exchange(check);
     EXPECT_EQ(reply.msgtype, 1004);
@@ -175,8 +178,8 @@ TEST(ClhsimService, TextServicesDontTakeStructuresOrFields)
     Simulator server;
     Link link = server.log_in();
     for (int32_t buftype : {1, 2}) {
-        EXPECT_EQ(link.exchange(call_of("TOUPPER", "abcd", TPCALL, buftype)).flags, 17);
-        EXPECT_EQ(link.exchange(call_of("ECHO", "abcd", TPCALL, buftype)).data, "abcd");
+        EXPECT_EQ(link.exchange(call_of("TOUPPER", "abcd", MSG_TPCALL, buftype)).flags, 17);
+        EXPECT_EQ(link.exchange(call_of("ECHO", "abcd", MSG_TPCALL, buftype)).data, "abcd");
     }
 }
 
@@ -197,7 +200,7 @@ TEST(ClhsimAcall, ReplyCarriesDescriptorAndMark)
 {
     Simulator server;
     Link link = server.log_in();
-    Message call = call_of("TOUPPER", "abc", TPACALL, CARRAY, 0x40000011);
+    Message call = call_of("TOUPPER", "abc", MSG_TPACALL, CARRAY, 0x40000011);
     call.cd = 3;
     Message reply = link.exchange(call);
     EXPECT_EQ(reply.msgtype, 1004);
@@ -210,11 +213,11 @@ TEST(ClhsimAcall, FailureAndUnknownServiceAreErrorReplies)
 {
     Simulator server;
     Link link = server.log_in();
-    Message reply = link.exchange(call_of("FAIL", "8", TPACALL));
+    Message reply = link.exchange(call_of("FAIL", "8", MSG_TPACALL));
     EXPECT_EQ(reply.msgtype, 2004);
     EXPECT_EQ(reply.flags, 11);
     EXPECT_EQ(reply.rcode, 8);
-    reply = link.exchange(call_of("NOSUCH", "8", TPACALL));
+    reply = link.exchange(call_of("NOSUCH", "8", MSG_TPACALL));
     EXPECT_EQ(reply.msgtype, 2004);
     EXPECT_EQ(reply.flags, 6);
 }
@@ -224,7 +227,7 @@ TEST(ClhsimAcall, WithoutReplyNothingComesBack)
     Simulator server;
     Link link = server.log_in();
     for (const char *service : {"TOUPPER", "NOSUCH", "FAIL"}) {
-        Message call = call_of(service, "abc", TPACALL);
+        Message call = call_of(service, "abc", MSG_TPACALL);
         call.flags = NOREPLY;
         link.send(call);
     }
@@ -236,7 +239,7 @@ TEST(ClhsimAcall, ReceiptComesFirstThenTheReply)
 {
     Simulator server;
     Link link = server.log_in();
-    Message call = call_of("SLEEP", "0.01", TPACALL, CARRAY, 21);
+    Message call = call_of("SLEEP", "0.01", MSG_TPACALL, CARRAY, 21);
     call.flags = BLOCK;
     call.cd = 4;
     Message receipt = link.exchange(call);
@@ -255,7 +258,7 @@ TEST(ClhsimAcall, ReceiptOfACallWithoutReplyStandsAlone)
 {
     Simulator server;
     Link link = server.log_in();
-    Message call = call_of("TOUPPER", "abc", TPACALL);
+    Message call = call_of("TOUPPER", "abc", MSG_TPACALL);
     call.flags = BLOCK | NOREPLY;
     EXPECT_EQ(link.exchange(call).msgtype, 1028);
     EXPECT_EQ(link.exchange(call_of("ECHO", "next")).data, "next");
@@ -265,7 +268,7 @@ TEST(ClhsimAcall, ReceiptOfARefusedCallIsTheError)
 {
     Simulator server;
     Link link = server.log_in();
-    Message call = call_of("NOSUCH", "abc", TPACALL, CARRAY, 9);
+    Message call = call_of("NOSUCH", "abc", MSG_TPACALL, CARRAY, 9);
     call.flags = BLOCK;
     Message receipt = link.exchange(call);
     EXPECT_EQ(receipt.msgtype, 2028);

@@ -152,6 +152,7 @@ std::string Link::read_bytes(size_t count)
             break;
         }
         ssize_t result = read(fd, bytes.data() + got, count - got);
+        reset = reset || result < 0;
         if (result <= 0)
             break;
         got += static_cast<size_t>(result);
@@ -220,7 +221,7 @@ Message Link::start(const std::string &user, const std::string &client, const st
                     const std::string &cred2)
 {
     Message start;
-    start.msgtype = TPSTART;
+    start.msgtype = MSG_TPSTART;
     start.svcname = "_tpstart";
     if (!user.empty()) {
         start.buftype = 5;

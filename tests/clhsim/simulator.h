@@ -10,11 +10,11 @@
 #include <vector>
 
 enum : int32_t {
-    TPSTART = 1,
-    TPEND = 2,
-    TPCALL = 3,
-    TPACALL = 4,
-    TPINIT = 21,
+    MSG_TPSTART = 1,
+    MSG_TPEND = 2,
+    MSG_TPCALL = 3,
+    MSG_TPACALL = 4,
+    MSG_TPINIT = 21,
     STRING = 3,
     CARRAY = 4,
     HEADER_ONLY = 9,
@@ -48,7 +48,7 @@ struct Message {
     std::string text() const { return data.c_str(); }  // up to the NUL
 };
 
-Message call_of(const std::string &service, const std::string &data, int32_t msgtype = TPCALL,
+Message call_of(const std::string &service, const std::string &data, int32_t msgtype = MSG_TPCALL,
                 int32_t buftype = STRING, int32_t seqno = 1);
 Message string_call(const std::string &service, const std::string &text);  // with the NUL that counts
 
@@ -85,6 +85,7 @@ class Link {
     void close();
 
     int fd;
+    bool reset = false;  // the stream ended in an error, not in order
 };
 
 class Simulator {

@@ -102,7 +102,7 @@ TEST(ClhsimStart, TpinitIsAnsweredInKind)
     Simulator server;
     Link link = server.connect();
     Message start;
-    start.msgtype = TPINIT;
+    start.msgtype = MSG_TPINIT;
     start.svcname = "_tpstart";
     Message reply = link.exchange(start);
     EXPECT_EQ(reply.msgtype, 1021);
@@ -156,7 +156,7 @@ TEST(ClhsimStart, RefusedTpinitIsAnsweredInKind)
 {
     Simulator server({"--refuse-login"});
     Message start;
-    start.msgtype = TPINIT;
+    start.msgtype = MSG_TPINIT;
     Message reply = server.connect().exchange(start);
     EXPECT_EQ(reply.msgtype, 2021);
     EXPECT_EQ(reply.target, 25);
@@ -197,7 +197,7 @@ TEST(ClhsimStart, ShortLoginRecordCountsAsEmptyFields)
     Simulator server({"--user", "bob:secret"});
     for (size_t length : {1, 17, 18, 40}) {
         Message start;
-        start.msgtype = TPSTART;
+        start.msgtype = MSG_TPSTART;
         start.data = std::string(length, 'b');
         EXPECT_EQ(server.connect().exchange(start).msgtype, 2001) << length;
     }
@@ -218,7 +218,7 @@ TEST(ClhsimStart, EndIsAnsweredAndTheConnectionClosed)
     Simulator server;
     Link link = server.log_in();
     Message end;
-    end.msgtype = TPEND;
+    end.msgtype = MSG_TPEND;
     end.svcname = "_tpend";
     EXPECT_EQ(link.exchange(end).msgtype, 1002);
     EXPECT_TRUE(link.ended());
@@ -233,7 +233,7 @@ TEST(ClhsimStart, FaultsReachTheStartAndTheEnd)
     EXPECT_EQ(link.start().msgtype, 1001);
 
     Message end;
-    end.msgtype = TPEND;
+    end.msgtype = MSG_TPEND;
     server.command("refuse _tpend 12 1");
     Message refused = link.exchange(end);
     EXPECT_EQ(refused.msgtype, 2002);
@@ -251,7 +251,7 @@ TEST(ClhsimStart, TruncatedStartReplyEndsTheConnection)
     server.command("truncate _tpstart 100");
     Link link = server.connect();
     Message start;
-    start.msgtype = TPSTART;
+    start.msgtype = MSG_TPSTART;
     link.send(start);
     EXPECT_EQ(link.read_rest().size(), 100u);
 }

@@ -72,16 +72,16 @@ TEST(ArgumentVector, FailsWithoutMemory)
     int argc;
     char one[] = "one", *list[] = {one, nullptr};
     std::string text = output_of([&] {
-        faults::fail_allocation(1);
-        EXPECT_EQ(_vorn_build_argv("a", "b"), nullptr);
-        faults::fail_allocation(2);
-        EXPECT_EQ(_vorn_build_argv("a", "b"), nullptr);
-        faults::fail_allocation(1);
-        EXPECT_EQ(_vorn_build_argv_argc("abc", &argc), nullptr);
-        faults::fail_allocation(1);
-        EXPECT_EQ(_vorn_mkstr_from_argv(1, list), nullptr);
-        faults::disarm_allocations();
-    }).err;
+                           faults::fail_allocation(1);
+                           EXPECT_EQ(_vorn_build_argv("a", "b"), nullptr);
+                           faults::fail_allocation(2);
+                           EXPECT_EQ(_vorn_build_argv("a", "b"), nullptr);
+                           faults::fail_allocation(1);
+                           EXPECT_EQ(_vorn_build_argv_argc("abc", &argc), nullptr);
+                           faults::fail_allocation(1);
+                           EXPECT_EQ(_vorn_mkstr_from_argv(1, list), nullptr);
+                           faults::disarm_allocations();
+                       }).err;
     std::istringstream lines(text);
     std::vector<std::string> seen;
     for (std::string line; std::getline(lines, line);)

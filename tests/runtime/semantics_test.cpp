@@ -81,8 +81,8 @@ TEST(Semantics, BlanksVanishAndAColonServesAsEqual)
 
 TEST(Semantics, BadListFailsAtEachReadAndSwitchesNothing)
 {
-    const char *lists[] = {"FDL_LENGTH=OLD", "NOPE=Y", "FDL_LEN", "FDL_LEN=TRU,NOPE=Y", "FDL_LEN=TRU,,CRYPT_SW=Y", ",",
-                           "=OLD"};
+    const char *lists[] = {"FDL_LENGTH=OLD",          "NOPE=Y", "FDL_LEN", "FDL_LEN=TRU,NOPE=Y",
+                           "FDL_LEN=TRU,,CRYPT_SW=Y", ",",      "=OLD"};
     for (const char *list : lists) {
         EXPECT_EQ(read_list(list), -1) << list;
         EXPECT_EQ(_vorn_read_semantics(), -1) << list;

@@ -1,5 +1,5 @@
-// Error cells, texts and mappings. The tables are written down here once more, by number, so that a row that is
-// moved or reworded is seen.
+// Error cells, texts and mappings. The tables are written down here once more, by number, so that a row that
+// is moved or reworded is seen.
 #include "runtime/tperror.h"
 
 #include "runtime/capture.h"
@@ -67,15 +67,15 @@ TEST(NativeTexts, NumbersOutsideTheTableGiveTheEmptyLastRow)
 TEST(NativeTexts, NumbersAndNamesAgree)
 {
     const std::map<std::string, int> names = {
-        {"TPEBADDESC", TPEBADDESC}, {"TPEBLOCK", TPEBLOCK},     {"TPEINVAL", TPEINVAL},
-        {"TPELIMIT", TPELIMIT},     {"TPENOENT", TPENOENT},     {"TPEOS", TPEOS},
-        {"TPEPROTO", TPEPROTO},     {"TPESVCERR", TPESVCERR},   {"TPESVCFAIL", TPESVCFAIL},
-        {"TPESYSTEM", TPESYSTEM},   {"TPETIME", TPETIME},       {"TPETRAN", TPETRAN},
-        {"TPGOTSIG", TPGOTSIG},     {"TPEITYPE", TPEITYPE},     {"TPEOTYPE", TPEOTYPE},
-        {"TPEEVENT", TPEEVENT},     {"TPEMATCH", TPEMATCH},     {"TPENOREADY", TPENOREADY},
-        {"TPESECURITY", TPESECURITY}, {"TPEQFULL", TPEQFULL},   {"TPEQPURGE", TPEQPURGE},
-        {"TPECLOSE", TPECLOSE},     {"TPESVRDOWN", TPESVRDOWN}, {"TPEPRESVC", TPEPRESVC},
-        {"TPERDOWN", TPERDOWN},     {"TPERDCLOSE", TPERDCLOSE},
+        {"TPEBADDESC", TPEBADDESC},   {"TPEBLOCK", TPEBLOCK},     {"TPEINVAL", TPEINVAL},
+        {"TPELIMIT", TPELIMIT},       {"TPENOENT", TPENOENT},     {"TPEOS", TPEOS},
+        {"TPEPROTO", TPEPROTO},       {"TPESVCERR", TPESVCERR},   {"TPESVCFAIL", TPESVCFAIL},
+        {"TPESYSTEM", TPESYSTEM},     {"TPETIME", TPETIME},       {"TPETRAN", TPETRAN},
+        {"TPGOTSIG", TPGOTSIG},       {"TPEITYPE", TPEITYPE},     {"TPEOTYPE", TPEOTYPE},
+        {"TPEEVENT", TPEEVENT},       {"TPEMATCH", TPEMATCH},     {"TPENOREADY", TPENOREADY},
+        {"TPESECURITY", TPESECURITY}, {"TPEQFULL", TPEQFULL},     {"TPEQPURGE", TPEQPURGE},
+        {"TPECLOSE", TPECLOSE},       {"TPESVRDOWN", TPESVRDOWN}, {"TPEPRESVC", TPEPRESVC},
+        {"TPERDOWN", TPERDOWN},       {"TPERDCLOSE", TPERDCLOSE},
     };
     EXPECT_EQ(names.size(), 26u);
     for (const auto &[name, number] : names) {
@@ -85,16 +85,33 @@ TEST(NativeTexts, NumbersAndNamesAgree)
 }
 
 const char *const COMPAT_TEXTS[27] = {
-    "TPMINVAL", "transaction commit fail(TPEABORT)", "bad call descriptor(TPEBADDESC)",
-    "blocking condition found(TPEBLOCK)", "invalid arguments(TPEINVAL)", "system defined limit reached(TPELIMIT)",
-    "no entry found(TPENOENT)", "operating system error(TPEOS)", "permission not allowed(TPEPERM)",
-    "protocall error(TPEPROTO)", "service request processing error(TPESVCERR)", "service failure(TPESVCFAIL)",
-    "system internal error(TPESYSTEM)", "timeout(TPETIME)", "transaction error(TPETRAN)",
-    "signal received(TPGOTSIG)", "resource manager error(TPERMERR)", "input data type error(TPEITYPE)",
-    "output data type error(TPEOTYPE)", "version mismatch(TPERELEASE)",
+    "TPMINVAL",
+    "transaction commit fail(TPEABORT)",
+    "bad call descriptor(TPEBADDESC)",
+    "blocking condition found(TPEBLOCK)",
+    "invalid arguments(TPEINVAL)",
+    "system defined limit reached(TPELIMIT)",
+    "no entry found(TPENOENT)",
+    "operating system error(TPEOS)",
+    "permission not allowed(TPEPERM)",
+    "protocall error(TPEPROTO)",
+    "service request processing error(TPESVCERR)",
+    "service failure(TPESVCFAIL)",
+    "system internal error(TPESYSTEM)",
+    "timeout(TPETIME)",
+    "transaction error(TPETRAN)",
+    "signal received(TPGOTSIG)",
+    "resource manager error(TPERMERR)",
+    "input data type error(TPEITYPE)",
+    "output data type error(TPEOTYPE)",
+    "version mismatch(TPERELEASE)",
     "transaction may have been heuristically completed(TPEHAZARD)",
-    "transaction has been heuristically commited(TPEHEURISTIC)", "event occurred(TPEEVENT)",
-    "no matching entry found(TPEMATCH)", "check diagnostic value(TPEDIAGNOSTIC)", "MIB error(TPEMIB)", "TPMAXVAL",
+    "transaction has been heuristically commited(TPEHEURISTIC)",
+    "event occurred(TPEEVENT)",
+    "no matching entry found(TPEMATCH)",
+    "check diagnostic value(TPEDIAGNOSTIC)",
+    "MIB error(TPEMIB)",
+    "TPMAXVAL",
 };
 
 TEST(CompatibilityTexts, EachNumberHasItsText)
@@ -108,12 +125,27 @@ TEST(CompatibilityTexts, EachNumberHasItsText)
 TEST(FieldTexts, EachNativeNumberHasItsText)
 {
     const char *const texts[22] = {
-        "FBEMINNO (bottom of error message codes)", "EBEALIGN (alignment error)", "FBEFTSYNTAX (bad field table)",
-        "FBEBADFB (bad field key buffer)", "FBEINVAL (invalid argument)", "FBELIMIT (limit over)",
-        "FBENOENT (not found)", "FBEOS (OS error)", "FBEBADFLD (bad field)", "FBEPROTO (prototype error)",
-        "FBENOSPACE (no space)", "FBEMALLOC (malloc error)", "FBESYSTEM (system error)", "FBETYPE (type error)",
-        "FBEMATCH (no match)", "FBEBADSTRUCT (bad struct)", "FBEVTSYNTAX (bad viewfile)",
-        "FBEVFOPEN (file open error)", "FBEBADACM", "FBENOCNAME (cname not founc)", "FBEBADTBL (bad table)",
+        "FBEMINNO (bottom of error message codes)",
+        "EBEALIGN (alignment error)",
+        "FBEFTSYNTAX (bad field table)",
+        "FBEBADFB (bad field key buffer)",
+        "FBEINVAL (invalid argument)",
+        "FBELIMIT (limit over)",
+        "FBENOENT (not found)",
+        "FBEOS (OS error)",
+        "FBEBADFLD (bad field)",
+        "FBEPROTO (prototype error)",
+        "FBENOSPACE (no space)",
+        "FBEMALLOC (malloc error)",
+        "FBESYSTEM (system error)",
+        "FBETYPE (type error)",
+        "FBEMATCH (no match)",
+        "FBEBADSTRUCT (bad struct)",
+        "FBEVTSYNTAX (bad viewfile)",
+        "FBEVFOPEN (file open error)",
+        "FBEBADACM",
+        "FBENOCNAME (cname not founc)",
+        "FBEBADTBL (bad table)",
         "FBEMAXNO (top of error message codes)",
     };
     for (int number = 0; number < 22; number++)
@@ -126,15 +158,28 @@ TEST(FieldTexts, EachNativeNumberHasItsText)
 TEST(FieldTexts, EachCompatibilityNumberHasItsText)
 {
     const char *const texts[22] = {
-        "", "FALIGN (fielded buffer not aligned)", "FNOTFLD (buffer not fielded)",
-        "FNOSPACE (no space in fielded buffer)", "FNOTPRES (field not present)",
-        "FBADFLD (unknown field number or type)", "FTYPERR (illegal field type)", "FEUNIX (UNIX system call error)",
-        "FBADNAME (unknown field name)", "FMALLOC (malloc failed)", "FSYNTAX (bad syntax in boolean expression)",
-        "FFTOPEN (cannot find or open field table)", "FFTSYNTAX (syntax error in field table)",
-        "FEINVAL (invalid argument to function)", "FBADTBL (destructive concurrent access to field table)",
-        "FBADVIEW (cannot find or get view)", "FVFSYNTAX (syntax error in viewfile)",
-        "FVFOPEN (cannot find or open viewfile)", "FBADACM (ACM contains negative value)",
-        "FNOCNAME (cname not found)", "FEBADOP (invalid field type)", "",
+        "",
+        "FALIGN (fielded buffer not aligned)",
+        "FNOTFLD (buffer not fielded)",
+        "FNOSPACE (no space in fielded buffer)",
+        "FNOTPRES (field not present)",
+        "FBADFLD (unknown field number or type)",
+        "FTYPERR (illegal field type)",
+        "FEUNIX (UNIX system call error)",
+        "FBADNAME (unknown field name)",
+        "FMALLOC (malloc failed)",
+        "FSYNTAX (bad syntax in boolean expression)",
+        "FFTOPEN (cannot find or open field table)",
+        "FFTSYNTAX (syntax error in field table)",
+        "FEINVAL (invalid argument to function)",
+        "FBADTBL (destructive concurrent access to field table)",
+        "FBADVIEW (cannot find or get view)",
+        "FVFSYNTAX (syntax error in viewfile)",
+        "FVFOPEN (cannot find or open viewfile)",
+        "FBADACM (ACM contains negative value)",
+        "FNOCNAME (cname not found)",
+        "FEBADOP (invalid field type)",
+        "",
     };
     for (int number = 0; number < 22; number++)
         EXPECT_STREQ(_tmget_compat_strFerror(number), texts[number]) << number;
@@ -145,10 +190,10 @@ TEST(FieldTexts, EachCompatibilityNumberHasItsText)
 TEST(UnixTexts, EachNumberHasItsName)
 {
     const char *const names[34] = {
-        "UUNIXMIN", "UCLOSE", "UCREAT", "UEXEC", "UFCTNL", "UFORK", "ULSEEK", "UMSGCTL", "UMSGGET", "UMSGSND",
-        "UMSGRCV", "UOPEN", "UPLOCK", "UREAD", "USEMCTL", "USEMGET", "USEMOP", "USHMCTL", "USHMGET", "USHMAT",
-        "USHMDT", "USTAT", "UWRITE", "USBRK", "USYSMUL", "UWAIT", "UKILL", "UTIME", "UMKDIR", "ULINK", "UUNLINK",
-        "UUNAME", "UNLIST", "UUNIXMAX",
+        "UUNIXMIN", "UCLOSE",  "UCREAT", "UEXEC",   "UFCTNL", "UFORK",   "ULSEEK",   "UMSGCTL", "UMSGGET",
+        "UMSGSND",  "UMSGRCV", "UOPEN",  "UPLOCK",  "UREAD",  "USEMCTL", "USEMGET",  "USEMOP",  "USHMCTL",
+        "USHMGET",  "USHMAT",  "USHMDT", "USTAT",   "UWRITE", "USBRK",   "USYSMUL",  "UWAIT",   "UKILL",
+        "UTIME",    "UMKDIR",  "ULINK",  "UUNLINK", "UUNAME", "UNLIST",  "UUNIXMAX",
     };
     for (int number = 0; number < 34; number++)
         EXPECT_STREQ(Ustrerror(number), names[number]) << number;
@@ -161,49 +206,52 @@ TEST(UnixTexts, EachNumberHasItsName)
 const struct {
     int code;
     const char *text;
-} TX_TEXTS[] = {
-    {1, "TX_NOT_SUPPORTED (option not supported)"},
-    {0, "TX_OK (normal execution)"},
-    {-1, "TX_OUTSIDE (application is in an RM local transaction)"},
-    {-2, "TX_ROLLBACK (transaction was rolled back)"},
-    {-3, "TX_MIXED (transaction was partially committed and partially rolled back)"},
-    {-4, "TX_HAZARD (transaction may have been partially committed and partially rolled back)"},
-    {-5, "TX_PROTOCOL_ERROR (routine invoked in an improper context)"},
-    {-6, "TX_ERROR (transient error)"},
-    {-7, "TX_FAIL (fatal error)"},
-    {-8, "TX_EINVAL (invalid arguments were given)"},
-    {-9, "TX_COMMITTED (transaction has heuristically committed)"},
-    {-100, "TX_NO_BEGIN (transaction committed plus new transaction could not be started)"},
-    {-102, "TX_ROLLBACK_NO_BEGIN (transaction rollback plus new transaction could not be started)"},
-    {-103, "TX_MIXED_NO_BEGIN (mixed plus new transaction could not be started)"},
-    {-104, "TX_HAZARD_NO_BEGIN (hazard plus new transaction could not be started)"},
-    {-109, "TX_COMMITTED_NO_BEGIN (heuristically committed plus new transaction could not be started)"},
-}, XA_TEXTS[] = {
-    {100, "XA_RBROLLBACK (The rollback was caused by an unspecified reason)"},
-    {101, "XA_RBCOMMFAIL (The rollback was caused by a communication failure)"},
-    {102, "XA_RBDEADLOCK (A deadlock was detected)"},
-    {103, "XA_RBINTEGRITY (A condition that violates the integrity of the resources was detected)"},
-    {104, "XA_RBOTHER (The resource manager rolled back the transaction branch for a reason not on this list)"},
-    {105, "XA_RBPROTO (A protocol error occurred in the resource manager)"},
-    {106, "XA_RBTIMEOUT (A transaction branch took too long)"},
-    {107, "XA_RBTRANSIENT (May retry the transaction branch)"},
-    {107, "XA_RBEND (The inclusive upper bound of the rollback codes)"},
-    {9, "XA_NOMIGRATE (resumption must occur where suspension occurred)"},
-    {8, "XA_HEURHAZ (the transaction branch may have been heuristically completed)"},
-    {7, "XA_HEURCOM (the transaction branch has been heuristically committed)"},
-    {6, "XA_HEURRB (the transaction branch has been heuristically rolled back)"},
-    {5, "XA_HEURMIX (the transaction branch has been heuristically committed and rolled back)"},
-    {4, "XA_RETRY (routine returned with no effect and may be re-issued)"},
-    {3, "XA_RDONLY (the transaction branch was read-only and has been committed)"},
-    {0, "XA_OK (normal execution)"},
-    {-2, "XAER_ASYNC (asynchronous operation already outstanding)"},
-    {-3, "XAER_RMERR (a resource manager error occurred in the transaction branch)"},
-    {-4, "XAER_NOTA (the XID is not valid)"},
-    {-5, "XAER_INVAL (invalid arguments were given)"},
-    {-6, "XAER_PROTO (routine invoked in an improper context)"},
-    {-7, "XAER_RMFAIL (resource manager unavailable)"},
-    {-8, "XAER_DUPID (the XID already exists)"},
-    {-9, "XAER_OUTSIDE (resource manager doing work outside global transaction)"},
+} TX_TEXTS[] =
+    {
+        {1, "TX_NOT_SUPPORTED (option not supported)"},
+        {0, "TX_OK (normal execution)"},
+        {-1, "TX_OUTSIDE (application is in an RM local transaction)"},
+        {-2, "TX_ROLLBACK (transaction was rolled back)"},
+        {-3, "TX_MIXED (transaction was partially committed and partially rolled back)"},
+        {-4, "TX_HAZARD (transaction may have been partially committed and partially rolled back)"},
+        {-5, "TX_PROTOCOL_ERROR (routine invoked in an improper context)"},
+        {-6, "TX_ERROR (transient error)"},
+        {-7, "TX_FAIL (fatal error)"},
+        {-8, "TX_EINVAL (invalid arguments were given)"},
+        {-9, "TX_COMMITTED (transaction has heuristically committed)"},
+        {-100, "TX_NO_BEGIN (transaction committed plus new transaction could not be started)"},
+        {-102, "TX_ROLLBACK_NO_BEGIN (transaction rollback plus new transaction could not be started)"},
+        {-103, "TX_MIXED_NO_BEGIN (mixed plus new transaction could not be started)"},
+        {-104, "TX_HAZARD_NO_BEGIN (hazard plus new transaction could not be started)"},
+        {-109, "TX_COMMITTED_NO_BEGIN (heuristically committed plus new transaction could not be started)"},
+},
+  XA_TEXTS[] = {
+      {100, "XA_RBROLLBACK (The rollback was caused by an unspecified reason)"},
+      {101, "XA_RBCOMMFAIL (The rollback was caused by a communication failure)"},
+      {102, "XA_RBDEADLOCK (A deadlock was detected)"},
+      {103, "XA_RBINTEGRITY (A condition that violates the integrity of the resources was detected)"},
+      {104,
+       "XA_RBOTHER (The resource manager rolled back the transaction branch for a reason not on this list)"},
+      {105, "XA_RBPROTO (A protocol error occurred in the resource manager)"},
+      {106, "XA_RBTIMEOUT (A transaction branch took too long)"},
+      {107, "XA_RBTRANSIENT (May retry the transaction branch)"},
+      {107, "XA_RBEND (The inclusive upper bound of the rollback codes)"},
+      {9, "XA_NOMIGRATE (resumption must occur where suspension occurred)"},
+      {8, "XA_HEURHAZ (the transaction branch may have been heuristically completed)"},
+      {7, "XA_HEURCOM (the transaction branch has been heuristically committed)"},
+      {6, "XA_HEURRB (the transaction branch has been heuristically rolled back)"},
+      {5, "XA_HEURMIX (the transaction branch has been heuristically committed and rolled back)"},
+      {4, "XA_RETRY (routine returned with no effect and may be re-issued)"},
+      {3, "XA_RDONLY (the transaction branch was read-only and has been committed)"},
+      {0, "XA_OK (normal execution)"},
+      {-2, "XAER_ASYNC (asynchronous operation already outstanding)"},
+      {-3, "XAER_RMERR (a resource manager error occurred in the transaction branch)"},
+      {-4, "XAER_NOTA (the XID is not valid)"},
+      {-5, "XAER_INVAL (invalid arguments were given)"},
+      {-6, "XAER_PROTO (routine invoked in an improper context)"},
+      {-7, "XAER_RMFAIL (resource manager unavailable)"},
+      {-8, "XAER_DUPID (the XID already exists)"},
+      {-9, "XAER_OUTSIDE (resource manager doing work outside global transaction)"},
 };
 
 TEST(TxTexts, TableStandsInOrderAndIsSearched)
@@ -362,10 +410,26 @@ TEST(ErrorDetail, OnlyTimeAndConnectionHaveOne)
 
 TEST(UnixErrorPrinter, PrintsNameAloneOrBehindTheMessage)
 {
-    EXPECT_EQ(output_of([] { errno = ENOENT; Uunix_err(nullptr); }).err, "UOPEN\n");
-    EXPECT_EQ(output_of([] { errno = EPIPE; Uunix_err("log"); }).err, "log: UWRITE\n");
-    EXPECT_EQ(output_of([] { errno = 0; Uunix_err(""); }).err, ": UNLIST\n");
-    EXPECT_EQ(output_of([] { errno = 0; Uunix_err("%s%n"); }).err, "%s%n: UNLIST\n");
+    EXPECT_EQ(output_of([] {
+                  errno = ENOENT;
+                  Uunix_err(nullptr);
+              }).err,
+              "UOPEN\n");
+    EXPECT_EQ(output_of([] {
+                  errno = EPIPE;
+                  Uunix_err("log");
+              }).err,
+              "log: UWRITE\n");
+    EXPECT_EQ(output_of([] {
+                  errno = 0;
+                  Uunix_err("");
+              }).err,
+              ": UNLIST\n");
+    EXPECT_EQ(output_of([] {
+                  errno = 0;
+                  Uunix_err("%s%n");
+              }).err,
+              "%s%n: UNLIST\n");
 }
 
 TEST(FieldErrorPrinters, PrintMessageAndTextWithoutNewline)
@@ -384,7 +448,10 @@ TEST(FieldErrorPrinters, NumbersOutsideTheTableHaveNoText)
 {
     for (int number : {21, 22, -1, INT_MIN, INT_MAX}) {
         set_fberror(number);
-        Output both = output_of([] { print_fberror("x"); print_Ferror("y"); });
+        Output both = output_of([] {
+            print_fberror("x");
+            print_Ferror("y");
+        });
         EXPECT_EQ(both.err, "x: y: ") << number;
         EXPECT_EQ(both.out, "");
     }
@@ -394,7 +461,8 @@ TEST(FieldErrorPrinters, MessageIsAFormatWithoutArguments)
 {
     set_fberror(FBENOENT);
     EXPECT_EQ(output_of([] { print_fberror("50%% of %%"); }).err, "50% of %: FBENOENT (not found)");
-    EXPECT_EQ(output_of([] { print_Ferror("%s %n %1000d %"); }).err, "%s %n %1000d %: FNOTPRES (field not present)");
+    EXPECT_EQ(output_of([] { print_Ferror("%s %n %1000d %"); }).err,
+              "%s %n %1000d %: FNOTPRES (field not present)");
     EXPECT_EQ(output_of([] { print_fberror(nullptr); }).err, ": FBENOENT (not found)");
 }
 

@@ -29,6 +29,7 @@ struct plan {
 plan plans[faults::CALLS];
 std::atomic<bool> allocations_armed{false};
 std::atomic<bool> allocation_has_failed{false};
+std::atomic<size_t> largest_allocation{0};
 std::atomic<long> clock_shift{0};
 std::atomic<int> clock_calls{0};
 std::atomic<int> clock_step_at{0};
@@ -60,8 +61,13 @@ size_t cut(const plan &which, size_t length)
     return most != 0 && length > most ? most : length;
 }
 
-bool allocation_fails()
+bool allocation_fails(size_t size)
 {
+    size_t most = largest_allocation.load(std::memory_order_relaxed);
+    if (most != 0 && size > most) {
+        errno = ENOMEM;
+        return true;
+    }
     if (!allocations_armed.load(std::memory_order_relaxed) || !count_and_judge(plans[faults::ALLOCATE]))
         return false;
     allocation_has_failed = true;
@@ -84,6 +90,7 @@ void reset()
     allocations_armed = allocation_has_failed = false;
     clock_shift = clock_step = 0;
     clock_calls = clock_step_at = 0;
+    largest_allocation = 0;
 }
 
 void fail_allocation(int nth, bool from_then_on)
@@ -92,6 +99,8 @@ void fail_allocation(int nth, bool from_then_on)
     fail(ALLOCATE, nth, ENOMEM, from_then_on ? 1 << 30 : 1);
     allocations_armed = true;
 }
+
+void limit_allocation(size_t most_bytes) { largest_allocation = most_bytes; }
 
 void arm_allocations()
 {
@@ -160,9 +169,15 @@ int __real_select(int highest, fd_set *readable, fd_set *writable, fd_set *urgen
 int __real_connect(int fd, const struct sockaddr *address, socklen_t length);
 time_t __real_time(time_t *out);
 
-void *__wrap_malloc(size_t size) { return allocation_fails() ? nullptr : __real_malloc(size); }
-void *__wrap_calloc(size_t rows, size_t size) { return allocation_fails() ? nullptr : __real_calloc(rows, size); }
-void *__wrap_realloc(void *old, size_t size) { return allocation_fails() ? nullptr : __real_realloc(old, size); }
+void *__wrap_malloc(size_t size) { return allocation_fails(size) ? nullptr : __real_malloc(size); }
+void *__wrap_calloc(size_t rows, size_t size)
+{
+    return allocation_fails(rows * size) ? nullptr : __real_calloc(rows, size);
+}
+void *__wrap_realloc(void *old, size_t size)
+{
+    return allocation_fails(size) ? nullptr : __real_realloc(old, size);
+}
 
 ssize_t __wrap_send(int fd, const void *bytes, size_t length, int flags)
 {

@@ -6,6 +6,8 @@
 #ifndef VORN_TESTS_SUPPORT_FAULTS_H
 #define VORN_TESTS_SUPPORT_FAULTS_H
 
+#include <stddef.h>
+
 #include <functional>
 
 namespace faults {
@@ -21,6 +23,8 @@ void reset();  // counters to 0, everything disarmed
 void fail_allocation(int nth, bool from_then_on = false);
 void arm_allocations();     // count only
 void disarm_allocations();  // the count stays readable
+// Allocations of more than this many bytes fail, as where memory is short; 0 takes the limit away.
+void limit_allocation(size_t most_bytes);
 // True if the armed failure has happened. A sweep goes on until a run in which it has not.
 bool allocation_failed();
 

@@ -127,6 +127,8 @@ const Expected &Expected::data(const std::string &bytes) const
     return *this;
 }
 
+const Expected &Expected::text(const std::string &text) const { return data(text + '\0'); }
+
 const Expected &Expected::flags(uint32_t flags) const
 {
     same("flags", frame.flags, flags, place);
@@ -219,10 +221,15 @@ void Conn::expect_end(where place)
         fail("the connection stands where its end was awaited", place);
 }
 
-void Conn::expect_nothing(where place)
+bool Conn::something_came()
 {
     char byte;
-    if (fd >= 0 && recvfrom(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT, nullptr, nullptr) >= 0)
+    return fd >= 0 && recvfrom(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT, nullptr, nullptr) >= 0;
+}
+
+void Conn::expect_nothing(where place)
+{
+    if (something_came())
         fail("something came where nothing was awaited", place);
 }
 

@@ -138,6 +138,7 @@ struct Expected {
 
     const Expected &svcname(const std::string &name) const;
     const Expected &data(const std::string &bytes) const;
+    const Expected &text(const std::string &text) const;  // the text and its NUL, as a STRING travels
     const Expected &flags(uint32_t flags) const;
     const Expected &cd(int32_t cd) const;
     const Expected &seqno(int32_t seqno) const;
@@ -168,6 +169,7 @@ struct Conn {
     bool receive(wire::frame *message);
     // The client closes the connection, and nothing comes before that.
     void expect_end(where place = where::current());
+    bool something_came();  // without waiting
     // Nothing has been sent to this side so far.
     void expect_nothing(where place = where::current());
 
@@ -205,6 +207,9 @@ struct Peer : Conn {
     bool accept(Conn *conn, where place = where::current());  // beside the one at hand
     // Accepts, takes TPSTART or TPINIT, answers. The start message.
     Expected accept_start(const wire::start_reply &reply = {}, where place = where::current());
+    // Accepts, and plays the server's side of a recorded conversation: the client's messages must be those of the
+    // file byte for byte, and the connection must end behind the last one. The format stands in the files.
+    void follow(const std::string &path, where place = where::current());
     bool nobody_knocks();   // no connection waits to be accepted
     void stop_listening();  // further attempts are refused
 
