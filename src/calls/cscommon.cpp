@@ -272,6 +272,18 @@ int _get_acall_ind_from_ready(wthr_var *block)
     return oldest;
 }
 
+int release_call(int cd, wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    int index = _get_acall_cd_ind(cd, block);
+    if (index >= 0) {
+        free(block->acall[index].reply);
+        release_acall_row(&block->acall[index], block);
+    }
+    _thread_mutex_unlock(&block->msg_mutex);
+    return index < 0 ? -1 : 1;
+}
+
 msg_header *take_stored_reply(int index, wthr_var *block)
 {
     msg_header *reply = block->acall[index].reply;

@@ -77,6 +77,9 @@ int _get_active_tran_conv(wthr_var *block);
 int _get_conv_cd_ind(int cd, wthr_var *block);
 int append_msg_node(msg_node **head, msg_node **tail, msg_header *message);  // 1, or -1 without memory
 
+// Ends the call of descriptor `cd`, and frees what arrived for it. 1, or -1 if there is no such call.
+int release_call(int cd, wthr_var *block);
+
 // The stored reply of row `index`, which the caller then owns; null if there is none. Expects msg_mutex.
 msg_header *take_stored_reply(int index, wthr_var *block);
 

@@ -40,9 +40,8 @@ static void number_request(msg_header *message, int32_t cd, wthr_var *block)
 {
     message->seqno = next_seqno(block);
     message->cd = cd;
-    message->prio = block->next_prio;
-    block->last_prio = block->next_prio;
-    block->next_prio = block->default_prio;
+    message->prio = block->next_prio.exchange(block->default_prio);
+    block->last_prio = message->prio;
 }
 
 // Seconds of the block time; 0, no limit, inside a transaction and with one of `unlimited` in the flags.
@@ -177,9 +176,8 @@ static int wait_for_receipt(int32_t seqno, long flags, wthr_var *block)
 
 static int release_and_fail(const api_frame *frame, int cd)
 {
-    int index = cd > 0 ? _get_acall_cd_ind(cd, frame->block) : -1;
-    if (index >= 0)
-        _make_acall_cd_invalid(index, frame->block);
+    if (cd > 0)
+        release_call(cd, frame->block);
     return api_error(frame, &TPACALL);
 }
 
@@ -310,18 +308,17 @@ int tpgetrply(int *cd, char **odata, long *olen, long flags)
         mark_transaction_of(index, block);
         return api_error(&frame, &TPGETRPLY);
     }
-    if ((flags & TPGETANY) != 0) {
-        index = _get_acall_cd_ind(reply->cd, block);
-        *cd = reply->cd;
-    }
+    int32_t served = reply->cd;
+    if ((flags & TPGETANY) != 0)
+        *cd = served;
+    index = _get_acall_cd_ind(served, block);
     int code = take_reply(reply, buffer, odata, olen);
     bool good = code == 0 && reply->msgtype == MSG_TPACALL + REPLY;
     if (!good) {
         mark_transaction_of(index, block);
         name_the_error();
     }
-    if (index >= 0)
-        _make_acall_cd_invalid(index, block);
+    release_call(served, block);
     return good ? api_return(&TPGETRPLY, 1) : api_error(&frame, &TPGETRPLY);
 }
 
@@ -339,11 +336,8 @@ int tpcancel(int cd)
         return api_fail(&frame, &TPCANCEL, TPEBADDESC);
     if ((block->acall[index].flags & TPTRAN) != 0)
         return api_fail(&frame, &TPCANCEL, TPEPROTO);
-    _thread_mutex_lock(&block->msg_mutex);
-    msg_header *reply = take_stored_reply(index, block);
-    _thread_mutex_unlock(&block->msg_mutex);
-    free(reply);
-    _make_acall_cd_invalid(index, block);
+    if (release_call(cd, block) < 0)
+        return api_fail(&frame, &TPCANCEL, TPEBADDESC);
     return api_return(&TPCANCEL, 1);
 }
 

@@ -134,7 +134,7 @@ struct wthr_var {
     int32_t seqno_inited;
     subscr_elem *subscr;
     int32_t subscr_size, subscr_count;
-    int32_t default_prio, next_prio, last_prio;
+    shared_int32 default_prio, next_prio, last_prio;
     int32_t compat_Ferror;
     shared_int32 rolling_failed;
     int32_t compat_errno, compat_unixerrno;
@@ -142,7 +142,7 @@ struct wthr_var {
     char last_svc[32];
     fcache_elem *fcache;
     char server_name[32];  // service name from the tail of the start reply
-    void *crypt_sess;
+    std::atomic<void *> crypt_sess;
 
     pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
     pthread_mutex_t roll_mutex;  // the rolling start; taken inside the reader role, never inside msg_mutex

@@ -78,8 +78,7 @@ int _cli_init(int acall_size, int conv_size, wthr_var *block)
 
 void _clhc_close(int fd, wthr_var *block)
 {
-    _dh_close_sess(block->crypt_sess);
-    block->crypt_sess = nullptr;
+    _dh_close_sess(block->crypt_sess.exchange(nullptr));
     for (shared_int32 *socket : {&block->clhfd, &block->old_clhfd, &block->new_clhfd}) {
         int32_t expected = fd;
         socket->compare_exchange_strong(expected, -1);
@@ -476,7 +475,10 @@ int tpend(void)
     wthr_var *block = frame.block;
     set_tperrno(0);
     if (block->started == 0) {
+        // A session that was lost still has its tables; they end with the context.
         _clhc_close(block->clhfd, block);
+        if (block != _main_wthrv)
+            _clear_init_mem(block);
         give_up(TPEPROTO);
         return api_error(&frame, &TPEND);
     }

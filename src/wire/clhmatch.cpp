@@ -159,14 +159,15 @@ static int store_conversation_message(msg_header *message, wthr_var *block)
     if (index < 0)
         return drop(message, block);
     conv_elem *row = &block->conv[index];
+    int32_t msgtype = message->msgtype;
     if (append_msg_node(&row->head, &row->tail, message) < 0) {
         free(message);
         set_tperrno(TPEOS);
         return -1;
     }
-    if (message->msgtype == MSG_TPRECV + REPLY)
+    if (msgtype == MSG_TPRECV + REPLY)
         row->event |= CONV_REPLY_1007;
-    else if (message->msgtype == MSG_TPRECV + ERROR_REPLY2)
+    else if (msgtype == MSG_TPRECV + ERROR_REPLY2)
         row->event |= CONV_REPLY_3007;
     return 1;
 }
@@ -411,7 +412,9 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
     }
     message->msgtype -= ERROR_REPLY;
     message->xflags &= ~(uint32_t)XFLAG_GIVEN_BACK;
-    _send_csmsg_to_clh(message, block);
+    // Whoever waits for the answer has been counted when the request went out first.
+    if (_send_csmsg_to_clh(message, block) > 0 && has_waiter(message))
+        forget_waiter(block);
     bool a_call = want != nullptr
                   && ((want->msgtype == MSG_TPCALL && message->msgtype == MSG_TPCALL) || want->msgtype == MSG_TPACALL);
     if (a_call && check_rolling_cd(block->old_clhfd, block) < 0)

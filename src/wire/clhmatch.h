@@ -13,7 +13,7 @@ extern "C" {
 int _is_msgtype_matched(const msg_header *want, const msg_header *message, wthr_var *block);
 
 // Takes ownership of the message. 1 if it was dealt with, -1 with tperrno set if the wait must end. Runs in
-// the thread with the reader role, outside msg_mutex.
+// the thread that read the message, outside msg_mutex.
 int _unmatched_msg_process(msg_header *message, wthr_var *block);
 
 // A request that the server gave back: 0 for any other message, 1 if it was sent again, -1 if it could not be

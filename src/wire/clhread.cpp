@@ -8,8 +8,8 @@
 // have looked at it. What nobody wants goes to clhmatch. Whoever has its message gives the role up and wakes the
 // thread that has waited longest.
 //
-// Subtle: a stored reply and a waiter for it can't miss each other, because a waiter looks into the tables under
-// msg_mutex before it waits, and the reader looks for a waiter under msg_mutex before it stores. msg_mutex is
+// Subtle: the stored reply of an asynchronous call and a waiter for it can't miss each other, because a waiter looks
+// into the table under msg_mutex before it waits, and the reader looks for a waiter under msg_mutex before it stores. msg_mutex is
 // never held across a read of the socket, nor while a message is looked after.
 #include "wire/clhread.h"
 
@@ -75,6 +75,11 @@ static int remaining(const read_wait *wait)
 {
     int64_t passed = time(nullptr) - wait->begin;
     return passed > wait->seconds ? -1 : (int)(wait->seconds - passed);
+}
+
+static int milliseconds_of(int seconds)
+{
+    return seconds > INT32_MAX / 1000 ? INT32_MAX : seconds < 0 ? 0 : seconds * 1000;
 }
 
 static int time_out_error(const read_wait *wait)
@@ -248,10 +253,7 @@ static role_result wait_for_role(const read_wait *wait, msg_header **handed)
             }
             milliseconds = unlimited_slice(block);
         } else {
-            int left = remaining(wait);
-            milliseconds = left > INT32_MAX / 1000 ? INT32_MAX : left * 1000;
-            if (left < 0)
-                milliseconds = 0;
+            milliseconds = milliseconds_of(remaining(wait));
         }
         int result = _thread_cond_timedwait(&me.cond, &block->msg_mutex, milliseconds);
         if (result == ETIMEDOUT && wait->timed && me.message == nullptr && block->reader_busy != 0)
@@ -262,6 +264,9 @@ static role_result wait_for_role(const read_wait *wait, msg_header **handed)
     leave_waiters(&me, block);
     _thread_cond_destroy(&me.cond);
     if (me.message != nullptr) {
+        // The role may have been offered to this thread in the meantime; somebody else must take it then.
+        if (block->reader_busy == 0)
+            wake_next_reader(block);
         *handed = me.message;
         return ROLE_HANDED;
     }
@@ -299,12 +304,8 @@ static role_result enter(const read_wait *wait, msg_header **handed)
 // --- Delivery.
 
 // Puts the message into the caller's block, or in its place.
-static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *block)
+static msg_header *put_into(msg_header *message, msg_header *want, wthr_var *block)
 {
-    if (message->msgtype == MSG_KMQ_CLOSE_SESSION && (message->flags & FLAG_SESSION_CLOSED) != 0) {
-        free(message);
-        return null_with(TPECLOSE);
-    }
     if (_data_otype_check_no_alloc(message, want, block) < 0) {
         free(message);
         return nullptr;
@@ -324,6 +325,14 @@ static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *bloc
     want->bufsize = bufsize;
     free(message);
     return want;
+}
+
+static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *block)
+{
+    if (message->msgtype != MSG_KMQ_CLOSE_SESSION || (message->flags & FLAG_SESSION_CLOSED) == 0)
+        return put_into(message, want, block);
+    free(message);
+    return null_with(TPECLOSE);
 }
 
 // --- Reading.
@@ -408,7 +417,7 @@ static bool offer(const read_wait *wait, msg_header *message)
     block->offer_msg = message;
     int seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
     while (seconds >= 0 && block->offer_left > 0) {
-        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex, (wait->timed ? seconds : 3) * 1000);
+        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex, milliseconds_of(wait->timed ? seconds : 3));
         seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
     }
     bool taken = block->offer_msg == nullptr;
@@ -441,6 +450,20 @@ static void log_sequence_error(const read_wait *wait, const msg_header *message)
         VORN_LOG(0, LEVEL_WARNING, code, "3001 sequence number error : %d %d", want->seqno, message->seqno);
 }
 
+// A call that several threads share travelled as a TPACALL; its reply becomes the TPCALL's again.
+static void undo_shared_call(msg_header *message)
+{
+    if ((message->seqno & SEQNO_SHARED_CALL) == 0)
+        return;
+    switch (message->msgtype) {
+    case MSG_TPACALL + REPLY:
+    case MSG_TPACALL + ERROR_REPLY:
+    case MSG_TPACALL + ERROR_REPLY2:
+        message->msgtype--;
+        message->seqno &= ~SEQNO_SHARED_CALL;
+    }
+}
+
 // Finds a taker among the other threads. True if there was one.
 static bool pass_on(const read_wait *wait, msg_header *message)
 {
@@ -462,24 +485,28 @@ static msg_header *read_for_all(read_wait *wait)
         if (fd == NEXT_FAILED)
             return nullptr;
         msg_header *message = nullptr;
-        switch (read_frame(fd, fd, stall_limit(wait), &message, block)) {
+        switch (read_frame(fd, stall_limit(wait), &message, block)) {
         case FRAME_FAILED:
             return fail_as_reader(wait, 0);
         case FRAME_OLD_SOCKET:
             continue;
         case FRAME_NEGOTIATION:
             release_role(wait);
+            free(wait->want);  // the step takes its place
             return message;
         case FRAME_MESSAGE:
             break;
         }
+        undo_shared_call(message);
         if (_is_msgtype_irt(wait->want, message, block) > 0) {
             free(message);
             continue;
         }
+        if (wait->timed || wait->want == nullptr)
+            _check_read_buffer(message);
         if (wait->want == nullptr) {
             release_role(wait);
-            return _check_read_buffer(message);
+            return message;
         }
         if (_is_msgtype_matched(wait->want, message, block)) {
             release_role(wait);
@@ -536,17 +563,27 @@ msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int nob
 // --- The socket of a rolling start, read alone.
 
 // One message off `new_clhfd`: delivered, given to whoever may want it, or null with tperrno set. `settled` tells
-// whether the wait is over.
+// whether the wait is over. The end of the socket shows in `new_clhfd`.
 static msg_header *read_ready(int body_fd, int stall_seconds, msg_header *want, bool *settled, wthr_var *block)
 {
     msg_header *message = nullptr;
     *settled = true;
-    if (read_frame(block->new_clhfd, body_fd, stall_seconds, &message, block) == FRAME_FAILED || message == nullptr)
+    switch (read_frame_alone(block->new_clhfd, body_fd, stall_seconds, &message, block)) {
+    case FRAME_FAILED:
         return nullptr;
+    case FRAME_OLD_SOCKET:
+        *settled = false;
+        return nullptr;
+    case FRAME_NEGOTIATION:
+        free(want);
+        return message;
+    case FRAME_MESSAGE:
+        break;
+    }
     if (want == nullptr)
         return _check_read_buffer(message);
     if (_is_msgtype_matched(want, message, block))
-        return deliver(message, want, block);
+        return put_into(message, want, block);
     *settled = _unmatched_msg_process(message, block) < 0;
     return nullptr;
 }

@@ -31,6 +31,7 @@ constexpr int64_t FIRST_BLOCK = 2000;
 
 struct frame_reader {
     int fd;
+    bool alone;  // beside the thread with the reader role, which owns the read-ahead
     int stall_seconds;
     wthr_var *block;
     char *bytes;  // owned; FIRST_BLOCK bytes at least
@@ -41,7 +42,7 @@ struct frame_reader {
 static int take_read_ahead(frame_reader *reader, char *to, int64_t length)
 {
     read_ahead *ahead = &reader->block->ahead;
-    if (ahead->fd != reader->fd)
+    if (reader->alone || ahead->fd != reader->fd)
         return 0;
     int there = ahead->end - ahead->begin;
     int taken = there < length ? there : (int)length;
@@ -105,7 +106,7 @@ static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
 static int64_t read_head(frame_reader *reader, char *to, int length)
 {
     errno = 0;
-    if (reader->block->ahead.fd >= 0 && reader->block->ahead.fd != reader->fd)
+    if (reader->alone || (reader->block->ahead.fd >= 0 && reader->block->ahead.fd != reader->fd))
         return _vorn_readn(reader->fd, to, length, reader->block);
     int got = reader->block->ahead.fd == reader->fd ? 1 : fill_read_ahead(reader);
     return got <= 0 ? got : read_rest(reader, to, length);
@@ -339,20 +340,6 @@ static frame_result convert_data(frame_reader *reader)
     return FRAME_MESSAGE;
 }
 
-// A call that several threads share travelled as a TPACALL; its reply becomes the TPCALL's again.
-static void undo_shared_call(msg_header *message)
-{
-    if ((message->seqno & SEQNO_SHARED_CALL) == 0)
-        return;
-    switch (message->msgtype) {
-    case MSG_TPACALL + REPLY:
-    case MSG_TPACALL + ERROR_REPLY:
-    case MSG_TPACALL + ERROR_REPLY2:
-        message->msgtype--;
-        message->seqno &= ~SEQNO_SHARED_CALL;
-    }
-}
-
 static frame_result read_by_kind(frame_reader *reader)
 {
     switch (get_word(reader->bytes)) {
@@ -366,36 +353,43 @@ static frame_result read_by_kind(frame_reader *reader)
     return read_plain(reader);
 }
 
-frame_result read_frame(int head_fd, int body_fd, int stall_seconds, msg_header **message, wthr_var *block)
+static frame_result read_one(frame_reader *reader, int body_fd, msg_header **message)
 {
-    frame_reader reader = {head_fd, stall_seconds, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
-    if (reader.bytes == nullptr) {
+    if (reader->bytes == nullptr) {
         VORN_LOG(1, LEVEL_ERROR, "CSC5701", "0001 memory allocation error : size = %d", (int)FIRST_BLOCK);
-        set_tperrno(TPEOS);
-        return FRAME_FAILED;
+        return without_memory();
     }
-    int64_t got = read_head(&reader, reader.bytes, SHORTEST_FRAME_HEAD);
+    int64_t got = read_head(reader, reader->bytes, SHORTEST_FRAME_HEAD);
     if (got != SHORTEST_FRAME_HEAD) {
-        failed(&reader, got);
-        free(reader.bytes);
-        if (got != 0 || block->clhfd < 0)
+        failed(reader, got);
+        free(reader->bytes);
+        if (got != 0 || reader->block->clhfd < 0)
             return FRAME_FAILED;
         set_tperrno(0);
         return FRAME_OLD_SOCKET;
     }
-    reader.fd = body_fd;
-    frame_result result = read_by_kind(&reader);
+    reader->fd = body_fd;
+    frame_result result = read_by_kind(reader);
     if (result == FRAME_MESSAGE) {
-        _cs_del_trailer((msg_header *)reader.bytes);
-        result = convert_data(&reader);
+        _cs_del_trailer((msg_header *)reader->bytes);
+        result = convert_data(reader);
     }
-    if (result == FRAME_FAILED) {
-        free(reader.bytes);
-        return result;
-    }
-    *message = (msg_header *)reader.bytes;
-    if (result == FRAME_MESSAGE)
-        undo_shared_call(*message);
+    if (result == FRAME_FAILED)
+        free(reader->bytes);
+    else
+        *message = (msg_header *)reader->bytes;
     return result;
+}
+
+frame_result read_frame(int fd, int stall_seconds, msg_header **message, wthr_var *block)
+{
+    frame_reader reader = {fd, false, stall_seconds, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
+    return read_one(&reader, fd, message);
+}
+
+frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message, wthr_var *block)
+{
+    frame_reader reader = {head_fd, true, stall_seconds, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
+    return read_one(&reader, body_fd, message);
 }
 }

@@ -32,10 +32,13 @@ enum frame_result {
     FRAME_OLD_SOCKET    // the previous socket of a rolling start has ended; read on
 };
 
-// Reads one frame: its first bytes from `head_fd`, the rest from `body_fd`. A stall inside the frame may last
-// `stall_seconds` (0: no limit). The message is a block with room for its data and a trailer; the caller owns it.
-// Only the thread with the reader role, or the one that opens `new_clhfd`; takes no lock.
-frame_result read_frame(int head_fd, int body_fd, int stall_seconds, msg_header **message, wthr_var *block);
+// Reads one frame. A stall inside it may last `stall_seconds` (0: no limit). The message is a block with room for its
+// data and a trailer; the caller owns it. Takes no lock. For the thread with the reader role: it may read ahead.
+frame_result read_frame(int fd, int stall_seconds, msg_header **message, wthr_var *block);
+
+// The same for the thread that opens `new_clhfd`, beside the one that has the role: it reads the first bytes from
+// `head_fd` and the rest from `body_fd`, and never more than the frame.
+frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message, wthr_var *block);
 }
 
 #endif

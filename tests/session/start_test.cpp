@@ -358,14 +358,20 @@ TEST_F(Start, RecordWithAModeOpensASecondContext)
 {
     ASSERT_TRUE(start());
     wthr_var *first = block();
-    make_record(0x02);
     Conn second;
-    Task client(peer, [&] { return tpstart(make_record(0x02)); });
-    ASSERT_TRUE(peer.accept(&second));
-    second.expect(wire::TPSTART);
-    second.reply_start({});
-    EXPECT_EQ(client.get(), 0);
-    EXPECT_EQ(block(), first);
+    peer.play([&] {
+        peer.accept(&second);
+        second.expect(wire::TPSTART).flags(0x02);
+        second.reply_start({});
+    });
+    EXPECT_EQ(tpstart(make_record(0x02)), 0);
+    peer.done();
+    EXPECT_NE(block(), first);
+    EXPECT_EQ(block()->unsol_mode, 2);
+    EXPECT_EQ(first->unsol_mode, 1);
+    EXPECT_EQ(first->started, 1);
+    EXPECT_EQ(_ctxt[1].in_use, 1);
+    EXPECT_EQ(_ctxt[2].in_use, 1);
 }
 
 TEST_F(Start, MultipleContextsAreOpenedOnOneThread)

@@ -78,7 +78,10 @@ bool allocation_fails(size_t size)
 
 namespace faults {
 
-int count(call which) { return plans[which].made.load(); }
+int count(call which)
+{
+    return plans[which].made.load();
+}
 
 void reset()
 {
@@ -100,7 +103,10 @@ void fail_allocation(int nth, bool from_then_on)
     allocations_armed = true;
 }
 
-void limit_allocation(size_t most_bytes) { largest_allocation = most_bytes; }
+void limit_allocation(size_t most_bytes)
+{
+    largest_allocation = most_bytes;
+}
 
 void arm_allocations()
 {
@@ -109,8 +115,14 @@ void arm_allocations()
     allocations_armed = true;
 }
 
-void disarm_allocations() { allocations_armed = false; }
-bool allocation_failed() { return allocation_has_failed; }
+void disarm_allocations()
+{
+    allocations_armed = false;
+}
+bool allocation_failed()
+{
+    return allocation_has_failed;
+}
 
 void fail(call which, int nth, int error, int times)
 {
@@ -120,7 +132,10 @@ void fail(call which, int nth, int error, int times)
     one.fail_at = one.made + nth;
 }
 
-void limit(call which, int most_bytes) { plans[which].most_bytes = most_bytes; }
+void limit(call which, int most_bytes)
+{
+    plans[which].most_bytes = most_bytes;
+}
 
 void before(call which, int nth, std::function<void()> action)
 {
@@ -132,7 +147,10 @@ void before(call which, int nth, std::function<void()> action)
     one.action_at = one.made + nth;
 }
 
-void shift_clock(long seconds) { clock_shift += seconds; }
+void shift_clock(long seconds)
+{
+    clock_shift += seconds;
+}
 
 void step_clock_at_call(int nth, long seconds)
 {
@@ -169,7 +187,10 @@ int __real_select(int highest, fd_set *readable, fd_set *writable, fd_set *urgen
 int __real_connect(int fd, const struct sockaddr *address, socklen_t length);
 time_t __real_time(time_t *out);
 
-void *__wrap_malloc(size_t size) { return allocation_fails(size) ? nullptr : __real_malloc(size); }
+void *__wrap_malloc(size_t size)
+{
+    return allocation_fails(size) ? nullptr : __real_malloc(size);
+}
 void *__wrap_calloc(size_t rows, size_t size)
 {
     return allocation_fails(rows * size) ? nullptr : __real_calloc(rows, size);

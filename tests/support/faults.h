@@ -14,8 +14,8 @@ namespace faults {
 
 enum call { ALLOCATE, SEND, RECV, SELECT, CONNECT, CALLS };
 
-// Calls since the last reset() of the counters, those that were made to fail included. Allocations are counted
-// only while allocation is armed (arm_allocations or fail_allocation).
+// Calls since the last reset() of the counters, those that were made to fail included. Allocations are
+// counted only while allocation is armed (arm_allocations or fail_allocation).
 int count(call which);
 void reset();  // counters to 0, everything disarmed
 

@@ -92,10 +92,9 @@ bool wait_for_urgent(int fd)
 
 static void clear_environment()
 {
-    for (const char *name :
-         {"VORN_HOST_ADDR", "VORN_HOST_PORT", "VORN_BACKUP_ADDR", "VORN_BACKUP_PORT", "VORN_CONNECT_TIMEOUT",
-          "VORN_STRING_NULL", "VORN_SEMANTICS", "ULOGPFX", "ULOG", "VORN_PATHDIR", "VORNDIR", "SDLFILE64",
-          "SDLFILE", "FDLFILE"})
+    for (const char *name : {"VORN_HOST_ADDR", "VORN_HOST_PORT", "VORN_BACKUP_ADDR", "VORN_BACKUP_PORT",
+                             "VORN_CONNECT_TIMEOUT", "VORN_STRING_NULL", "VORN_SEMANTICS", "ULOGPFX", "ULOG",
+                             "VORN_PATHDIR", "VORNDIR", "SDLFILE64", "SDLFILE", "FDLFILE"})
         unsetenv(name);
     signal(SIGPIPE, SIG_IGN);
 }
@@ -126,7 +125,10 @@ bool SessionTest::start(const wire::start_reply &reply, bool multiple)
     return result == 0;
 }
 
-wthr_var *SessionTest::block() const { return current_block(); }
+wthr_var *SessionTest::block() const
+{
+    return current_block();
+}
 
 int SessionTest::context() const
 {

@@ -11,7 +11,8 @@
 #include "support/peer.h"
 #include "wire/msgheader.h"
 
-// The log lines of this process, from the moment of its making. Must be made before the first line is written.
+// The log lines of this process, from the moment of its making. Must be made before the first line is
+// written.
 struct LogFile {
     LogFile();
     ~LogFile();
@@ -36,16 +37,16 @@ struct SessionTest : testing::Test {
 
     SessionTest();
 
-    // Opens a session on this thread, with the peer's usual start reply; the peer's conversation stands at the
-    // first message behind it. With `multiple` in the multi-context mode (needed for threads that share).
+    // Opens a session on this thread, with the peer's usual start reply; the peer's conversation stands at
+    // the first message behind it. With `multiple` in the multi-context mode (needed for threads that share).
     bool start(const wire::start_reply &reply = {}, bool multiple = false);
     wthr_var *block() const;
     // For other threads of a multi-context process: puts them on the context of the test's thread.
     int context() const;
 };
 
-// One block of variables, bound to this thread, whose connection is one end of a TCP pair: for single internal
-// functions, with no start exchange. The acall and conversation tables have 8 rows; `started` is 1.
+// One block of variables, bound to this thread, whose connection is one end of a TCP pair: for single
+// internal functions, with no start exchange. The acall and conversation tables have 8 rows; `started` is 1.
 struct WireTest : testing::Test {
     LogFile log;
     Conn peer;  // the other end
@@ -56,8 +57,8 @@ struct WireTest : testing::Test {
     int error() const { return get_tperrno(); }
 };
 
-// A message as the library holds it: header in host order and data, in one block from malloc with the room that
-// a typed buffer has. The caller frees it, or gives it away.
+// A message as the library holds it: header in host order and data, in one block from malloc with the room
+// that a typed buffer has. The caller frees it, or gives it away.
 msg_header *new_message(int32_t msgtype, const std::string &data = "", int32_t room = -1);
 std::string data_of(msg_header *message);  // the `datalen` bytes
 

@@ -24,7 +24,9 @@ struct message {
 
     size_t size() const
     {
-        return pieces.empty() ? 0 : pieces.back().offset + (pieces.back().variable.empty() ? pieces.back().bytes.size() : 4);
+        return pieces.empty()
+                   ? 0
+                   : pieces.back().offset + (pieces.back().variable.empty() ? pieces.back().bytes.size() : 4);
     }
 };
 
@@ -116,13 +118,14 @@ void Peer::follow(const std::string &path, where place)
                 answer += awaited;
                 continue;
             }
-            std::string there = got.size() > part.offset ? got.substr(part.offset, awaited.empty() ? 4 : awaited.size()) : "";
+            std::string there =
+                got.size() > part.offset ? got.substr(part.offset, awaited.empty() ? 4 : awaited.size()) : "";
             if (!part.variable.empty() && awaited.empty())
                 bound[part.variable] = there;
             else if (there != awaited)
                 ADD_FAILURE_AT(place.file, place.line)
-                    << one.name << ", offset " << part.offset << ", " << part.field << "\n  came    " << hex(there)
-                    << "\n  awaited " << hex(awaited);
+                    << one.name << ", offset " << part.offset << ", " << part.field << "\n  came    "
+                    << hex(there) << "\n  awaited " << hex(awaited);
         }
         if (!one.from_client)
             send_raw(answer);

@@ -127,7 +127,10 @@ const Expected &Expected::data(const std::string &bytes) const
     return *this;
 }
 
-const Expected &Expected::text(const std::string &text) const { return data(text + '\0'); }
+const Expected &Expected::text(const std::string &text) const
+{
+    return data(text + '\0');
+}
 
 const Expected &Expected::flags(uint32_t flags) const
 {
@@ -202,7 +205,8 @@ Expected Conn::expect(int32_t msgtype, where place)
     }
     bool came = receive(&expected.frame);
     if (!came)
-        fail("no message came (or not all of it) where one of type " + std::to_string(msgtype) + " was awaited",
+        fail("no message came (or not all of it) where one of type " + std::to_string(msgtype) +
+                 " was awaited",
              place);
     else if (expected.frame.msgtype != msgtype)
         fail("a message of type " + std::to_string(expected.frame.msgtype) + " came where type " +
@@ -248,9 +252,15 @@ void Conn::send_raw(const std::string &bytes)
         sent += bytes;
 }
 
-void Conn::send(const wire::frame &message) { send_raw(wire::encode(message)); }
+void Conn::send(const wire::frame &message)
+{
+    send_raw(wire::encode(message));
+}
 
-void Conn::reply(const std::string &data, const wire::with &fields) { reply_to(last, data, fields); }
+void Conn::reply(const std::string &data, const wire::with &fields)
+{
+    reply_to(last, data, fields);
+}
 
 void Conn::reply_to(const wire::frame &request, const std::string &data, const wire::with &fields)
 {
@@ -297,7 +307,10 @@ void Conn::half_close()
         shutdown(fd, SHUT_WR);
 }
 
-void Conn::reply_start(const wire::start_reply &reply) { send(wire::start_answer(last, reply)); }
+void Conn::reply_start(const wire::start_reply &reply)
+{
+    send(wire::start_answer(last, reply));
+}
 
 void Conn::serve_end()
 {
@@ -335,7 +348,10 @@ Peer::~Peer()
     stop_listening();
 }
 
-std::string Peer::address() const { return "127.0.0.1:" + std::to_string(port); }
+std::string Peer::address() const
+{
+    return "127.0.0.1:" + std::to_string(port);
+}
 
 static int accept_within(int listener, int seconds)
 {
@@ -344,7 +360,10 @@ static int accept_within(int listener, int seconds)
     return accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
-bool Peer::accept(where place) { return accept(this, place); }
+bool Peer::accept(where place)
+{
+    return accept(this, place);
+}
 
 bool Peer::accept(Conn *conn, where place)
 {
@@ -363,7 +382,8 @@ Expected Peer::accept_start(const wire::start_reply &reply, where place)
     if (!receive(&expected.frame))
         fail("no start message came", place);
     else if (expected.frame.msgtype != wire::TPSTART && expected.frame.msgtype != wire::TPINIT)
-        fail("a message of type " + std::to_string(expected.frame.msgtype) + " came instead of a start", place);
+        fail("a message of type " + std::to_string(expected.frame.msgtype) + " came instead of a start",
+             place);
     else
         reply_start(reply);
     return expected;

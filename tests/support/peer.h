@@ -9,10 +9,11 @@
 //     ... tpcall ...
 //
 // It listens on a free port of 127.0.0.1 and has a header codec of its own, which shares nothing with the
-// library's. Every expectation has a time limit; one that fails is a test failure at its line, and hangs up, so
-// that a client that waits for an answer gets an end instead. What comes after a hang-up does nothing.
+// library's. Every expectation has a time limit; one that fails is a test failure at its line, and hangs up,
+// so that a client that waits for an answer gets an end instead. What comes after a hang-up does nothing.
 //
-// The script runs in the test's thread (the client then in others, see Task) or, with play(), in one of its own.
+// The script runs in the test's thread (the client then in others, see Task) or, with play(), in one of its
+// own.
 #ifndef VORN_TESTS_SUPPORT_PEER_H
 #define VORN_TESTS_SUPPORT_PEER_H
 
@@ -78,17 +79,18 @@ std::string encode_header(const frame &message);            // the 136 bytes
 frame decode_header(const std::string &bytes);              // at least 136 bytes
 uint32_t word_at(const std::string &bytes, size_t offset);  // big-endian
 std::string word(uint32_t value);                           // big-endian
-std::string compressed_frame(const std::string &message);   // as the server writes it: plain size at offset 12
+std::string compressed_frame(const std::string &message);  // as the server writes it: plain size at offset 12
 std::string raw_frame(const std::string &data);
 
-// The same fields for every message that a test sends. What isn't named keeps the value that fits the message.
+// The same fields for every message that a test sends. What isn't named keeps the value that fits the
+// message.
 struct with {
-    int32_t msgtype = -1;   // reply: the request's plus 1000
-    int32_t rcode = 0;      // becomes tpurcode
-    uint32_t flags = 0;     // reply: becomes tperrno, and 2000 is added to the request's type instead of 1000
-    int32_t buftype = -1;   // STRING with data, header only without
-    int32_t bufsize = -1;   // the data's length
-    int32_t datalen = -1;   // the data's length
+    int32_t msgtype = -1;  // reply: the request's plus 1000
+    int32_t rcode = 0;     // becomes tpurcode
+    uint32_t flags = 0;    // reply: becomes tperrno, and 2000 is added to the request's type instead of 1000
+    int32_t buftype = -1;  // STRING with data, header only without
+    int32_t bufsize = -1;  // the data's length
+    int32_t datalen = -1;  // the data's length
     int32_t cd = INT32_MIN;     // reply: the request's
     int32_t seqno = INT32_MIN;  // reply: the request's
     std::string subtype = "";
@@ -111,10 +113,10 @@ struct start_reply {
     std::vector<std::string> nodes = {"NODE1"};
     std::vector<std::string> queues = {};
     std::vector<std::string> thirds = {};  // rows of the third table, 32 bytes each
-    std::string server_name = "";     // tagged value 0, if not empty
+    std::string server_name = "";          // tagged value 0, if not empty
     bool with_payload = true;
-    int32_t refuse = 0;       // not 0: an error reply with this in `target`
-    std::string payload = ""; // instead of the one made from the above, if not empty
+    int32_t refuse = 0;        // not 0: an error reply with this in `target`
+    std::string payload = "";  // instead of the one made from the above, if not empty
 };
 std::string start_payload(const start_reply &reply);
 frame start_answer(const frame &request, const start_reply &reply);
@@ -152,10 +154,10 @@ struct Expected {
 // One connection, seen from the server's side.
 struct Conn {
     int fd = -1;
-    wire::frame last;  // the last message that arrived
+    wire::frame last;            // the last message that arrived
     std::string sent, received;  // all bytes of the connection, both ways, since `start_recording`
     bool recording = false;
-    int seconds = 10;            // limit of each expectation
+    int seconds = 10;  // limit of each expectation
 
     Conn() = default;
     explicit Conn(int open_fd) : fd(open_fd) {}
@@ -179,7 +181,7 @@ struct Conn {
     void send_raw(const std::string &bytes);
     void send_compressed(const wire::frame &message);
     void send_urgent(int byte);
-    void hang_up();    // both directions; what was sent before still arrives
+    void hang_up();           // both directions; what was sent before still arrives
     void reset_connection();  // the other side gets ECONNRESET
     void half_close();        // no more from here, but the client may still send
 
@@ -189,7 +191,7 @@ struct Conn {
 
     std::string read_bytes(size_t length);  // fewer if they don't come
 
-private:
+  private:
     void fail(const std::string &what, const where &place);
     friend struct Peer;
 };
@@ -207,8 +209,9 @@ struct Peer : Conn {
     bool accept(Conn *conn, where place = where::current());  // beside the one at hand
     // Accepts, takes TPSTART or TPINIT, answers. The start message.
     Expected accept_start(const wire::start_reply &reply = {}, where place = where::current());
-    // Accepts, and plays the server's side of a recorded conversation: the client's messages must be those of the
-    // file byte for byte, and the connection must end behind the last one. The format stands in the files.
+    // Accepts, and plays the server's side of a recorded conversation: the client's messages must be those of
+    // the file byte for byte, and the connection must end behind the last one. The format stands in the
+    // files.
     void follow(const std::string &path, where place = where::current());
     bool nobody_knocks();   // no connection waits to be accepted
     void stop_listening();  // further attempts are refused
@@ -217,7 +220,7 @@ struct Peer : Conn {
     void play(std::function<void()> script);
     void done();
 
-private:
+  private:
     std::thread player;
 };
 
@@ -229,7 +232,7 @@ struct Task {
     long get(where place = where::current());
     bool finished() const { return ended.load(); }
 
-private:
+  private:
     Conn &conn;
     long result = 0;
     std::atomic<bool> ended{false};

@@ -49,7 +49,10 @@ std::string encode_header(const frame &m)
     return bytes;
 }
 
-std::string encode(const frame &m) { return encode_header(m) + m.data; }
+std::string encode(const frame &m)
+{
+    return encode_header(m) + m.data;
+}
 
 frame decode_header(const std::string &b)
 {
@@ -86,10 +89,14 @@ std::string compressed_frame(const std::string &message)
     if (_vorn_compress(packed.data(), &length, message.data(), (int64_t)message.size()) != 0)
         return {};
     packed.resize((size_t)length);
-    return word(COMPRESSED_FRAME) + word((uint32_t)length) + word(0) + word((uint32_t)message.size()) + packed;
+    return word(COMPRESSED_FRAME) + word((uint32_t)length) + word(0) + word((uint32_t)message.size()) +
+           packed;
 }
 
-std::string raw_frame(const std::string &data) { return word(RAW_FRAME) + word((uint32_t)data.size()) + data; }
+std::string raw_frame(const std::string &data)
+{
+    return word(RAW_FRAME) + word((uint32_t)data.size()) + data;
+}
 
 frame message(int32_t msgtype, const std::string &data, const with &fields)
 {

@@ -27,7 +27,10 @@ struct Match : WireTest {
     }
 };
 
-bool is_reply(int32_t w, int32_t m) { return m - w == 1000 || m - w == 2000 || m - w == 3000; }
+bool is_reply(int32_t w, int32_t m)
+{
+    return m - w == 1000 || m - w == 2000 || m - w == 3000;
+}
 
 }
 
@@ -55,8 +58,8 @@ TEST_F(Match, EveryPairOfTypesWithTheSameNumbers)
     want.cd = message.cd = cd;  // 1: as a selector, posts
     for (int32_t w = 1; w <= 511; w++)
         for (int32_t m = 0; m <= 3600; m++) {
-            bool awaited = is_reply(w, m) || (w == 7 && (m == 2005 || m == 6 || m == 8)) || (w == 11 && m == 12) ||
-                           (m == 507 && w == 505);
+            bool awaited = is_reply(w, m) || (w == 7 && (m == 2005 || m == 6 || m == 8)) ||
+                           (w == 11 && m == 12) || (m == 507 && w == 505);
             ASSERT_EQ(matches(w, m), awaited) << "want " << w << ", message " << m;
         }
 }
@@ -149,7 +152,8 @@ TEST_F(Match, UnsolicitedMessagesGoBySelector)
     for (int32_t selector = -1; selector <= 7; selector++) {
         want.cd = selector;
         for (int i = 0; i < 4; i++)
-            EXPECT_EQ(matches(11, types[i]), selector == i + 1 || selector == 5) << selector << " " << types[i];
+            EXPECT_EQ(matches(11, types[i]), selector == i + 1 || selector == 5)
+                << selector << " " << types[i];
     }
 }
 
@@ -181,16 +185,18 @@ struct fate_row {
     fate what;
 };
 const fate_row FATES[] = {
-    {501, 501, DROPPED},       {507, 507, CONSUMER},      {1003, 1003, LATE_CALL},   {2003, 2003, LATE_CALL},
-    {3003, 3003, LATE_CALL},   {1012, 1012, DROPPED},     {2012, 2012, DROPPED},     {1017, 1017, DROPPED},
-    {2017, 2017, DROPPED},     {1018, 1018, LATE_DEQUEUE}, {2018, 2018, DROPPED},    {1026, 1028, DROPPED},
-    {2026, 2028, DROPPED},     {1031, 1033, LATE_TX},     {2031, 2033, LATE_TX},     {1047, 1048, DROPPED},
-    {2047, 2048, DROPPED},     {1500, 1506, LATE_SERVICE}, {1507, 1507, DROPPED},    {1508, 1510, LATE_SERVICE},
-    {2051, 2051, SERVER_DOWN}, {2500, 2510, DROPPED},
+    {501, 501, DROPPED},        {507, 507, CONSUMER},       {1003, 1003, LATE_CALL},
+    {2003, 2003, LATE_CALL},    {3003, 3003, LATE_CALL},    {1012, 1012, DROPPED},
+    {2012, 2012, DROPPED},      {1017, 1017, DROPPED},      {2017, 2017, DROPPED},
+    {1018, 1018, LATE_DEQUEUE}, {2018, 2018, DROPPED},      {1026, 1028, DROPPED},
+    {2026, 2028, DROPPED},      {1031, 1033, LATE_TX},      {2031, 2033, LATE_TX},
+    {1047, 1048, DROPPED},      {2047, 2048, DROPPED},      {1500, 1506, LATE_SERVICE},
+    {1507, 1507, DROPPED},      {1508, 1510, LATE_SERVICE}, {2051, 2051, SERVER_DOWN},
+    {2500, 2510, DROPPED},
 };
 // These have treatments of their own, below.
-const int32_t OWN_TREATMENT[] = {6,    8,    12,   13,   14,   19,   130,  1004, 2004, 3004,
-                                 1005, 1007, 3007, 1025, 2025, 2005, 2007};
+const int32_t OWN_TREATMENT[] = {6,    8,    12,   13,   14,   19,   130,  1004, 2004,
+                                 3004, 1005, 1007, 3007, 1025, 2025, 2005, 2007};
 
 fate fate_of(int32_t type)
 {
@@ -213,7 +219,8 @@ std::string line_of(fate what, int32_t type)
     std::string number = std::to_string(type);
     switch (what) {
     case LATE_CALL:
-        return "(E) CLI 2008 tpcall reply arrived after timeout. Msg discarded : " + number + " 42 [CSC5708]\n";
+        return "(E) CLI 2008 tpcall reply arrived after timeout. Msg discarded : " + number +
+               " 42 [CSC5708]\n";
     case LATE_TX:
         return "(E) CLI tx reply arrived after timeout, msgtype = " + number +
                " [CSC57120209 internal error : ]\n";
@@ -432,7 +439,8 @@ TEST_F(Unmatched, SettingOfAnythingElseIsLogged)
         message->cd = what;
         message->value = 9;
         EXPECT_EQ(_unmatched_msg_process(message, block), 1);
-        EXPECT_TRUE(log.has("(E) CLI 0209 internal error : unknown fldi :" + std::to_string(what) + " [CSC5709]"));
+        EXPECT_TRUE(
+            log.has("(E) CLI 0209 internal error : unknown fldi :" + std::to_string(what) + " [CSC5709]"));
     }
     EXPECT_EQ(block->block_time, 0);
 }

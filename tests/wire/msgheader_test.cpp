@@ -40,6 +40,7 @@ msg_header sample(int32_t msgtype)
     return h;
 }
 
+// clang-format off
 const unsigned char SAMPLE_ON_THE_WIRE[136] = {
     0x90, 0x35, 0x20, 0x82,                          // 0   magic
     0x01, 0x02, 0x03, 0x04,                          // 4   seqno
@@ -69,6 +70,7 @@ const unsigned char SAMPLE_ON_THE_WIRE[136] = {
     0x3a, 0x3b, 0x3c, 0x3d,                          // 128 callid, word 1
     0x4a, 0x4b, 0x4c, 0x4d,                          // 132 callid, word 2
 };
+// clang-format on
 
 std::string hex(const void *bytes, size_t from, size_t to)
 {
@@ -91,6 +93,7 @@ struct name_row {
     const char *name;
 };
 
+// clang-format off
 const name_row NAMES[] = {
     {1, "TPSTART"}, {2, "TPEND"}, {3, "TPCALL"}, {4, "TPACALL"}, {5, "TPCONNECT"}, {6, "TPSEND"},
     {7, "TPRECV"}, {8, "TPDISCON"}, {9, "TPFORWARD"}, {10, "TPGETRPLY"}, {11, "TPGETUNSOL"},
@@ -133,6 +136,7 @@ const name_row NAMES[] = {
     {227, "RECVFD_PREPARE"}, {228, "ULOGCLOSE"}, {230, "ACLCTL_REQUEST"}, {231, "OPTCFG_REQUEST"},
     {232, "OPTSET_REQUEST"}, {233, "CLH_RECONN"}
 };
+// clang-format on
 constexpr int HIGHEST = 2233;
 
 // The name that a number must have, from the rows alone.

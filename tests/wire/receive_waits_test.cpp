@@ -388,7 +388,7 @@ TEST_F(Receive, ReadErrorByItself)
         int result, error, rolling_failed, awaited;
         bool closed;
     } const cases[] = {
-        {0, 0, 0, TPECLOSE, true},      {0, 0, 1, TPERDCLOSE, true},   {-1, EPIPE, 0, TPECLOSE, true},
+        {0, 0, 0, TPECLOSE, true},        {0, 0, 1, TPERDCLOSE, true},      {-1, EPIPE, 0, TPECLOSE, true},
         {-1, EPIPE, 1, TPERDCLOSE, true}, {-1, EAGAIN, 0, TPEBLOCK, false}, {-1, EIO, 0, TPEOS, false},
         {5, 0, 0, TPEOS, false},
     };
@@ -435,4 +435,3 @@ TEST_F(Receive, WithoutMemoryTheReadFailsCleanlyAndTheNextOneWorks)
     EXPECT_TRUE(log.has("0001 memory allocation error : size = ")) << log.text();
     EXPECT_TRUE(log.has("[CSC5701]")) << log.text();
 }
-

@@ -15,7 +15,10 @@
 
 namespace {
 
-uint32_t callid_word(uint32_t client, uint32_t count) { return client << 19 | count << 8 | 1; }
+uint32_t callid_word(uint32_t client, uint32_t count)
+{
+    return client << 19 | count << 8 | 1;
+}
 
 struct Send : WireTest {
     msg_header *message = nullptr;
@@ -101,10 +104,11 @@ struct stamp_case {
 TEST_F(Send, CallIdentityGoesToCallsThatWaitForAReply)
 {
     const stamp_case cases[] = {
-        {MSG_TPCALL, 0, true},          {MSG_TPACALL, 0, true},     {MSG_TPACALL, TPNOREPLY, false},
-        {MSG_TPACALL, TPBLOCK, true},   {MSG_TPSTART, 0, false},    {MSG_TPEND, 0, false},
-        {MSG_TPCONNECT, 0, false},      {MSG_TPPOST, 0, false},     {MSG_TX_COMMIT, 0, false},
-        {MSG_TPACALL, TPNOREPLY | TPBLOCK, false},
+        {MSG_TPCALL, 0, true},           {MSG_TPACALL, 0, true},
+        {MSG_TPACALL, TPNOREPLY, false}, {MSG_TPACALL, TPBLOCK, true},
+        {MSG_TPSTART, 0, false},         {MSG_TPEND, 0, false},
+        {MSG_TPCONNECT, 0, false},       {MSG_TPPOST, 0, false},
+        {MSG_TX_COMMIT, 0, false},       {MSG_TPACALL, TPNOREPLY | TPBLOCK, false},
     };
     uint32_t count = 5;
     for (const stamp_case &one : cases) {
@@ -250,9 +254,9 @@ struct write_case {
 TEST_F(Send, WriteErrorsAndTheStateAfterThem)
 {
     const write_case cases[] = {
-        {EPIPE, MSG_TPCALL, 0, TPECLOSE},      {EPIPE, MSG_TPEND, 1, TPERDCLOSE},
-        {EAGAIN, MSG_TPCALL, 0, TPEBLOCK},     {ECONNRESET, MSG_TPCALL, 0, TPEOS},
-        {ENOBUFS, MSG_TPACALL, 0, TPEOS},      {EINTR, MSG_TPCALL, 0, TPEOS},
+        {EPIPE, MSG_TPCALL, 0, TPECLOSE},  {EPIPE, MSG_TPEND, 1, TPERDCLOSE},
+        {EAGAIN, MSG_TPCALL, 0, TPEBLOCK}, {ECONNRESET, MSG_TPCALL, 0, TPEOS},
+        {ENOBUFS, MSG_TPACALL, 0, TPEOS},  {EINTR, MSG_TPCALL, 0, TPEOS},
     };
     for (const write_case &one : cases) {
         SCOPED_TRACE(std::string(strerror(one.error)) + " on type " + std::to_string(one.type));
@@ -283,7 +287,8 @@ TEST_F(Send, PeerThatIsGoneGivesTpeclose)
 {
     peer.reset_connection();
     int result = 1;
-    for (int i = 0; i < 100 && result == 1; i++)  // the first write may still succeed, and the reset be told by it
+    for (int i = 0; i < 100 && result == 1;
+         i++)  // the first write may still succeed, and the reset be told by it
         result = _send_csmsg_to_clh(make(MSG_TPACALL), block);
     EXPECT_EQ(result, -1);
     EXPECT_TRUE(error() == TPECLOSE || error() == TPEOS) << error();
@@ -314,8 +319,8 @@ TEST_F(Send, WriteErrorByItself)
     struct {
         int error, rolling_failed, awaited;
     } const cases[] = {
-        {EPIPE, 0, TPECLOSE}, {EPIPE, 1, TPERDCLOSE}, {EAGAIN, 0, TPEBLOCK}, {EAGAIN, 1, TPEBLOCK},
-        {EIO, 0, TPEOS},      {0, 0, TPEOS},
+        {EPIPE, 0, TPECLOSE},  {EPIPE, 1, TPERDCLOSE}, {EAGAIN, 0, TPEBLOCK},
+        {EAGAIN, 1, TPEBLOCK}, {EIO, 0, TPEOS},        {0, 0, TPEOS},
     };
     for (const auto &one : cases) {
         block->rolling_failed = one.rolling_failed;
@@ -428,7 +433,7 @@ TEST_F(Send, ThresholdDecidesAboutTheDataLength)
         size_t length;
         bool compressed;
     } const cases[] = {
-        {10, 9, false}, {10, 10, true}, {10, 11, true},        {-1, 100000, false},
+        {10, 9, false}, {10, 10, true}, {10, 11, true},         {-1, 100000, false},
         {0, 0, true},   {1, 0, false},  {100000, 99999, false}, {100000, 100000, true},
     };
     for (const auto &one : cases) {
@@ -508,8 +513,8 @@ TEST_F(Send, ManyThreadsMessagesStayWhole)
     for (int t = 0; t < THREADS; t++)
         senders.emplace_back([&, t] {
             for (int i = 0; i < EACH; i++) {
-                msg_header *mine = new_message(MSG_TPPOST, std::string((size_t)(1 + (t * 37 + i * 11) % 400),
-                                                                       (char)('a' + t)));
+                msg_header *mine = new_message(
+                    MSG_TPPOST, std::string((size_t)(1 + (t * 37 + i * 11) % 400), (char)('a' + t)));
                 sent += _send_csmsg_to_clh(mine, block) == 1;
                 free(mine);
             }

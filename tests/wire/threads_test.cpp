@@ -82,8 +82,7 @@ struct client {
               tpsetctxt(TPNULLCONTEXT, 0);
               return out.result;
           })
-    {
-    }
+    {}
 };
 
 struct Threads : SessionTest {
@@ -267,27 +266,10 @@ TEST_F(Threads, MessageThatNobodyTakesGoesAndTheWaitsGoOn)
     EXPECT_EQ(second->task.get(), 1);
     EXPECT_EQ(first->out.data, "FIRST");
     EXPECT_EQ(second->out.data, "SECOND");
-    EXPECT_TRUE(log.has("2008 tpcall reply arrived after timeout. Msg discarded : 1003 123 [CSC5708]")) << log.text();
+    EXPECT_TRUE(log.has("2008 tpcall reply arrived after timeout. Msg discarded : 1003 123 [CSC5708]"))
+        << log.text();
     EXPECT_TRUE(log.has("3001 sequence number error")) << log.text();
     expect_idle();
-}
-
-TEST_F(Threads, MessageThatNobodyTakesIsNotHeldUpByAThreadThatHasOnlySent)
-{
-    // A commit is counted as a waiter when it is sent; its thread never comes for this message.
-    ASSERT_TRUE(open({.block_time = 30}));
-    auto first = begin_call("first");
-    wire::frame one = expect_call("first");
-    wait_for_a_reader();
-    pthread_mutex_lock(&shared->msg_mutex);
-    shared->waiter_count++;
-    pthread_mutex_unlock(&shared->msg_mutex);
-    peer.send(wire::message(1012));
-    pthread_mutex_lock(&shared->msg_mutex);
-    shared->waiter_count--;
-    pthread_mutex_unlock(&shared->msg_mutex);
-    answer(one);
-    EXPECT_EQ(first->task.get(), 1);
 }
 
 // Time-outs.
@@ -513,7 +495,8 @@ void serve_at_random(Conn &peer, int total, size_t window, unsigned seed)
 
 }
 
-static void many_threads(Threads &test, long flags, const std::function<outcome(const std::string &, long)> &one_call)
+static void many_threads(Threads &test, long flags,
+                         const std::function<outcome(const std::string &, long)> &one_call)
 {
     constexpr int THREADS = 16, EACH = 60;
     std::atomic<int> wrong{0};

@@ -235,7 +235,10 @@ TEST_F(Urgent, NextWaitWatchesAgain)
 namespace {
 
 std::atomic<int> signals_taken{0};
-void take_signal(int) { signals_taken++; }
+void take_signal(int)
+{
+    signals_taken++;
+}
 
 struct Signals : Receive {
     std::atomic<pthread_t> reader_thread{0};

@@ -1,0 +1,192 @@
+// The lines that the calls hand to the trace hook. This program has a hook of its own, as an application may, and
+// with it the few functions that stand beside the library's own one.
+#include "calls/fixture.h"
+
+#include "runtime/trace.h"
+
+#include <mutex>
+#include <stdarg.h>
+#include <stdio.h>
+
+namespace {
+
+struct Line {
+    std::string function, text;
+    int one, phase;
+};
+std::mutex lines_lock;
+std::vector<Line> lines;
+
+}  // namespace
+
+extern "C" {
+
+int _vorn_trace(const char *function, int one, int phase, const char *format, ...)
+{
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    std::lock_guard<std::mutex> guard(lines_lock);
+    lines.push_back({function, text, one, phase});
+    return 1;
+}
+
+int _trace_dbg(void) { return 1; }
+int _chk_trace(void) { return 1; }
+int _parse_trace(void) { return 1; }
+int _spel_chk(void) { return 1; }
+int _internal_call_chk(void) { return 1; }
+int _get_spec(void) { return 1; }
+int split_trcfld(char *, char **) { return 1; }
+int advbrace(char **) { return 1; }
+}
+
+namespace {
+
+struct Traces : CallTest {
+    void SetUp() override { forget(); }
+
+    void forget(void)
+    {
+        std::lock_guard<std::mutex> guard(lines_lock);
+        lines.clear();
+    }
+
+    // The phase and text of each line of a function since the last look; all lines must bear its name.
+    std::vector<std::string> lines_of(const std::string &function)
+    {
+        std::lock_guard<std::mutex> guard(lines_lock);
+        std::vector<std::string> texts;
+        for (const Line &line : lines) {
+            EXPECT_EQ(line.one, 1) << line.text;
+            if (line.function == function)
+                texts.push_back(std::to_string(line.phase) + " " + line.text);
+        }
+        lines.clear();
+        return texts;
+    }
+
+    static std::string pointer(const void *p)
+    {
+        char text[40];
+        snprintf(text, sizeof text, "%#x", (unsigned)(uintptr_t)p);
+        return text;
+    }
+};
+using Texts = std::vector<std::string>;
+
+}  // namespace
+
+TEST_F(Traces, CallTellsItsArgumentsAndItsEnd)
+{
+    ASSERT_TRUE(start());
+    forget();
+    peer.play([&] {
+        peer.expect(wire::TPCALL);
+        peer.reply("x");
+    });
+    std::string entry = "1 tpcall(\"TOUPPER\", " + pointer(in) + ", 0, " + pointer(&out) + ", " + pointer(&len) + ", ";
+    EXPECT_EQ(call(TPNOTIME), 1);
+    EXPECT_EQ(lines_of("tpcall"), (Texts{entry + "32)", "2 tpcall = 1"}));
+    EXPECT_EQ(call(0x4), -1);
+    EXPECT_EQ(lines_of("tpcall"), (Texts{entry + "4)", "4 tpcall = -1 [4 : invalid arguments(TPEINVAL)]"}));
+}
+
+TEST_F(Traces, AsynchronousCallsTellTheirs)
+{
+    ASSERT_TRUE(start());
+    forget();
+    peer.play([&] {
+        peer.expect(wire::TPACALL);
+        peer.reply("no", {.flags = TPESVCFAIL});
+        peer.expect(wire::TPACALL);
+    });
+    int cd = acall();
+    EXPECT_EQ(lines_of("tpacall"), (Texts{"1 tpacall(\"TOUPPER\", " + pointer(in) + ", 0, 0)", "2 tpacall = 1"}));
+    int *place = &cd;
+    EXPECT_EQ(getrply(place), -1);
+    EXPECT_EQ(lines_of("tpgetrply"),
+              (Texts{"1 tpgetrply(" + pointer(place) + ", " + pointer(&out) + ", " + pointer(&len) + ", 0)",
+                     "4 tpgetrply = -1 [11 : service failure(TPESVCFAIL)]"}));
+    EXPECT_EQ(acall(), 2);
+    forget();
+    EXPECT_EQ(tpcancel(2), 1);
+    EXPECT_EQ(lines_of("tpcancel"), (Texts{"1 tpcancel(2)", "2 tpcancel = 1"}));
+    EXPECT_EQ(tpcancel(-7), -1);
+    EXPECT_EQ(lines_of("tpcancel"), (Texts{"1 tpcancel(-7)", "4 tpcancel = -1 [2 : bad call descriptor(TPEBADDESC)]"}));
+}
+
+TEST_F(Traces, SuccessWithoutActionIsTold)
+{
+    ASSERT_TRUE(start());
+    block()->started = 0;
+    forget();
+    EXPECT_EQ(call(), 1);
+    EXPECT_EQ(lines_of("tpcall").back(), "2 tpcall = 1");
+    EXPECT_EQ(acall(), 1);
+    EXPECT_EQ(lines_of("tpacall").back(), "2 tpacall = 1");
+    EXPECT_EQ(tpstart(nullptr), 1);
+    EXPECT_EQ(lines_of("tpstart"), (Texts{"1 tpstart(NULL)", "2 tpstart = 1"}));
+    block()->started = 1;
+}
+
+TEST_F(Traces, SessionTellsItsStart)
+{
+    peer.play([&] { peer.accept_start(); });
+    EXPECT_EQ(tpstart(nullptr), 0);
+    EXPECT_EQ(lines_of("tpstart"), (Texts{"1 tpstart(NULL)", "2 tpstart = 0"}));
+    peer.done();
+    peer.play([&] { peer.serve_end(); });
+    EXPECT_EQ(tpend(), 1);
+    EXPECT_EQ(lines_of("tpend").back(), "2 tpend = 1");
+    EXPECT_EQ(tpend(), -1);
+    EXPECT_EQ(lines_of("tpend").back(), "4 tpend = -1 [9 : protocol error(TPEPROTO)]");
+    EXPECT_EQ(tpterm(), -1);
+    EXPECT_EQ(lines_of("tpterm").back(), "4 tpterm = -1 [9 : protocol error(TPEPROTO)]");
+}
+
+TEST_F(Traces, ContextCallsTellTheirsWithOneOddPhase)
+{
+    int number = 0;
+    EXPECT_EQ(tpgetctxt(&number, 0), 1);
+    EXPECT_EQ(lines_of("tpgetctxt"), (Texts{"1 tpgetctxt(" + pointer(&number) + ", 0)", "4 tpgetctxt = 1"}));
+    EXPECT_EQ(tpgetctxt(&number, 3), -1);
+    EXPECT_EQ(lines_of("tpgetctxt").back(), "4 tpgetctxt = -1 [4 : invalid arguments(TPEINVAL)]");
+    EXPECT_EQ(tpsetctxt(-2, 0), 1);
+    EXPECT_EQ(lines_of("tpsetctxt"), (Texts{"1 tpsetctxt(-2, 0)", "2 tpsetctxt = 1"}));
+    EXPECT_EQ(tpsetctxt(-3, 5), -1);
+    EXPECT_EQ(lines_of("tpsetctxt"), (Texts{"1 tpsetctxt(-3, 5)", "4 tpsetctxt = -1 [4 : invalid arguments(TPEINVAL)]"}));
+}
+
+TEST_F(Traces, BufferCallsTellTheirFailures)
+{
+    forget();
+    EXPECT_EQ(tpalloc((char *)"NOTYPE", nullptr, 5), nullptr);
+    EXPECT_EQ(lines_of("tpalloc").back(), "4 tpalloc = NULL [6 : no entry found(TPENOENT)]");
+    EXPECT_EQ(tprealloc(nullptr, 5), nullptr);
+    EXPECT_EQ(lines_of("tprealloc").back(), "4 tprealloc = NULL [4 : invalid arguments(TPEINVAL)]");
+    // The failure of this one bears another's name in its text.
+    message_of(in)->buftype = 77;
+    char type[16];
+    EXPECT_EQ(tptypes(in, type, nullptr), -1);
+    EXPECT_EQ(lines_of("tptypes").back(), "4 tprealloc = -1 [4 : invalid arguments(TPEINVAL)]");
+    message_of(in)->buftype = 3;
+}
+
+TEST_F(Traces, SpecialServiceTellsItsFailureAsACalls)
+{
+    wire::start_reply reply;
+    reply.nodes = {"N0", "N1"};
+    reply.server_name = "SPECIAL";
+    ASSERT_TRUE(start(reply));
+    forget();
+    EXPECT_EQ(acall(0, "SPECIAL"), -1);
+    std::lock_guard<std::mutex> guard(lines_lock);
+    bool told = false;
+    for (const Line &line : lines)
+        told |= line.text == "tpcall = -1 [4 : invalid arguments(TPEINVAL)]" && line.phase == 4;
+    EXPECT_TRUE(told);
+    EXPECT_EQ(lines.back().text, "tpacall = -1 [4 : invalid arguments(TPEINVAL)]");
+}
