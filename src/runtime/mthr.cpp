@@ -244,6 +244,22 @@ void bind_row(wthr_elem *row)
     tables_changed();
 }
 
+// A block that no table names any more. Nobody can hold roll_mutex at this point, and it is left as it is.
+static void free_block(wthr_var *block)
+{
+    free(block->subscr);
+    _thread_mutex_lock(&block->msg_mutex);
+    free(block->offer_msg);
+    _thread_mutex_unlock(&block->msg_mutex);
+    _thread_mutex_destroy(&block->msg_mutex);
+    _thread_cond_destroy(&block->reader_cond);
+    _thread_cond_destroy(&block->offer_done_cond);
+    _thread_cond_destroy(&block->roll_cond);
+    free(block);
+}
+
+// The block is freed behind the table lock: a sender takes the table lock inside msg_mutex, so nobody may take them
+// the other way round.
 int _context_end(void)
 {
     _thread_lock();
@@ -254,24 +270,15 @@ int _context_end(void)
     }
     int32_t index = _wthr[n].ctxt_index;
     ctxt_elem *context = context_row(&_wthr[n]);
-    if (context != nullptr && context->variables != nullptr) {
-        wthr_var *block = context->variables;
-        free(block->subscr);
-        _thread_mutex_lock(&block->msg_mutex);
-        free(block->offer_msg);
-        _thread_mutex_unlock(&block->msg_mutex);
-        _thread_mutex_destroy(&block->msg_mutex);
-        _thread_cond_destroy(&block->reader_cond);
-        _thread_cond_destroy(&block->offer_done_cond);
-        _thread_cond_destroy(&block->roll_cond);
-        free(block);
-    }
+    wthr_var *block = context != nullptr ? context->variables : nullptr;
     for (int32_t i = 1; i < _wthr_size; i++)
         if (_wthr[i].ctxt_index == index)
             _init_wthr_elem(&_wthr[i]);
     if (context != nullptr)
         _init_ctxt_elem(context);
     _thread_unlock();
+    if (block != nullptr)
+        free_block(block);
     return 1;
 }
 

@@ -71,9 +71,21 @@ TEST_F(Payload, StringGoesOutWithItsTerminator)
 {
     char *data = alloc("STRING", 0);
     memcpy(data, "abc\0defghijk", 13);
-    const struct { int len, sent; } cases[] = {
-        {0, 4}, {1, 4}, {3, 4}, {4, 4}, {5, 5}, {10, 10}, {-1, 4}, {INT_MIN, 4},
-        {1024, 1024}, {1025, REFUSED_LENGTH}, {2000, REFUSED_LENGTH}, {INT_MAX, REFUSED_LENGTH},
+    const struct {
+        int len, sent;
+    } cases[] = {
+        {0, 4},
+        {1, 4},
+        {3, 4},
+        {4, 4},
+        {5, 5},
+        {10, 10},
+        {-1, 4},
+        {INT_MIN, 4},
+        {1024, 1024},
+        {1025, REFUSED_LENGTH},
+        {2000, REFUSED_LENGTH},
+        {INT_MAX, REFUSED_LENGTH},
     };
     for (const auto &row : cases)
         EXPECT_EQ(outgoing(data, row.len), row.sent) << row.len;
@@ -97,9 +109,17 @@ TEST_F(Payload, StringThatFillsItsBufferHasNoRoomForTheTerminator)
 TEST_F(Payload, BytesGoOutAsTheCallerSays)
 {
     char *data = alloc("CARRAY", 2000);
-    const struct { int len, sent; } cases[] = {
-        {0, 0}, {1, 1}, {1999, 1999}, {2000, 2000}, {2001, REFUSED_LENGTH},
-        {-1, REFUSED_LENGTH}, {INT_MIN, REFUSED_LENGTH}, {INT_MAX, REFUSED_LENGTH},
+    const struct {
+        int len, sent;
+    } cases[] = {
+        {0, 0},
+        {1, 1},
+        {1999, 1999},
+        {2000, 2000},
+        {2001, REFUSED_LENGTH},
+        {-1, REFUSED_LENGTH},
+        {INT_MIN, REFUSED_LENGTH},
+        {INT_MAX, REFUSED_LENGTH},
     };
     for (const auto &row : cases)
         EXPECT_EQ(outgoing(data, row.len), row.sent) << row.len;
@@ -184,10 +204,19 @@ TEST_F(Payload, AnyTypeIsTakenWithoutNoChange)
 
 TEST_F(Payload, NoChangeDemandsTypeAndSubtype)
 {
-    const struct { int have, come; const char *have_sub, *come_sub; bool fits; } cases[] = {
-        {4, 4, "", "", true},           {4, 3, "", "", false},           {3, 4, "", "", false},
-        {1, 1, "person", "person", true}, {1, 1, "person", "house", false}, {1, 1, "person", "", false},
-        {1, 1, "", "person", false},    {1, 1, "person", "persons", false},
+    const struct {
+        int have, come;
+        const char *have_sub, *come_sub;
+        bool fits;
+    } cases[] = {
+        {4, 4, "", "", true},
+        {4, 3, "", "", false},
+        {3, 4, "", "", false},
+        {1, 1, "person", "person", true},
+        {1, 1, "person", "house", false},
+        {1, 1, "person", "", false},
+        {1, 1, "", "person", false},
+        {1, 1, "person", "persons", false},
         {1, 1, "0123456789abcdef", "0123456789abcdef", true},
         {1, 1, "0123456789abcdef", "0123456789abcdeF", false},
         {3, 4, "person", "person", false},
@@ -223,7 +252,9 @@ TEST_F(Payload, NoChangeDemandsTypeAndSubtype)
 
 TEST_F(Payload, StoredMessageGrowsToTheCallersSize)
 {
-    const struct { int stored, user, result; } cases[] = {
+    const struct {
+        int stored, user, result;
+    } cases[] = {
         {100, 2000, 2000}, {1999, 2000, 2000}, {2000, 2000, 2000}, {2001, 2000, 2001}, {9000, 2000, 9000},
     };
     for (const auto &row : cases) {
@@ -267,9 +298,14 @@ TEST_F(Payload, StoredMessageStaysWhenItCannotGrow)
 
 TEST_F(Payload, CallersBufferIsReplacedWhenItIsTooSmall)
 {
-    const struct { int type, size; const char *env; int result; } cases[] = {
-        {BUF_CARRAY, 5000, nullptr, 5000}, {BUF_STRING, 5000, nullptr, 5000}, {BUF_STRING, 5000, "y", 5000},
-        {BUF_STRING, 5000, "Y", 5000},     {BUF_CARRAY, 5000, "y", 5000},     {BUF_HEADER, 5000, nullptr, 5000},
+    const struct {
+        int type, size;
+        const char *env;
+        int result;
+    } cases[] = {
+        {BUF_CARRAY, 5000, nullptr, 5000}, {BUF_STRING, 5000, nullptr, 5000},
+        {BUF_STRING, 5000, "y", 5000},     {BUF_STRING, 5000, "Y", 5000},
+        {BUF_CARRAY, 5000, "y", 5000},     {BUF_HEADER, 5000, nullptr, 5000},
         {BUF_START, 5000, nullptr, 5000},
     };
     for (const auto &row : cases) {

@@ -55,9 +55,9 @@ struct TypedBuffer : testing::Test {
 TEST(TypeTable, HoldsTheseRowsInThisOrder)
 {
     const tmtype rows[TYPE_ROWS] = {
-        {"STRUCT", 1, 1, 1024}, {"FIELD", 2, 0, 1024},  {"FML", 2, 0, 1024},      {"STRING", 3, 0, 1024},
-        {"VIEW", 1, 1, 1024},   {"FML32", 2, 0, 1024},  {"TPSTART", 5, 0, 76},    {"TPINIT", 5, 0, 108},
-        {"HEADER", 9, 0, 136},  {"X_C_TYPE", 1, 1, 1024}, {"X_COMMON", 1, 1, 1024}, {"CARRAY", 4, 0, 1024},
+        {"STRUCT", 1, 1, 1024},  {"FIELD", 2, 0, 1024},    {"FML", 2, 0, 1024},      {"STRING", 3, 0, 1024},
+        {"VIEW", 1, 1, 1024},    {"FML32", 2, 0, 1024},    {"TPSTART", 5, 0, 76},    {"TPINIT", 5, 0, 108},
+        {"HEADER", 9, 0, 136},   {"X_C_TYPE", 1, 1, 1024}, {"X_COMMON", 1, 1, 1024}, {"CARRAY", 4, 0, 1024},
         {"X_OCTET", 4, 0, 1024}, {"", -1, 0, 1024},
     };
     for (int i = 0; i < TYPE_ROWS; i++) {
@@ -71,10 +71,13 @@ TEST(TypeTable, HoldsTheseRowsInThisOrder)
 
 TEST_F(TypedBuffer, NameIsLookedUpExactlyAndLeavesTheStructSizeAlone)
 {
-    const struct { const char *name; int row; } names[] = {
-        {"FIELD", 1}, {"FML", 2}, {"STRING", 3}, {"FML32", 5}, {"TPSTART", 6}, {"TPINIT", 7},
-        {"HEADER", 8}, {"CARRAY", 11}, {"X_OCTET", 12},
-        {"string", -1}, {"STRIN", -1}, {"STRINGS", -1}, {"", -1}, {" STRING", -1}, {"FML16", -1},
+    const struct {
+        const char *name;
+        int row;
+    } names[] = {
+        {"FIELD", 1},  {"FML", 2},      {"STRING", 3},  {"FML32", 5},    {"TPSTART", 6},
+        {"TPINIT", 7}, {"HEADER", 8},   {"CARRAY", 11}, {"X_OCTET", 12}, {"string", -1},
+        {"STRIN", -1}, {"STRINGS", -1}, {"", -1},       {" STRING", -1}, {"FML16", -1},
     };
     for (const auto &name : names) {
         int size = 77;
@@ -97,9 +100,12 @@ TEST_F(TypedBuffer, StructNamesWithoutADefinitionAreUnknown)
 
 TEST_F(TypedBuffer, NumberGivesTheFirstRowThatBearsIt)
 {
-    const struct { int number; int row; } numbers[] = {
-        {1, 0}, {2, 1}, {3, 3}, {4, 11}, {5, 6}, {9, 8},
-        {0, -1}, {-1, -1}, {6, -1}, {7, -1}, {8, -1}, {10, -1}, {11, -1}, {12, -1}, {0x7fffffff, -1},
+    const struct {
+        int number;
+        int row;
+    } numbers[] = {
+        {1, 0},  {2, 1},  {3, 3},  {4, 11},  {5, 6},   {9, 8},   {0, -1},          {-1, -1},
+        {6, -1}, {7, -1}, {8, -1}, {10, -1}, {11, -1}, {12, -1}, {0x7fffffff, -1},
     };
     for (const auto &number : numbers)
         EXPECT_EQ(_get_idx_from_typeno(number.number), number.row) << number.number;
@@ -109,14 +115,21 @@ TEST_F(TypedBuffer, NumberGivesTheFirstRowThatBearsIt)
 
 TEST_F(TypedBuffer, SizeIsRaisedToTheSmallestOfTheType)
 {
-    const struct { const char *type; int number; long smallest; long extra; } types[] = {
+    const struct {
+        const char *type;
+        int number;
+        long smallest;
+        long extra;
+    } types[] = {
         {"STRING", 3, 1024, 0}, {"CARRAY", 4, 1024, 0}, {"X_OCTET", 4, 1024, 0},
         {"FIELD", 2, 1024, 8},  {"FML", 2, 1024, 8},    {"FML32", 2, 1024, 8},
         {"TPSTART", 5, 76, 0},  {"TPINIT", 5, 108, 0},  {"HEADER", 9, 136, 0},
     };
     for (const auto &type : types) {
         const long below = type.smallest - 1, at = type.smallest, above = type.smallest + 1;
-        const struct { long asked, given; } sizes[] = {
+        const struct {
+            long asked, given;
+        } sizes[] = {
             {0, at}, {-1, at}, {-100000, at}, {1, at}, {below, at}, {at, at}, {above, above}, {5000, 5000},
         };
         for (const auto &size : sizes) {
@@ -170,10 +183,14 @@ TEST_F(TypedBuffer, FieldBufferIsMadeEmpty)
 
 TEST_F(TypedBuffer, OnlyABigStringGetsTheTerminatorsByte)
 {
-    const struct { const char *value; long asked, given; } cases[] = {
-        {nullptr, 0, 1024},  {"y", 0, 1024},      {"y", 1023, 1024},  {"y", 1024, 1025}, {"y", 2000, 2001},
-        {"Y", 2000, 2001},   {"yes", 2000, 2001}, {"Yonder", 1500, 1501},
-        {nullptr, 2000, 2000}, {"", 2000, 2000},  {"n", 2000, 2000},  {"1", 2000, 2000}, {" y", 2000, 2000},
+    const struct {
+        const char *value;
+        long asked, given;
+    } cases[] = {
+        {nullptr, 0, 1024},    {"y", 0, 1024},    {"y", 1023, 1024},   {"y", 1024, 1025},
+        {"y", 2000, 2001},     {"Y", 2000, 2001}, {"yes", 2000, 2001}, {"Yonder", 1500, 1501},
+        {nullptr, 2000, 2000}, {"", 2000, 2000},  {"n", 2000, 2000},   {"1", 2000, 2000},
+        {" y", 2000, 2000},
     };
     for (const auto &row : cases) {
         SCOPED_TRACE(std::string(row.value ? row.value : "(unset)") + " " + std::to_string(row.asked));
@@ -291,16 +308,20 @@ TEST_F(TypedBuffer, GrowingKeepsTheDataAndClearsTheRest)
 
 TEST_F(TypedBuffer, ReallocationFitsTheSizeByTheFirstRowOfTheNumber)
 {
-    const struct { const char *type; long first, asked, given; } cases[] = {
-        {"CARRAY", 5000, 0, 1024},  {"CARRAY", 5000, 1023, 1024}, {"CARRAY", 5000, 1024, 1024},
-        {"CARRAY", 5000, 1025, 1025}, {"CARRAY", 5000, -7, 1024}, {"X_OCTET", 0, 5000, 5000},
-        {"FIELD", 5000, 0, 1032},   {"FIELD", 0, 2000, 2008},     {"FML32", 0, 1025, 1033},
-        {"TPINIT", 0, 0, 76},       {"TPINIT", 0, 75, 76},        {"TPINIT", 0, 77, 77},
-        {"TPSTART", 500, 0, 76},    {"HEADER", 500, 1, 136},      {"STRING", 5000, 1, 1024},
+    const struct {
+        const char *type;
+        long first, asked, given;
+    } cases[] = {
+        {"CARRAY", 5000, 0, 1024},    {"CARRAY", 5000, 1023, 1024}, {"CARRAY", 5000, 1024, 1024},
+        {"CARRAY", 5000, 1025, 1025}, {"CARRAY", 5000, -7, 1024},   {"X_OCTET", 0, 5000, 5000},
+        {"FIELD", 5000, 0, 1032},     {"FIELD", 0, 2000, 2008},     {"FML32", 0, 1025, 1033},
+        {"TPINIT", 0, 0, 76},         {"TPINIT", 0, 75, 76},        {"TPINIT", 0, 77, 77},
+        {"TPSTART", 500, 0, 76},      {"HEADER", 500, 1, 136},      {"STRING", 5000, 1, 1024},
         {"STRING", 0, 2000, 2000},
     };
     for (const auto &row : cases) {
-        SCOPED_TRACE(std::string(row.type) + " " + std::to_string(row.first) + " " + std::to_string(row.asked));
+        SCOPED_TRACE(std::string(row.type) + " " + std::to_string(row.first) + " " +
+                     std::to_string(row.asked));
         char *data = alloc(row.type, nullptr, row.first);
         ASSERT_NE(data, nullptr);
         data = tprealloc(data, row.asked);
@@ -443,7 +464,10 @@ TEST_F(TypedBuffer, WithoutMemoryAllocationFailsAndTheNextOneWorks)
 
 TEST_F(TypedBuffer, TypesNamesTheFirstRowOfTheNumber)
 {
-    const struct { const char *made, *named; long size; } types[] = {
+    const struct {
+        const char *made, *named;
+        long size;
+    } types[] = {
         {"STRING", "STRING", 1024}, {"CARRAY", "CARRAY", 1024}, {"X_OCTET", "CARRAY", 1024},
         {"FIELD", "FIELD", 1032},   {"FML", "FIELD", 1032},     {"FML32", "FIELD", 1032},
         {"TPSTART", "TPSTART", 76}, {"TPINIT", "TPSTART", 108}, {"HEADER", "HEADER", 136},

@@ -94,16 +94,22 @@ TEST_F(Acall, ErrorsComeInTheirOrder)
     peer.done();
     alignas(8) char foreign[300] = {};
     char *bad = foreign + 136;
-    const struct { int stage, state; char *data; long len, flags; const char *name; int error; } cases[] = {
+    const struct {
+        int stage, state;
+        char *data;
+        long len, flags;
+        const char *name;
+        int error;
+    } cases[] = {
         {1, 0, bad, 0, 0x100 | TPNOREPLY, "S", TPEINVAL},  // flags before all else
         {1, 0, bad, 0, TPNOREPLY, "S", TPEPROTO},          // no reply in a transaction, before the data
         {1, 1, in, 0, TPNOREPLY, "S", TPEPROTO},
-        {0, -1, bad, 0, 0, "S", TPEITYPE},                 // the data before the table
+        {0, -1, bad, 0, 0, "S", TPEITYPE},  // the data before the table
         {0, -1, in, 5000, 0, "S", TPEINVAL},
-        {1, 1, bad, 0, 0, "S", TPEITYPE},                  // the data before the transaction
-        {1, 1, in, 0, 0, "S", TPETIME},                    // the transaction before the table
+        {1, 1, bad, 0, 0, "S", TPEITYPE},  // the data before the transaction
+        {1, 1, in, 0, 0, "S", TPETIME},    // the transaction before the table
         {1, 2, nullptr, 0, 0, "S", TPEPROTO},
-        {0, -1, in, 0, 0, "SPECIAL", TPELIMIT},            // the table before the special service
+        {0, -1, in, 0, 0, "SPECIAL", TPELIMIT},  // the table before the special service
         {0, -1, nullptr, 0, 0, "S", TPELIMIT},
         {0, -1, in, 0, TPNOREPLY, "SPECIAL", TPEINVAL},
     };
@@ -179,7 +185,9 @@ TEST_F(Acall, FailureBehindTheTableGivesTheRowBack)
     EXPECT_EQ(get_tperrno(), TPEINVAL);
     EXPECT_EQ(tpacall(svc("SPECIAL"), nullptr, 0, 0), -1);
     EXPECT_EQ(block()->acall_active, 0);
-    const struct { int error, tperr; } cases[] = {{EPIPE, TPECLOSE}, {EAGAIN, TPEBLOCK}, {EIO, TPEOS}};
+    const struct {
+        int error, tperr;
+    } cases[] = {{EPIPE, TPECLOSE}, {EAGAIN, TPEBLOCK}, {EIO, TPEOS}};
     for (const auto &row : cases) {
         faults::fail(faults::SEND, 1, row.error);
         EXPECT_EQ(acall(), -1);
@@ -298,8 +306,15 @@ TEST_F(Acall, ReplyThatOvertakesTheReceiptIsKept)
 TEST_F(Acall, RefusedReceiptEndsTheCall)
 {
     ASSERT_TRUE(start());
-    const struct { int type; uint32_t flags; int error; } cases[] = {
-        {1028, TPENOENT, TPENOENT}, {2028, TPEQFULL, TPEQFULL}, {2028, 0, TPESYSTEM}, {3028, 0, TPESYSTEM},
+    const struct {
+        int type;
+        uint32_t flags;
+        int error;
+    } cases[] = {
+        {1028, TPENOENT, TPENOENT},
+        {2028, TPEQFULL, TPEQFULL},
+        {2028, 0, TPESYSTEM},
+        {3028, 0, TPESYSTEM},
     };
     for (const auto &row : cases)
         for (long flags : {TPBLOCK, TPBLOCK | TPNOTRAN}) {
@@ -325,8 +340,7 @@ TEST_F(Acall, ReceiptThatDoesNotComeEndsTheCall)
     ASSERT_TRUE(start(reply));
     peer.play([&] {
         peer.expect(wire::TPACALL);
-        faults::shift_clock(31);
-        peer.send(wire::message(1012));
+        let_time_run_out(31);
     });
     EXPECT_EQ(acall(TPBLOCK), -1);
     EXPECT_EQ(get_tperrno(), TPETIME);

@@ -15,7 +15,12 @@ TEST_F(Call, RequestCarriesWhatTheCallerGave)
     int seqno = block()->seqno;
     peer.play([&] {
         Expected request = peer.expect(wire::TPCALL);
-        request.svcname("TOUPPER").data(std::string("hello\0", 6)).flags(0x20).cd(0).prio(50).seqno(seqno + 1);
+        request.svcname("TOUPPER")
+            .data(std::string("hello\0", 6))
+            .flags(0x20)
+            .cd(0)
+            .prio(50)
+            .seqno(seqno + 1);
         request.buftype(wire::STRING);
         EXPECT_EQ(request.frame.magic, wire::MAGIC);
         EXPECT_EQ(request.frame.rcode, 0);
@@ -211,7 +216,11 @@ TEST_F(Call, FailedServiceDeliversItsDataAndCode)
 TEST_F(Call, OnlyAGoodReplyWithoutAnErrorIsASuccess)
 {
     ASSERT_TRUE(start());
-    const struct { int type; uint32_t flags; int result, error; } cases[] = {
+    const struct {
+        int type;
+        uint32_t flags;
+        int result, error;
+    } cases[] = {
         {1003, 0, 1, 0},          {1003, TPESVCERR, -1, TPESVCERR}, {2003, 0, -1, TPESYSTEM},
         {3003, 0, -1, TPESYSTEM}, {2003, TPENOENT, -1, TPENOENT},   {1003, TPEITYPE, -1, TPEITYPE},
     };
@@ -293,15 +302,28 @@ TEST_F(Call, ErrorsComeInTheirOrder)
     char *none = nullptr, *no_buffer = foreign[0] + 136, *bad_input = foreign[1] + 136;
     const long bad_flags = 0x4;
     open_transaction(TX_STAGE_RUNNING, TX_STATE_TIMED_OUT);
-    const struct { char *in; long in_len; char **out; long *len; long flags; int error; } cases[] = {
-        {in, 0, &out, nullptr, 0, TPEINVAL},           {in, 0, nullptr, &len, 0, TPEINVAL},
-        {in, 0, &none, &len, 0, TPEINVAL},             {in, 0, &none, nullptr, bad_flags, TPEINVAL},
-        {in, 0, &out, &len, bad_flags, TPEINVAL},      {in, 0, &no_buffer, &len, bad_flags, TPEINVAL},
+    const struct {
+        char *in;
+        long in_len;
+        char **out;
+        long *len;
+        long flags;
+        int error;
+    } cases[] = {
+        {in, 0, &out, nullptr, 0, TPEINVAL},
+        {in, 0, nullptr, &len, 0, TPEINVAL},
+        {in, 0, &none, &len, 0, TPEINVAL},
+        {in, 0, &none, nullptr, bad_flags, TPEINVAL},
+        {in, 0, &out, &len, bad_flags, TPEINVAL},
+        {in, 0, &no_buffer, &len, bad_flags, TPEINVAL},
         {bad_input, 0, &no_buffer, &len, bad_flags, TPEINVAL},
-        {in, 0, &no_buffer, &len, 0, TPEOTYPE},        {bad_input, 0, &no_buffer, &len, 0, TPEOTYPE},
-        {in, 5000, &no_buffer, &len, 0, TPEOTYPE},     {bad_input, 0, &out, &len, 0, TPEITYPE},
+        {in, 0, &no_buffer, &len, 0, TPEOTYPE},
+        {bad_input, 0, &no_buffer, &len, 0, TPEOTYPE},
+        {in, 5000, &no_buffer, &len, 0, TPEOTYPE},
+        {bad_input, 0, &out, &len, 0, TPEITYPE},
         {in, 5000, &out, &len, 0, TPEINVAL},
-        {in, 0, &out, &len, 0, TPETIME},               {nullptr, 0, &out, &len, 0, TPETIME},
+        {in, 0, &out, &len, 0, TPETIME},
+        {nullptr, 0, &out, &len, 0, TPETIME},
     };
     int seqno = block()->seqno, number = 0;
     for (const auto &row : cases) {
@@ -412,8 +434,7 @@ TEST_F(Call, BlockTimeEndsTheWaitAndALateReplyIsDropped)
     wire::frame late;
     peer.play([&] {
         late = peer.expect(wire::TPCALL).frame;
-        faults::shift_clock(31);
-        peer.send(wire::message(1012));  // makes the wait look at the clock
+        let_time_run_out(31);
     });
     EXPECT_EQ(call(), -1);
     EXPECT_EQ(get_tperrno(), TPETIME);
@@ -477,8 +498,7 @@ TEST_F(Call, BlockTimeEndedWaitMarksNoTransaction)
     ASSERT_TRUE(start(reply));
     peer.play([&] {
         peer.expect(wire::TPCALL);
-        faults::shift_clock(31);
-        peer.send(wire::message(1012));
+        let_time_run_out(31);
     });
     EXPECT_EQ(call(), -1);
     EXPECT_EQ(get_tperrno(), TPETIME);
@@ -533,8 +553,7 @@ TEST_F(Call, ServerCanChangeTheBlockTime)
         peer.send(wire::message(wire::SET_REQUEST, "", {.cd = 13, .value = 66}));
         peer.reply_to(request, "x");
         peer.expect(wire::TPCALL);
-        faults::shift_clock(6);
-        peer.send(wire::message(1012));
+        let_time_run_out(6);
     });
     EXPECT_EQ(call(), 1);
     EXPECT_EQ(block()->block_time, 5);
@@ -583,7 +602,9 @@ TEST_F(Call, FailedSendLeavesTheTransactionAndTheBuffer)
 {
     ASSERT_TRUE(start());
     open_transaction();
-    const struct { int error, tperr; } cases[] = {{EPIPE, TPECLOSE}, {EAGAIN, TPEBLOCK}, {EIO, TPEOS}};
+    const struct {
+        int error, tperr;
+    } cases[] = {{EPIPE, TPECLOSE}, {EAGAIN, TPEBLOCK}, {EIO, TPEOS}};
     for (const auto &row : cases) {
         faults::fail(faults::SEND, 1, row.error);
         EXPECT_EQ(call(), -1);
@@ -604,8 +625,8 @@ TEST_F(Call, LengthsAboutTheSizesOfBlocksRoundTrip)
     in = new_buffer("CARRAY", "", 70000);
     for (int i = 0; i < 70000; i++)
         in[i] = (char)(i * 7);
-    std::vector<int> sizes = {1, 2, 3, 4, 1023, 1024, 1025, 1863, 1864, 1865, 1999, 2000, 2001, 4095, 4096, 4097,
-                              8191, 8192, 65535, 65536, 70000};
+    std::vector<int> sizes = {1,    2,    3,    4,    1023, 1024, 1025, 1863,  1864,  1865, 1999,
+                              2000, 2001, 4095, 4096, 4097, 8191, 8192, 65535, 65536, 70000};
     peer.play([&] {
         for (size_t i = 0; i < sizes.size(); i++) {
             wire::frame request = peer.expect(wire::TPCALL).buftype(wire::CARRAY).frame;

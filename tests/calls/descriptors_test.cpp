@@ -580,7 +580,8 @@ TEST_F(StoredReplies, EmptyListGivesALineAndNothing)
     EXPECT_EQ(_dequeue_qcall_q(1, block), nullptr);
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("(E) CLI 0209 internal error : Qcall Q is NULL, but tried to dequeue [CSC5103]"),
-              std::string::npos) << log;
+              std::string::npos)
+        << log;
     EXPECT_EQ(block->qcall[1].count, 0);
 }
 

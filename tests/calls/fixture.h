@@ -13,11 +13,15 @@
 #include "vorn/flags.h"
 #include "vorn/session.h"
 
+#include <atomic>
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
-static inline char *svc(const char *name) { return (char *)name; }
+static inline char *svc(const char *name)
+{
+    return (char *)name;
+}
 
 static inline char *new_buffer(const char *type, const std::string &text = "", long size = 0)
 {
@@ -55,9 +59,31 @@ struct CallTest : SessionTest {
         set_tx_state(block(), state);
     }
 
-    int call(long flags = 0, const char *name = "TOUPPER") { return tpcall(svc(name), in, 0, &out, &len, flags); }
-    int acall(long flags = 0, const char *name = "TOUPPER") { return tpacall(svc(name), in, 0, flags); }
-    int getrply(int *cd, long flags = 0) { return tpgetrply(cd, &out, &len, flags); }
+    std::atomic<int> finished{0};  // calls that have come back
+
+    int note(int result)
+    {
+        finished++;
+        return result;
+    }
+    int call(long flags = 0, const char *name = "TOUPPER")
+    {
+        return note(tpcall(svc(name), in, 0, &out, &len, flags));
+    }
+    int acall(long flags = 0, const char *name = "TOUPPER") { return note(tpacall(svc(name), in, 0, flags)); }
+    int getrply(int *cd, long flags = 0) { return note(tpgetrply(cd, &out, &len, flags)); }
+
+    // For the peer's script: lets the clock run on until the call that waits has come back. A message that nobody
+    // wants makes the wait look at the clock; it is repeated, since the call may not have begun to wait yet.
+    void let_time_run_out(int seconds)
+    {
+        int before = finished;
+        EXPECT_TRUE(faults::eventually([&] {
+            faults::shift_clock(seconds);
+            peer.send(wire::message(1012));
+            return finished != before;
+        }));
+    }
 
     std::string reply_data(void) const { return std::string(out, (size_t)len); }
 

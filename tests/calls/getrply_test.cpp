@@ -213,9 +213,13 @@ TEST_F(Getrply, AnyFailedReplyTellsItsDescriptorToo)
 TEST_F(Getrply, FailedReplyUsesTheDescriptorUp)
 {
     ASSERT_TRUE(start());
-    const struct { int type; uint32_t flags; int error; } cases[] = {
-        {2004, TPESVCFAIL, TPESVCFAIL}, {2004, 0, TPESYSTEM}, {3004, 0, TPESYSTEM}, {3004, TPESVCERR, TPESVCERR},
-        {1004, TPENOENT, TPENOENT},
+    const struct {
+        int type;
+        uint32_t flags;
+        int error;
+    } cases[] = {
+        {2004, TPESVCFAIL, TPESVCFAIL}, {2004, 0, TPESYSTEM},       {3004, 0, TPESYSTEM},
+        {3004, TPESVCERR, TPESVCERR},   {1004, TPENOENT, TPENOENT},
     };
     int cd = 0;
     for (int is_stored = 0; is_stored < 2; is_stored++)
@@ -266,7 +270,13 @@ TEST_F(Getrply, ErrorsComeInTheirOrder)
     char *no_buffer = foreign + 136, *none = nullptr;
     int live = 1, dead = 77;
     const long bad = 0x4;
-    const struct { int *cd; char **out; long *len; long flags; int error; } before[] = {
+    const struct {
+        int *cd;
+        char **out;
+        long *len;
+        long flags;
+        int error;
+    } before[] = {
         {&dead, &out, &len, 0, TPEBADDESC},
         {&dead, &no_buffer, &len, 0, TPEBADDESC},
         {&dead, &no_buffer, &len, TPGETANY, TPEBADDESC},  // nothing is outstanding
@@ -278,12 +288,23 @@ TEST_F(Getrply, ErrorsComeInTheirOrder)
         EXPECT_EQ(get_tperrno(), row.error);
     }
     send_requests(1);
-    const struct { int *cd; char **out; long *len; long flags; int error; } cases[] = {
-        {&live, &out, &len, bad, TPEINVAL},          {&dead, &no_buffer, nullptr, bad, TPEINVAL},
-        {nullptr, &out, &len, 0, TPEINVAL},          {&live, nullptr, &len, 0, TPEINVAL},
-        {&live, &none, &len, 0, TPEINVAL},           {&live, &out, nullptr, 0, TPEINVAL},
-        {&dead, &none, &len, 0, TPEINVAL},           {&dead, &no_buffer, &len, 0, TPEBADDESC},
-        {&dead, &out, &len, 0, TPEBADDESC},          {&live, &no_buffer, &len, 0, TPEOTYPE},
+    const struct {
+        int *cd;
+        char **out;
+        long *len;
+        long flags;
+        int error;
+    } cases[] = {
+        {&live, &out, &len, bad, TPEINVAL},
+        {&dead, &no_buffer, nullptr, bad, TPEINVAL},
+        {nullptr, &out, &len, 0, TPEINVAL},
+        {&live, nullptr, &len, 0, TPEINVAL},
+        {&live, &none, &len, 0, TPEINVAL},
+        {&live, &out, nullptr, 0, TPEINVAL},
+        {&dead, &none, &len, 0, TPEINVAL},
+        {&dead, &no_buffer, &len, 0, TPEBADDESC},
+        {&dead, &out, &len, 0, TPEBADDESC},
+        {&live, &no_buffer, &len, 0, TPEOTYPE},
         {&dead, &no_buffer, &len, TPGETANY, TPEOTYPE},
     };
     int number = 0;
@@ -456,11 +477,7 @@ TEST_F(Getrply, BlockTimeLeavesTheRowAndTheReplyCanBeFetchedLater)
     reply.block_time = 30;
     ASSERT_TRUE(start(reply));
     send_requests(1);
-    peer.play([&] {
-        ASSERT_TRUE(faults::wait_for_calls(faults::SELECT, 1));
-        faults::shift_clock(31);
-        peer.send(wire::message(1012));
-    });
+    peer.play([&] { let_time_run_out(31); });
     faults::reset();
     int cd = 1;
     EXPECT_EQ(getrply(&cd), -1);

@@ -132,9 +132,13 @@ TEST_F(Request, WithoutDataIsAHeaderAlone)
 
 TEST_F(Request, NameIsCutAt31Characters)
 {
-    const struct { std::string name, kept; } cases[] = {
-        {std::string(30, 'a'), std::string(30, 'a')}, {std::string(31, 'b'), std::string(31, 'b')},
-        {std::string(32, 'c'), std::string(31, 'c')}, {std::string(3000, 'd'), std::string(31, 'd')},
+    const struct {
+        std::string name, kept;
+    } cases[] = {
+        {std::string(30, 'a'), std::string(30, 'a')},
+        {std::string(31, 'b'), std::string(31, 'b')},
+        {std::string(32, 'c'), std::string(31, 'c')},
+        {std::string(3000, 'd'), std::string(31, 'd')},
         {"", ""},
     };
     msg_header *header = message_of(data);
@@ -216,7 +220,9 @@ TEST_F(Request, OutsideTheTransactionNothingOfItIsTouched)
 
 TEST_F(Request, TransactionThatCannotCommitRefusesItAfterTheData)
 {
-    const struct { int state, error; } cases[] = {{1, TPETIME}, {2, TPEPROTO}};
+    const struct {
+        int state, error;
+    } cases[] = {{1, TPETIME}, {2, TPEPROTO}};
     for (const auto &row : cases) {
         open(TX_STAGE_RUNNING, row.state);
         message_of(data)->msgtype = 4711;

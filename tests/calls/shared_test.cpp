@@ -23,8 +23,8 @@ struct Shared : CallTest {
             thread.join();
     }
 
-    // Answers `total` requests with their own data. Takes as many as are there, up to `window`, and answers them
-    // in random order.
+    // Answers `total` requests with their own data. Takes as many as are there, up to `window`, and answers
+    // them in random order.
     void echo(int total, size_t window, unsigned seed)
     {
         peer.play([this, total, window, seed] {

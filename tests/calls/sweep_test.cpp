@@ -1,6 +1,6 @@
-// Memory that runs out at each allocation in turn: the right error, no lock held, nothing leaked, and the library
-// serves on. Every run is a process of its own with a peer of its own: the tables of threads, contexts and
-// descriptors end the process by design when they can't be made, which is told by the exit code and the line.
+// Memory that runs out at each allocation in turn: the right error, no lock held, nothing leaked, and the
+// library serves on. Every run is a process of its own with a peer of its own: the tables of threads, of
+// contexts and of descriptors end the process by design when they can't be made, which is told by the exit code.
 #include "calls/fixture.h"
 
 #include <memory>
@@ -105,8 +105,8 @@ struct Sweep : testing::Test {
     // The lines of so many failures are of no interest here.
     void SetUp() override { setenv("VORN_ERR_MSG", "N", 1); }
 
-    // Runs `scenario` with the n-th allocation failing, for each n, until a run makes fewer. The scenario gives
-    // true on success; `prepare` comes ahead of it and `finish` behind it, with memory enough.
+    // Runs `scenario` with the n-th allocation failing, for each n, until a run makes fewer. The scenario
+    // gives true on success; `prepare` comes ahead of it and `finish` behind it, with memory enough.
     void sweep(const std::string &answer, const std::function<void()> &prepare,
                const std::function<bool()> &scenario, const std::function<void()> &finish)
     {
@@ -122,7 +122,7 @@ struct Sweep : testing::Test {
         }
     }
 
-private:
+  private:
     static int one_run(int nth, const std::string &answer, const std::function<void()> &prepare,
                        const std::function<bool()> &scenario, const std::function<void()> &finish)
     {
@@ -207,9 +207,10 @@ TEST_F(Sweep, StoredReplies)
     sweep(
         "stored", start_and_make_buffer,
         [] {
-            int first = tpacall(svc("S"), nullptr, 0, 0), second = first > 0 ? tpacall(svc("S"), nullptr, 0, 0) : -1;
-            return second > 0 && tpgetrply(&second, &reply_buffer, &reply_length, 0) == 1
-                   && tpgetrply(&first, &reply_buffer, &reply_length, 0) == 1;
+            int first = tpacall(svc("S"), nullptr, 0, 0),
+                second = first > 0 ? tpacall(svc("S"), nullptr, 0, 0) : -1;
+            return second > 0 && tpgetrply(&second, &reply_buffer, &reply_length, 0) == 1 &&
+                   tpgetrply(&first, &reply_buffer, &reply_length, 0) == 1;
         },
         free_buffer);
 }
@@ -263,7 +264,8 @@ TEST_F(Sweep, FatalLinesAreThoseOfTheTables)
             for (const char *site : {"CLI0703", "CLI0114", "CSC5106"})
                 table |= lines.find(site) != std::string::npos;
             EXPECT_TRUE(table) << lines;
-            EXPECT_NE(lines.find("(F) CLI 0005 memory allocation error : size = "), std::string::npos) << lines;
+            EXPECT_NE(lines.find("(F) CLI 0005 memory allocation error : size = "), std::string::npos)
+                << lines;
         } else if (code == DONE) {
             seen = true;
         }

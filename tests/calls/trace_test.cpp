@@ -1,5 +1,5 @@
-// The lines that the calls hand to the trace hook. This program has a hook of its own, as an application may, and
-// with it the few functions that stand beside the library's own one.
+// The lines that the calls hand to the trace hook. This program has a hook of its own, as an application
+// may, and with it the few functions that stand beside the library's own one.
 #include "calls/fixture.h"
 
 #include "runtime/trace.h"
@@ -33,14 +33,38 @@ int _vorn_trace(const char *function, int one, int phase, const char *format, ..
     return 1;
 }
 
-int _trace_dbg(void) { return 1; }
-int _chk_trace(void) { return 1; }
-int _parse_trace(void) { return 1; }
-int _spel_chk(void) { return 1; }
-int _internal_call_chk(void) { return 1; }
-int _get_spec(void) { return 1; }
-int split_trcfld(char *, char **) { return 1; }
-int advbrace(char **) { return 1; }
+int _trace_dbg(void)
+{
+    return 1;
+}
+int _chk_trace(void)
+{
+    return 1;
+}
+int _parse_trace(void)
+{
+    return 1;
+}
+int _spel_chk(void)
+{
+    return 1;
+}
+int _internal_call_chk(void)
+{
+    return 1;
+}
+int _get_spec(void)
+{
+    return 1;
+}
+int split_trcfld(char *, char **)
+{
+    return 1;
+}
+int advbrace(char **)
+{
+    return 1;
+}
 }
 
 namespace {
@@ -87,7 +111,8 @@ TEST_F(Traces, CallTellsItsArgumentsAndItsEnd)
         peer.expect(wire::TPCALL);
         peer.reply("x");
     });
-    std::string entry = "1 tpcall(\"TOUPPER\", " + pointer(in) + ", 0, " + pointer(&out) + ", " + pointer(&len) + ", ";
+    std::string entry =
+        "1 tpcall(\"TOUPPER\", " + pointer(in) + ", 0, " + pointer(&out) + ", " + pointer(&len) + ", ";
     EXPECT_EQ(call(TPNOTIME), 1);
     EXPECT_EQ(lines_of("tpcall"), (Texts{entry + "32)", "2 tpcall = 1"}));
     EXPECT_EQ(call(0x4), -1);
@@ -104,7 +129,8 @@ TEST_F(Traces, AsynchronousCallsTellTheirs)
         peer.expect(wire::TPACALL);
     });
     int cd = acall();
-    EXPECT_EQ(lines_of("tpacall"), (Texts{"1 tpacall(\"TOUPPER\", " + pointer(in) + ", 0, 0)", "2 tpacall = 1"}));
+    EXPECT_EQ(lines_of("tpacall"),
+              (Texts{"1 tpacall(\"TOUPPER\", " + pointer(in) + ", 0, 0)", "2 tpacall = 1"}));
     int *place = &cd;
     EXPECT_EQ(getrply(place), -1);
     EXPECT_EQ(lines_of("tpgetrply"),
@@ -115,7 +141,8 @@ TEST_F(Traces, AsynchronousCallsTellTheirs)
     EXPECT_EQ(tpcancel(2), 1);
     EXPECT_EQ(lines_of("tpcancel"), (Texts{"1 tpcancel(2)", "2 tpcancel = 1"}));
     EXPECT_EQ(tpcancel(-7), -1);
-    EXPECT_EQ(lines_of("tpcancel"), (Texts{"1 tpcancel(-7)", "4 tpcancel = -1 [2 : bad call descriptor(TPEBADDESC)]"}));
+    EXPECT_EQ(lines_of("tpcancel"),
+              (Texts{"1 tpcancel(-7)", "4 tpcancel = -1 [2 : bad call descriptor(TPEBADDESC)]"}));
 }
 
 TEST_F(Traces, SuccessWithoutActionIsTold)
@@ -157,7 +184,8 @@ TEST_F(Traces, ContextCallsTellTheirsWithOneOddPhase)
     EXPECT_EQ(tpsetctxt(-2, 0), 1);
     EXPECT_EQ(lines_of("tpsetctxt"), (Texts{"1 tpsetctxt(-2, 0)", "2 tpsetctxt = 1"}));
     EXPECT_EQ(tpsetctxt(-3, 5), -1);
-    EXPECT_EQ(lines_of("tpsetctxt"), (Texts{"1 tpsetctxt(-3, 5)", "4 tpsetctxt = -1 [4 : invalid arguments(TPEINVAL)]"}));
+    EXPECT_EQ(lines_of("tpsetctxt"),
+              (Texts{"1 tpsetctxt(-3, 5)", "4 tpsetctxt = -1 [4 : invalid arguments(TPEINVAL)]"}));
 }
 
 TEST_F(Traces, BufferCallsTellTheirFailures)

@@ -461,9 +461,11 @@ TEST_F(Tables, RowOfAContextWithoutABlockIsFatal)
 {
     take_context();
     TableLock lock;
+    static wthr_var *taken = _ctxt[1].variables;
     _ctxt[1].variables = nullptr;
-    EXPECT_EXIT(_get_wthr_from_nth(), testing::ExitedWithCode(1), "\\(F\\) CLI 0121 failed to get thread variables \\[CLI0704\\]");
-    _ctxt[1].variables = _main_wthrv;
+    EXPECT_EXIT(_get_wthr_from_nth(), testing::ExitedWithCode(1),
+                "\\(F\\) CLI 0121 failed to get thread variables \\[CLI0704\\]");
+    _ctxt[1].variables = taken;
 }
 
 TEST_F(Tables, BlockThatCannotBeMadeIsFatal)
@@ -514,10 +516,12 @@ TEST_F(Undecided, WithoutARecordTheFirstStartMakesItSingle)
 
 TEST_F(Undecided, ARecordDecidesOnceAndMustAgreeAfterwards)
 {
-    const struct { int mode, flags, result, mode_after; } cases[] = {
-        {-1, 0, 2, 0},       {-1, 0x01, 2, 0},      {-1, 0x40, 2, 0x40}, {-1, 0x47, 2, 0x40},
-        {-1, 0x3f, 2, 0},    {0, 0, 2, 0},          {0, 0x01, 2, 0},     {0, 0x40, -1, 0},
-        {0, 0x41, -1, 0},    {0x40, 0x40, 2, 0x40}, {0x40, 0x42, 2, 0x40}, {0x40, 0, -1, 0x40},
+    const struct {
+        int mode, flags, result, mode_after;
+    } cases[] = {
+        {-1, 0, 2, 0},          {-1, 0x01, 2, 0},      {-1, 0x40, 2, 0x40},   {-1, 0x47, 2, 0x40},
+        {-1, 0x3f, 2, 0},       {0, 0, 2, 0},          {0, 0x01, 2, 0},       {0, 0x40, -1, 0},
+        {0, 0x41, -1, 0},       {0x40, 0x40, 2, 0x40}, {0x40, 0x42, 2, 0x40}, {0x40, 0, -1, 0x40},
         {0x40, 0x04, -1, 0x40},
     };
     for (const auto &row : cases) {
@@ -533,8 +537,11 @@ TEST_F(Tables, ThreadWithARowHasItsContextInTheSingleModeOnly)
 {
     TPSTART_T record = {};
     take_context();
-    const struct { int mode, flags, result; } cases[] = {
-        {-1, 0, 2}, {-1, 0x40, 2}, {0, 0, 1}, {0, 1, 2}, {0, 7, 2}, {0, 0x40, -1}, {0x40, 0x40, 2}, {0x40, 0, -1},
+    const struct {
+        int mode, flags, result;
+    } cases[] = {
+        {-1, 0, 2}, {-1, 0x40, 2}, {0, 0, 1},       {0, 1, 2},
+        {0, 7, 2},  {0, 0x40, -1}, {0x40, 0x40, 2}, {0x40, 0, -1},
     };
     for (const auto &row : cases) {
         SCOPED_TRACE(std::to_string(row.mode) + " " + std::to_string(row.flags));
@@ -544,7 +551,9 @@ TEST_F(Tables, ThreadWithARowHasItsContextInTheSingleModeOnly)
         _start_ctxt = row.mode;
         EXPECT_EQ(_check_context_with_tpinfo(&record, 1), row.result);
     }
-    const struct { int mode, result; } without[] = {{-1, 2}, {0, 1}, {0x40, -1}};
+    const struct {
+        int mode, result;
+    } without[] = {{-1, 2}, {0, 1}, {0x40, -1}};
     for (const auto &row : without) {
         _start_ctxt = row.mode;
         EXPECT_EQ(_check_context_with_tpinfo(nullptr, 0), row.result) << row.mode;

@@ -27,9 +27,14 @@ TEST(HostPort, IsSplitAtTheColon)
         const char *text, *host;
         int port, result;
     } const rows[] = {
-        {"host:7000", "host", 7000, 1},  {"host", "host", 0, 0},        {"10.0.0.1:1", "10.0.0.1", 1, 1},
-        {"host:", "host", 0, 1},         {":7000", "", 7000, 1},        {"host:7000x", "host", 7000, 1},
-        {"host:7000:1", "host", 7000, 1}, {"host:x", "host", 0, 1},
+        {"host:7000", "host", 7000, 1},
+        {"host", "host", 0, 0},
+        {"10.0.0.1:1", "10.0.0.1", 1, 1},
+        {"host:", "host", 0, 1},
+        {":7000", "", 7000, 1},
+        {"host:7000x", "host", 7000, 1},
+        {"host:7000:1", "host", 7000, 1},
+        {"host:x", "host", 0, 1},
         {"host:99999999999999999999", "host", INT32_MAX, 1},
     };
     for (auto &row : rows) {
@@ -266,8 +271,8 @@ TEST_F(Connecting, GroupsAreTriedInTheirOrder)
     third.stop();
     EXPECT_EQ(connect_to(list), -1);
     EXPECT_EQ(log.lines(), 1);
-    EXPECT_TRUE(log.has("(E) CLI 3003 unable to connect to main server : " + list +
-                        " [CLI0106][Connection refused]"))
+    EXPECT_TRUE(
+        log.has("(E) CLI 3003 unable to connect to main server : " + list + " [CLI0106][Connection refused]"))
         << log.text();
 }
 

@@ -11,12 +11,26 @@
 #include "vorn/session.h"
 
 #include <errno.h>
+#include <memory>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
+
+// Lets the clock run on until the client gives up and closes. A message that nobody wants makes its wait look at
+// the clock; it is repeated, since the client may not have begun to wait yet.
+void let_time_run_out(Conn &peer, int seconds)
+{
+    pollfd closed = {peer.fd, POLLIN, 0};
+    EXPECT_TRUE(faults::eventually([&] {
+        faults::shift_clock(seconds);
+        peer.send(wire::message(1012));
+        return poll(&closed, 1, 0) > 0;
+    }));
+}
 
 struct End : SessionTest {
     void expect_no_context(void)
@@ -139,9 +153,8 @@ TEST_F(End, ServerThatDoesNotAnswerInTimeIsLeft)
     ASSERT_TRUE(start(reply));
     peer.play([&] {
         peer.expect(wire::TPEND);
-        faults::shift_clock(31);
-        peer.send(wire::message(1012));  // nobody wants it, but the wait looks at the clock
-        peer.expect_end();
+        let_time_run_out(peer, 31);
+        peer.hang_up();
     });
     expect_failed_end();
 }
@@ -268,5 +281,37 @@ TEST_F(End, ContextCanBeEndedByAnotherThread)
     EXPECT_EQ(current_row(), _main_wthrp);
     EXPECT_EQ(tpsetctxt(number, 0), -1);
     EXPECT_EQ(get_tperrno(), TPENOENT);
+    expect_no_context();
+}
+
+TEST_F(End, ThreadsOpenAndCloseSessionsAtOnce)
+{
+    constexpr int THREADS = 8;
+    std::atomic<int> good{0};
+    peer.play([&] {
+        std::vector<std::unique_ptr<Conn>> all;
+        for (int i = 0; i < THREADS; i++) {
+            all.push_back(std::make_unique<Conn>());
+            peer.accept(all.back().get());
+            all.back()->expect(wire::TPSTART);
+            wire::start_reply reply;
+            reply.client = i;
+            all.back()->reply_start(reply);
+        }
+        for (auto &conn : all)
+            conn->serve_end();
+    });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; t++)
+        threads.emplace_back([&] {
+            EXPECT_EQ(tpstart(nullptr), 0);
+            EXPECT_EQ(block()->started, 1);
+            good++;
+            ASSERT_TRUE(faults::eventually([&] { return good == THREADS; }));
+            EXPECT_EQ(tpend(), 1);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    peer.done();
     expect_no_context();
 }

@@ -77,12 +77,10 @@ struct StartReply : testing::Test {
 // Two nodes, three queues, one row of the third table, the threshold, and a name.
 std::string whole_payload(void)
 {
-    return word(2) + word(3) + word(1) +
-           field("NODEA", 16) + field("lna", 16) + word(0x11223344) + word(5) +
-           field("NODEB", 16) + field("lnb", 16) + word(0xffffffff) + word(0x80000001) +
-           field("Q1", 16) + field("Q2", 16) + field("0123456789abcdef", 16) +
-           field("third table", 32) +
-           word(4096) + tagged(0, "SPECIAL");
+    return word(2) + word(3) + word(1) + field("NODEA", 16) + field("lna", 16) + word(0x11223344) + word(5) +
+           field("NODEB", 16) + field("lnb", 16) + word(0xffffffff) + word(0x80000001) + field("Q1", 16) +
+           field("Q2", 16) + field("0123456789abcdef", 16) + field("third table", 32) + word(4096) +
+           tagged(0, "SPECIAL");
 }
 constexpr int WHOLE_WITHOUT_TAGS = 16 + 2 * 40 + 3 * 16 + 32;
 
@@ -193,8 +191,8 @@ TEST_F(StartReply, PayloadShortAtAnyByteIsSafe)
 
 TEST_F(StartReply, HostileCountsAreSafe)
 {
-    const uint32_t bad[] = {1, 2, 100, 0xffff, 0x06666667, 0x10000000, 0x08000000, 0x7fffffff, 0x80000000,
-                            0xfffffff0, 0xffffffff};
+    const uint32_t bad[] = {1,          2,          100,        0xffff,     0x06666667, 0x10000000,
+                            0x08000000, 0x7fffffff, 0x80000000, 0xfffffff0, 0xffffffff};
     for (uint32_t count : bad)
         for (int which = 0; which < 7; which++) {
             SCOPED_TRACE(std::to_string(count) + " in " + std::to_string(which));
@@ -202,8 +200,8 @@ TEST_F(StartReply, HostileCountsAreSafe)
             const bool nodes = which == 0 || which == 3 || which == 4 || which == 6;
             const bool queues = which == 1 || which == 3 || which == 5 || which == 6;
             const bool thirds = which == 2 || which == 4 || which == 5 || which == 6;
-            std::string payload = word(nodes ? count : 0) + word(queues ? count : 0) + word(thirds ? count : 0) +
-                                  std::string(40, 'x') + word(0) + word(0);
+            std::string payload = word(nodes ? count : 0) + word(queues ? count : 0) +
+                                  word(thirds ? count : 0) + std::string(40, 'x') + word(0) + word(0);
             take(payload);
             int64_t rows = 12 + 40L * initout_count(block, INITOUT_NODE_COUNT) +
                            16L * initout_count(block, INITOUT_QUEUE_COUNT) +
@@ -238,7 +236,9 @@ TEST_F(StartReply, NothingTakenFreesWhatWasThere)
 TEST_F(StartReply, NewPayloadTakesThePlaceOfTheOld)
 {
     ASSERT_EQ(take(whole_payload()), 1);
-    ASSERT_EQ(take(word(1) + word(0) + word(0) + field("ONLY", 16) + field("l", 16) + word(1) + word(2) + word(9)), 1);
+    ASSERT_EQ(
+        take(word(1) + word(0) + word(0) + field("ONLY", 16) + field("l", 16) + word(1) + word(2) + word(9)),
+        1);
     EXPECT_EQ(block->node_count, 1);
     EXPECT_STREQ(block->initout_nodes[0].name, "ONLY");
     EXPECT_EQ(block->compress_threshold, 9);
@@ -291,7 +291,8 @@ TEST_F(StartReply, WalkBeginsAtTheOffset)
 
 TEST_F(StartReply, LyingLengthsOfValuesAreSafe)
 {
-    for (uint32_t length : {5u, 31u, 32u, 1000u, 0x7fffffffu, 0x7ffffff8u, 0x80000000u, 0xfffffff8u, 0xffffffffu})
+    for (uint32_t length :
+         {5u, 31u, 32u, 1000u, 0x7fffffffu, 0x7ffffff8u, 0x80000000u, 0xfffffff8u, 0xffffffffu})
         for (uint32_t tag : {0u, 1u}) {
             SCOPED_TRACE(length);
             take_tags(word(tag) + word(length) + "NAME");
@@ -385,7 +386,10 @@ TEST_F(StartReply, WhatAStartBuiltIsDropped)
 
 TEST_F(StartReply, ClosedSocketIsTakenOutOfTheBlock)
 {
-    const struct { int which; bool started_after; } cases[] = {{0, true}, {1, true}, {2, true}, {3, true}};
+    const struct {
+        int which;
+        bool started_after;
+    } cases[] = {{0, true}, {1, true}, {2, true}, {3, true}};
     for (const auto &row : cases) {
         int fds[2], other[2], third[2];
         tcp_pair(fds);

@@ -149,10 +149,11 @@ TEST_F(Transaction, OnlyAnOpenOneIsMarkedRollbackOnly)
 
 TEST_F(Transaction, RequestsAreRefusedOnceItCannotCommit)
 {
-    const struct { int stage, state, result, error; } cases[] = {
-        {0, -1, 1, 0}, {0, 1, 1, 0}, {0, 2, 1, 0},
-        {1, 0, 1, 0},  {1, 1, -1, TPETIME}, {1, 2, -1, TPEPROTO}, {1, -1, 1, 0},
-        {2, 0, 1, 0},  {2, 1, -1, TPETIME}, {2, 2, -1, TPEPROTO},
+    const struct {
+        int stage, state, result, error;
+    } cases[] = {
+        {0, -1, 1, 0},        {0, 1, 1, 0},  {0, 2, 1, 0}, {1, 0, 1, 0},        {1, 1, -1, TPETIME},
+        {1, 2, -1, TPEPROTO}, {1, -1, 1, 0}, {2, 0, 1, 0}, {2, 1, -1, TPETIME}, {2, 2, -1, TPEPROTO},
     };
     for (const auto &row : cases)
         for (int type : {3, 4, 5, 32}) {
@@ -166,13 +167,16 @@ TEST_F(Transaction, RequestsAreRefusedOnceItCannotCommit)
 
 TEST_F(Transaction, WaitsEndWhenItsTimeIsUpButForTheEndOfItself)
 {
-    const struct { int stage, state, type, result; } cases[] = {
-        {0, -1, 3, 0}, {0, 1, 3, 0},  {1, 0, 3, 0},  {1, 2, 3, 0},   {1, 1, 3, -13}, {2, 1, 3, -13},
-        {1, 1, 4, -13}, {1, 1, 28, -13}, {1, 1, 31, -13}, {1, 1, 34, -13},
-        {1, 1, 32, 0}, {1, 1, 33, 0}, {1, 1, 1032, -13},
+    const struct {
+        int stage, state, type, result;
+    } cases[] = {
+        {0, -1, 3, 0},  {0, 1, 3, 0},   {1, 0, 3, 0},      {1, 2, 3, 0},    {1, 1, 3, -13},
+        {2, 1, 3, -13}, {1, 1, 4, -13}, {1, 1, 28, -13},   {1, 1, 31, -13}, {1, 1, 34, -13},
+        {1, 1, 32, 0},  {1, 1, 33, 0},  {1, 1, 1032, -13},
     };
     for (const auto &row : cases) {
-        SCOPED_TRACE(std::to_string(row.stage) + " " + std::to_string(row.state) + " " + std::to_string(row.type));
+        SCOPED_TRACE(std::to_string(row.stage) + " " + std::to_string(row.state) + " " +
+                     std::to_string(row.type));
         open(row.state, row.stage);
         msg_header message;
         _init_header(&message);

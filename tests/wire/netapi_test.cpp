@@ -1,4 +1,5 @@
 // Exact-length reads and writes, probes, descriptor flags.
+#include <atomic>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -480,8 +481,11 @@ TEST_F(Pipe, GivesFailuresAsTheyStand)
     EXPECT_EQ(errno, EPIPE);
 }
 
-static volatile sig_atomic_t signals_taken = 0;
-static void take_signal(int) { signals_taken = signals_taken + 1; }
+static std::atomic<int> signals_taken{0};
+static void take_signal(int)
+{
+    signals_taken.fetch_add(1);
+}
 
 TEST_F(Pipe, ReadingGoesOnAfterASignal)
 {
