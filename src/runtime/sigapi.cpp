@@ -200,18 +200,20 @@ void _vorn_sig_urg(int)
 // "log/slog" below VORNDIR; empty if that isn't set, or leaves no room.
 static bool take_default_dump_directory(void)
 {
-    static const char tail[] = "log/slog";
+    static const char ending[] = "log/slog";
     _vorn_coredump_dir[0] = '\0';
     const char *root = getenv("VORNDIR");
     if (root == nullptr)
         return false;
-    char directory[sizeof _vorn_coredump_dir + 1 + sizeof tail];
+    char directory[sizeof _vorn_coredump_dir + 1];
     snprintf(directory, sizeof _vorn_coredump_dir, "%s", root);
     _vorn_proc_path(directory);
     _slash_check(directory);
-    strcat(directory, tail);
-    if (strlen(directory) < sizeof _vorn_coredump_dir)
-        strcpy(_vorn_coredump_dir, directory);
+    size_t length = strlen(directory);
+    if (length + sizeof ending > sizeof _vorn_coredump_dir)
+        return true;
+    memcpy(_vorn_coredump_dir, directory, length);
+    memcpy(_vorn_coredump_dir + length, ending, sizeof ending);
     return true;
 }
 

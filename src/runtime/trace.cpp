@@ -53,12 +53,12 @@ int advbrace(char **p)
     return count;
 }
 
-int split_trcfld(char *spec, char **fields)
+int split_trcfld(char *text, char **fields)
 {
     constexpr int FIELDS = 3;  // what a fourth colon begins is left out: `fields` has no room for it
     int count = 0;
     char *start = nullptr;
-    for (char *p = spec; *p != '\0' && count < FIELDS;) {
+    for (char *p = text; *p != '\0' && count < FIELDS;) {
         if (*p == ':') {
             *p++ = '\0';
             fields[count++] = start;

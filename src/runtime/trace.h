@@ -18,10 +18,10 @@ int _spel_chk(void);
 int _internal_call_chk(void);
 int _get_spec(void);
 
-// The parser of a trace specification, without a caller. The first splits "a:b:c" in place into three
+// The parser of what to trace, without a caller. The first splits "a:b:c" in place into three
 // pointers, null for an empty or missing field; 1. The second runs to the end of the string and gives the
 // length.
-int split_trcfld(char *spec, char **fields);
+int split_trcfld(char *text, char **fields);
 int advbrace(char **p);
 }
 

@@ -124,9 +124,9 @@ TEST(Trace, HookAndItsKinDoNothing)
 }
 
 struct Fields {
-    explicit Fields(const char *spec)
+    explicit Fields(const char *trace)
     {
-        snprintf(text, sizeof text, "%s", spec);
+        snprintf(text, sizeof text, "%s", trace);
         fields[3] = text;  // must stay as it is
         EXPECT_EQ(split_trcfld(text, fields), 1);
         EXPECT_EQ(fields[3], text);
