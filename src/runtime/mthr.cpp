@@ -43,6 +43,7 @@ struct thread_hint {
     uint64_t generation;  // 0: never looked up
     wthr_elem *row;
     wthr_var *block;
+    int32_t context_number;  // what tpgetctxt gives
 };
 static thread_local thread_hint hint __attribute__((tls_model("initial-exec")));
 
@@ -311,10 +312,22 @@ int _check_context_with_tpinfo(const void *tpinfo, int unused)
     } else if ((flags & CONTEXT_MODE_MULTIPLE) != _start_ctxt) {
         result = -1;
     }
+    tables_changed();  // the mode is part of what a thread is told
     _thread_unlock();
     if (result < 0)
         set_tperrno(TPEPROTO);
     return result;
+}
+
+// The number of the context on which a thread stands, as tpgetctxt tells it. Expects the table lock.
+static int32_t context_number(int n)
+{
+    if (n < 0)
+        return _ctxt[0].ctxt_id;
+    if (_start_ctxt == CONTEXT_MODE_SINGLE)
+        return TPSINGLECONTEXT;
+    const ctxt_elem *context = context_row(&_wthr[n]);
+    return context == nullptr || context->ctxt_id == TPNULLCONTEXT ? TPINVALIDCONTEXT : context->ctxt_id;
 }
 
 static bool hint_holds(void)
@@ -334,6 +347,7 @@ static bool renew_hint(void)
     hint.generation = 0;
     hint.row = n >= 0 ? &_wthr[n] : _main_wthrp;
     hint.block = block != nullptr ? block : _main_wthrv;
+    hint.context_number = context_number(n);
     hint.generation = table_generation.load(std::memory_order_relaxed);
     _thread_unlock();
     return true;
@@ -347,6 +361,14 @@ wthr_elem *current_row(void)
 wthr_var *current_block(void)
 {
     return hint_holds() || renew_hint() ? hint.block : nullptr;
+}
+
+bool current_context_number(int *number)
+{
+    if (!hint_holds() && !renew_hint())
+        return false;
+    *number = hint.context_number;
+    return true;
 }
 
 // The cells are written with atomic stores because threads without a row share those of row 0.
@@ -435,10 +457,8 @@ int _thread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex)
     return pthread_cond_wait(cond, mutex);
 }
 
-int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int milliseconds)
+timespec deadline_in(int milliseconds)
 {
-    if (milliseconds < 0)
-        return pthread_cond_wait(cond, mutex);
     timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += milliseconds / 1000;
@@ -447,6 +467,14 @@ int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int mil
         deadline.tv_sec++;
         deadline.tv_nsec -= 1000000000L;
     }
+    return deadline;
+}
+
+int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int milliseconds)
+{
+    if (milliseconds < 0)
+        return pthread_cond_wait(cond, mutex);
+    timespec deadline = deadline_in(milliseconds);
     return pthread_cond_timedwait(cond, mutex, &deadline);
 }
 

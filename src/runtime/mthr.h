@@ -12,6 +12,7 @@
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 // A word of a context that any of its threads may read and write without a lock.
 typedef std::atomic<int32_t> shared_int32;
@@ -146,7 +147,7 @@ struct wthr_var {
 
     pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
     pthread_mutex_t roll_mutex;  // the rolling start; taken inside the reader role, never inside msg_mutex
-    pthread_cond_t reader_cond;  // kept for its place in the block; each waiter has a condition of its own
+    pthread_cond_t reader_cond;  // kept for its place in the block: each waiter has a semaphore
     pthread_cond_t offer_done_cond;  // the reader waits here while an offer stands
     pthread_cond_t roll_cond;        // threads wait here until a rolling start has ended
     int32_t reader_busy;             // 1 while a thread has the reader role
@@ -203,6 +204,7 @@ int _check_context_with_tpinfo(const void *tpinfo, int unused);  // -1, 1, 2; se
 // thread's own, which is looked up anew after each change of the tables.
 wthr_elem *current_row(void);  // null only if there are no tables and none can be made
 wthr_var *current_block(void); // the caller's block, or the fall-back block; null as above
+bool current_context_number(int *number);  // what tpgetctxt tells; false without tables
 void set_tperrno(int code);
 int get_tperrno(void);
 void set_tpurcode(int64_t code);
@@ -221,6 +223,7 @@ int _thread_cond_init(pthread_cond_t *cond);
 int _thread_cond_signal(pthread_cond_t *cond);
 int _thread_cond_broadcast(pthread_cond_t *cond);
 int _thread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex);
+timespec deadline_in(int milliseconds);  // from now, on the clock of the timed waits
 int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int milliseconds);  // negative: no limit
 int _thread_cond_destroy(pthread_cond_t *cond);
 }

@@ -155,23 +155,13 @@ int tpsetctxt(int ctxt, long flags)
 int tpgetctxt(int *ctxt, long flags)
 {
     api_frame frame;
+    int number;
     _vorn_trace(TPGETCTXT.name, 1, TRACE_ENTRY, TPGETCTXT.enter, ctxt, flags);
-    _thread_lock();
-    if (_init_thrtbl() < 0) {
+    if (!current_context_number(&number)) {
+        _thread_lock();
         _vorn_trace(TPGETCTXT.name, 1, TRACE_ERROR, "tpgetctxt = -1");
         return -1;  // as in tpsetctxt
     }
-    int n = _get_nth_from_thrtbl();
-    int32_t number = _ctxt[0].ctxt_id;
-    if (n >= 0 && _start_ctxt == CONTEXT_MODE_SINGLE) {
-        number = TPSINGLECONTEXT;
-    } else if (n >= 0) {
-        int32_t index = _wthr[n].ctxt_index;
-        number = index >= 0 && index < _wthr_size ? _ctxt[index].ctxt_id : TPNULLCONTEXT;
-        if (number == TPNULLCONTEXT)
-            number = TPINVALIDCONTEXT;
-    }
-    _thread_unlock();
     api_find(&frame);
     if (ctxt != nullptr)
         *ctxt = number;

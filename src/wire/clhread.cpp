@@ -3,10 +3,10 @@
 // Entered from every call that waits, on its own thread; there is no other. The first that finds nobody reading
 // takes the reader role (`reader_busy`) and reads the connection for all. A message that isn't its own goes
 // straight to the waiting thread whose template it answers: the waiters of a context stand in a list, each with a
-// condition of its own, so a message wakes one thread and not all. Threads that have sent and are counted in
+// semaphore of its own, so a message wakes one thread and not all. Threads that have sent and are counted in
 // `waiter_count`, but haven't come to wait yet, can't be asked; for them the message stands on offer until they
-// have looked at it. What nobody wants goes to clhmatch. Whoever has its message gives the role up and wakes the
-// thread that has waited longest.
+// have looked at it. What nobody wants goes to clhmatch. Whoever has its message gives the role to the thread
+// that has waited longest.
 //
 // Subtle: the stored reply of an asynchronous call and a waiter for it can't miss each other, because a waiter looks
 // into the table under msg_mutex before it waits, and the reader looks for a waiter under msg_mutex before it stores. msg_mutex is
@@ -29,16 +29,19 @@
 #include "wire/netapi.h"
 
 #include <errno.h>
+#include <semaphore.h>
 #include <stdlib.h>
 #include <time.h>
 
 extern "C" {
 
-// A thread that waits for the reader role or for its message.
+// A thread that waits for the reader role or for its message. Whoever gives it one of them takes it off the list, under
+// msg_mutex, and posts `given` afterwards: the woken thread then needs no lock, and finds nobody in it.
 struct read_waiter {
     msg_header *want;
-    msg_header *message;  // set by the thread that hands it over
-    pthread_cond_t cond;
+    msg_header *message;
+    bool has_role;
+    sem_t given;
     read_waiter *previous, *next;
 };
 
@@ -145,27 +148,44 @@ void forget_waiter(wthr_var *block)
     _thread_mutex_unlock(&block->msg_mutex);
 }
 
-bool hand_to_waiter(msg_header *message, wthr_var *block)
+// Takes the waiter that the message answers off the list and gives it the message; null if there is none. The caller
+// posts `given`.
+static read_waiter *give_message(msg_header *message, wthr_var *block)
 {
     for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
-        if (waiter->message != nullptr || waiter->want == nullptr || !_is_msgtype_matched(waiter->want, message, block))
+        if (waiter->want == nullptr || !_is_msgtype_matched(waiter->want, message, block))
             continue;
+        leave_waiters(waiter, block);
         waiter->message = message;
-        _thread_cond_signal(&waiter->cond);
-        return true;
+        return waiter;
     }
-    return false;
+    return nullptr;
 }
 
-// Lets the longest waiting thread that hasn't got its message yet find the role free.
-static void wake_next_reader(wthr_var *block)
+// Gives the role to the thread that has waited longest; the caller posts `given`. Without one it is free, and null.
+static read_waiter *give_role(wthr_var *block)
 {
-    for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
-        if (waiter->message != nullptr)
-            continue;
-        _thread_cond_signal(&waiter->cond);
-        return;
+    read_waiter *waiter = block->waiters_head;
+    if (waiter == nullptr) {
+        block->reader_busy = 0;
+        return nullptr;
     }
+    leave_waiters(waiter, block);
+    waiter->has_role = true;
+    return waiter;
+}
+
+static void post_given(read_waiter *waiter)
+{
+    if (waiter != nullptr)
+        sem_post(&waiter->given);
+}
+
+bool hand_to_waiter(msg_header *message, wthr_var *block)
+{
+    read_waiter *waiter = give_message(message, block);
+    post_given(waiter);
+    return waiter != nullptr;
 }
 
 // A thread that was counted from its send on looks at the message on offer. The message, if it is its own.
@@ -203,9 +223,9 @@ static void release_role(const read_wait *wait)
     if (wait->want == nullptr && !wait->timed)
         return;  // giving it up is the caller's business
     _thread_mutex_lock(&block->msg_mutex);
-    block->reader_busy = 0;
-    wake_next_reader(block);
+    read_waiter *next = give_role(block);
     _thread_mutex_unlock(&block->msg_mutex);
+    post_given(next);
 }
 
 static msg_header *fail_as_reader(const read_wait *wait, int code)
@@ -236,44 +256,66 @@ static int transaction_expired(const read_wait *wait)
 
 enum role_result { ROLE_TAKEN, ROLE_HANDED, ROLE_FAILED };
 
-// Waits until the role is free, or the message was handed over. Expects msg_mutex. On ROLE_FAILED tperrno is set.
-static role_result wait_for_role(const read_wait *wait, msg_header **handed)
+// Sleeps until something is given, or `milliseconds` have passed (negative: no limit). 0, or an errno.
+static int await_given(read_waiter *me, int milliseconds)
 {
-    wthr_var *block = wait->block;
-    read_waiter me = {wait->want, nullptr, PTHREAD_COND_INITIALIZER, nullptr, nullptr};
-    int code = 0;
-    join_waiters(&me, block);
-    while (me.message == nullptr && block->reader_busy != 0 && code == 0) {
-        int milliseconds;
-        if (!wait->timed) {
-            set_tperrno(0);
-            if (transaction_expired(wait) < 0) {
-                code = TPETIME;
-                break;
-            }
-            milliseconds = unlimited_slice(block);
-        } else {
-            milliseconds = milliseconds_of(remaining(wait));
-        }
-        int result = _thread_cond_timedwait(&me.cond, &block->msg_mutex, milliseconds);
-        if (result == ETIMEDOUT && wait->timed && me.message == nullptr && block->reader_busy != 0)
-            code = time_out_error(wait);
-        else if (result != 0 && result != EINTR && result != ETIMEDOUT)
-            code = TPESYSTEM;
+    if (milliseconds < 0)
+        return sem_wait(&me->given) == 0 ? 0 : errno;
+    timespec deadline = deadline_in(milliseconds);
+    return sem_timedwait(&me->given, &deadline) == 0 ? 0 : errno;
+}
+
+constexpr int SLEEP_AGAIN = -1;
+
+// One sleep of a waiter: 0 once something is given, SLEEP_AGAIN, or the error number that ends the wait.
+static int sleep_once(const read_wait *wait, read_waiter *me)
+{
+    int milliseconds;
+    if (wait->timed) {
+        milliseconds = milliseconds_of(remaining(wait));
+    } else {
+        set_tperrno(0);
+        milliseconds = unlimited_slice(wait->block);
+        if (transaction_expired(wait) < 0)
+            return TPETIME;
     }
-    leave_waiters(&me, block);
-    _thread_cond_destroy(&me.cond);
-    if (me.message != nullptr) {
-        // The role may have been offered to this thread in the meantime; somebody else must take it then.
-        if (block->reader_busy == 0)
-            wake_next_reader(block);
-        *handed = me.message;
-        return ROLE_HANDED;
+    switch (await_given(me, milliseconds)) {
+    case 0:
+        return 0;
+    case EINTR:
+        return SLEEP_AGAIN;
+    case ETIMEDOUT:
+        return wait->timed ? time_out_error(wait) : SLEEP_AGAIN;
     }
-    if (code == 0)
-        return ROLE_TAKEN;
-    set_tperrno(code);
-    return ROLE_FAILED;
+    return TPESYSTEM;
+}
+
+// Ends a wait in which nothing came. False if something was given at the last moment; whoever did so is about to post.
+static bool leave_without(read_waiter *me, wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    bool given = me->message != nullptr || me->has_role;
+    if (!given)
+        leave_waiters(me, block);
+    _thread_mutex_unlock(&block->msg_mutex);
+    while (given && await_given(me, -1) != 0)
+        continue;
+    return !given;
+}
+
+// Waits, once in the list, until the role or the message is given. On ROLE_FAILED tperrno is set.
+static role_result wait_for_role(const read_wait *wait, read_waiter *me, msg_header **handed)
+{
+    int code;
+    do
+        code = sleep_once(wait, me);
+    while (code == SLEEP_AGAIN);
+    if (code > 0 && leave_without(me, wait->block)) {
+        set_tperrno(code);
+        return ROLE_FAILED;
+    }
+    *handed = me->message;
+    return me->message != nullptr ? ROLE_HANDED : ROLE_TAKEN;
 }
 
 // The entry of a wait: ends with the reader role, with the message, or with an error.
@@ -281,7 +323,8 @@ static role_result enter(const read_wait *wait, msg_header **handed)
 {
     wthr_var *block = wait->block;
     const msg_header *want = wait->want;
-    role_result result = ROLE_TAKEN;
+    read_waiter me = {wait->want, nullptr, false, {}, nullptr, nullptr};
+    bool waits = false;
     *handed = nullptr;
     _thread_mutex_lock(&block->msg_mutex);
     if (want != nullptr && has_waiter(want)) {
@@ -291,13 +334,20 @@ static role_result enter(const read_wait *wait, msg_header **handed)
     }
     if (want != nullptr && *handed == nullptr)
         *handed = look_at_stored(want, block);
-    if (*handed != nullptr)
-        result = ROLE_HANDED;
-    else if (block->reader_busy != 0 && (want != nullptr || wait->timed))
-        result = wait_for_role(wait, handed);
-    if (result == ROLE_TAKEN)
-        block->reader_busy = 1;
+    if (*handed == nullptr) {
+        waits = block->reader_busy != 0 && (want != nullptr || wait->timed);
+        if (waits) {
+            sem_init(&me.given, 0, 0);
+            join_waiters(&me, block);
+        } else {
+            block->reader_busy = 1;
+        }
+    }
     _thread_mutex_unlock(&block->msg_mutex);
+    if (!waits)
+        return *handed != nullptr ? ROLE_HANDED : ROLE_TAKEN;
+    role_result result = wait_for_role(wait, &me, handed);
+    sem_destroy(&me.given);
     return result;
 }
 
@@ -469,8 +519,10 @@ static bool pass_on(const read_wait *wait, msg_header *message)
 {
     wthr_var *block = wait->block;
     _thread_mutex_lock(&block->msg_mutex);
-    bool taken = hand_to_waiter(message, block) || offer(wait, message);
+    read_waiter *taker = give_message(message, block);
+    bool taken = taker != nullptr || offer(wait, message);
     _thread_mutex_unlock(&block->msg_mutex);
+    post_given(taker);
     return taken;
 }
 
