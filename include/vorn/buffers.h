@@ -29,8 +29,19 @@ char *tprealloc(char *ptr, long size);
  * "X_OCTET", "FIELD" for "FML" and "FML32", "STRUCT" for "VIEW", "X_C_TYPE" and "X_COMMON", "TPSTART" for "TPINIT". */
 long tptypes(char *ptr, char *type, char *subtype);
 
-/* Ends a buffer. Null, and a pointer that isn't a live typed buffer, are ignored. */
+/* Ends a buffer. Null, and a pointer that isn't a typed buffer, are ignored. A buffer is freed once: a second time is
+ * mostly noticed and ignored, but the memory may be gone by then. */
 void tpfree(char *ptr);
+
+/* Numbers of the kinds, as tpgettype gives them. */
+#define TPBUF_STRUCT 1     /* STRUCT, VIEW, X_C_TYPE, X_COMMON */
+#define TPBUF_FIELD 2      /* FIELD, FML, FML32 */
+#define TPBUF_STRING 3     /* STRING */
+#define TPBUF_CARRAY 4     /* CARRAY, X_OCTET */
+#define TPBUF_START 5      /* TPSTART, TPINIT */
+#define TPBUF_HEADER 9     /* HEADER: no data */
+#define TPBUF_RQ_STRUCT 11 /* struct data behind a queue control record */
+#define TPBUF_RQ_FIELD 12  /* field data behind a queue control record */
 
 /* Size, number of the kind, and subtype of a buffer (16 bytes, in the buffer itself). Unchecked: `ptr` must be a live
  * typed buffer. */

@@ -16,13 +16,16 @@
 extern "C" {
 #endif
 
+/* In a process of single contexts a thread whose session was lost still has its context: tpcall and tpacall then return
+ * 1 and do nothing, until tpend has ended it. */
+
 /* Calls service `svc` (31 characters count; null: the name in the input buffer's header) and waits. `idata` is a typed
  * buffer or null, `ilen` the bytes to send (looked at for CARRAY, and for a STRING that is to send more than its text).
  * `*odata` is a typed buffer, which may be `idata`; `*olen` takes the reply's length in bytes. Flags: TPNOBLOCK,
  * TPSIGRSTRT, TPNOTRAN, TPNOTIME, TPNOCHANGE.
  *
  * 1, or -1 with tperrno: TPEINVAL (arguments, flags, length), TPEITYPE, TPEOTYPE (no typed buffer; reply of another
- * type under TPNOCHANGE), TPETIME, TPEPROTO, TPESVCFAIL (the service failed: data, length and tpurcode are delivered all
+ * type under TPNOCHANGE), TPETIME, TPEPROTO, TPELIMIT (no row for a first call; and the errors of tpstart), TPESVCFAIL (the service failed: data, length and tpurcode are delivered all
  * the same), TPENOENT and other errors that the server gives, TPECLOSE (connection lost), TPEOS, TPESYSTEM. */
 int tpcall(char *svc, char *idata, long ilen, char **odata, long *olen, long flags);
 

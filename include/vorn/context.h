@@ -10,20 +10,20 @@
 extern "C" {
 #endif
 
-#define TPSINGLECONTEXT 0    /* tpgetctxt: this process uses one context a thread */
-#define TPINVALIDCONTEXT (-1) /* tpgetctxt: this thread stands on no context */
-#define TPNULLCONTEXT (-2)   /* tpsetctxt: leave the context */
+#define TPSINGLECONTEXT 0      /* tpgetctxt: the thread's context, in a process of single contexts */
+#define TPINVALIDCONTEXT (-1)  /* tpgetctxt: the thread's context has no number */
+#define TPNULLCONTEXT (-2)     /* tpgetctxt: the thread stands on no context; tpsetctxt: leave the context */
 
 /* Puts the calling thread on context `ctxt`, a number that tpgetctxt gave in a thread that stands on it; the
  * threads of a context share its connection. TPNULLCONTEXT leaves the present context. In a process that doesn't
  * use several contexts only 0 is allowed, and does nothing. `flags` is 0. 1, or -1 with tperrno: TPEINVAL (flags,
- * or a negative number), TPEPROTO (context mode), TPENOENT (no such context, or no session on it), TPELIMIT (no
- * free thread row). */
+ * or a negative number), TPEPROTO (context mode), TPENOENT (no such context, or no session on it; in the second
+ * case the thread has by then left the context that it stood on), TPELIMIT (no free thread row). */
 int tpsetctxt(int ctxt, long flags);
 
-/* Stores the number of the thread's context: 0 in a process that doesn't use several contexts, -1 for a context
- * that has no number, -2 before the first start. `ctxt` must point to an int, `flags` is 0, or TPEINVAL.
- * 1 or -1. */
+/* Stores the number of the thread's context: 0 for a thread that has its context in a process of single contexts, -2 for
+ * a thread that stands on none, -1 if its context has no number. `ctxt` must point to an int, `flags` is 0, or
+ * TPEINVAL. 1 or -1. */
 int tpgetctxt(int *ctxt, long flags);
 
 #ifdef __cplusplus

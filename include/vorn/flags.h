@@ -1,5 +1,5 @@
 /* The flags word of the calls: one set of bits for all of them. Each call tells which it accepts; any other bit
- * makes it fail with TPEINVAL. */
+ * makes it fail with TPEINVAL (but for tpacall with TPSPRCALL, which takes what comes). */
 #ifndef VORN_FLAGS_H
 #define VORN_FLAGS_H
 

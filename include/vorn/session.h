@@ -34,14 +34,21 @@ typedef struct tpinit_t {
     int64_t datalen; /* bytes of data */
 } TPINIT;
 
-/* Opens a session. A null `tpinfo` logs in without a name. 0 connected to a main address, 1 to a backup address;
- * 1 also for a thread that has its context already, and then nothing is done. -1 with tperrno: TPEPROTO (context
- * mode, or a session stands), TPELIMIT (no free row), TPEITYPE (no TPSTART buffer), TPEINVAL (flags), TPEOS (no
- * connection, no memory), TPETIME (no answer in 60 seconds), TPESECURITY or another error that the server gives
- * (login refused), TPESYSTEM. The record stays the caller's. */
+/* Opens a session. A null `tpinfo` logs in without a name. 0 connected to a main address, 1 to a backup address; 1 also
+ * for a thread that has its context already and passes no flags in a process of single contexts: then nothing is done.
+ * With flags, or with TPMULTICONTEXTS, each start opens a further session on a new context of the thread; the context
+ * that it stood on before stays as it is.
+ * -1 with tperrno: TPEPROTO (context mode), TPELIMIT (no free row), TPEITYPE (no TPSTART buffer), TPEINVAL (flags), TPEOS
+ * (no connection, no memory), TPETIME (no answer in 60 seconds), TPESECURITY or another error that the server gives
+ * (login refused), TPESYSTEM. A login that is refused twice for another reason than TPESECURITY leaves the thread on a
+ * context without a session: call tpend before the next attempt, or it will do nothing. The record stays the
+ * caller's. */
 int tpstart(TPSTART_T *tpinfo);
 
-/* The same with a TPINIT record; on a standing session it does nothing and gives 1. 1 or -1. */
+/* The same with a TPINIT record; on a standing session it does nothing and gives 1. 1 or -1. The waits of such a
+ * session also watch descriptor 0, and it never moves to another server: descriptor 0 must be neither readable nor at
+ * its end (/dev/null is), or its calls fail with TPEOS. After a failure other than a missing connection the thread stands on a
+ * context without a session: call tpend before the next attempt. Prefer tpstart. */
 int tpinit(TPINIT *tpinfo);
 
 /* Closes the session and frees the context, whether or not the server answers. 1, or -1 with tperrno: TPEPROTO (no

@@ -25,7 +25,7 @@ extern "C" {
 #define TX_COMMITTED_NO_BEGIN (-109)
 
 /* Seconds that a transaction begun from now on may last; 0: no limit. A transaction that runs is not touched.
- * 0 (TX_OK). */
+ * TX_OK; TX_PROTOCOL_ERROR without a session, whose start gives the first value. */
 int tx_set_transaction_timeout(long seconds);
 
 #ifdef __cplusplus

@@ -403,7 +403,7 @@ int _enqueue_qcall_q(int rqno, msg_header *message, wthr_var *block)
         return -1;
     qcall_elem *row = &block->qcall[rqno];
     if (append_msg_node(&row->head, &row->tail, message) < 0) {
-        VORN_LOG(1, LEVEL_ERROR, "CSC5102", "0004 memory allocation error : size = %d", (int)sizeof(msg_node));
+        VORN_LOG(0, LEVEL_ERROR, "CSC5102", "0004 memory allocation error : size = %d", (int)sizeof(msg_node));
         return -1;
     }
     row->count++;

@@ -68,12 +68,14 @@ int _check_tipsvc(msg_header *message, wthr_var *block)
     return 1;
 }
 
-// Opens the session of a call that was made without one, on the row that the call's frame has bound; a caller
-// without a row gets one from tpstart. The block that the session stands on, or null with tperrno set.
+// Opens the session of a call that was made without one, on the row that the call's frame has bound; frames bind rows
+// in the single-context mode only. A caller without a row gets one from tpstart, and a context of several threads that
+// has lost its session in the meantime gets an error from it. The block that the session stands on, or null with
+// tperrno set.
 static wthr_var *open_session(wthr_var *block)
 {
     _thread_lock();
-    bool on_own_row = _get_wthr_from_nth() == block;
+    bool on_own_row = _start_ctxt == CONTEXT_MODE_SINGLE && _get_wthr_from_nth() == block;
     _thread_unlock();
     if ((on_own_row ? start_on_bound_row(block) : tpstart(nullptr)) < 0)
         return nullptr;
@@ -85,10 +87,8 @@ static int join_transaction(int msgtype, uint32_t *flags, wthr_var *block)
 {
     if (_tx_start_check(msgtype) < 0)
         return -1;
-    if (block->txinfo != nullptr && block->txinfo->tx_stage == TX_STAGE_BEGUN) {
-        block->txinfo->tx_stage = TX_STAGE_RUNNING;
+    if (begin_to_run(block))
         *flags |= TPTXSTART;
-    }
     return 0;
 }
 

@@ -40,6 +40,7 @@ static void number_request(msg_header *message, int32_t cd, wthr_var *block)
 {
     message->seqno = next_seqno(block);
     message->cd = cd;
+    message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
     message->prio = block->next_prio.exchange(block->default_prio);
     block->last_prio = message->prio;
 }
@@ -166,11 +167,12 @@ static int wait_for_receipt(int32_t seqno, long flags, wthr_var *block)
         return -1;
     }
     int code = (int)receipt->flags;
+    set_tperrno(code);
     bool good = code == 0 && receipt->msgtype == MSG_TPACALL_BLOCK + REPLY;
     free(receipt);
     if (good)
         return 0;
-    set_tperrno(code != 0 ? code : TPESYSTEM);
+    name_the_error();
     return -1;
 }
 

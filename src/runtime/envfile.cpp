@@ -43,7 +43,7 @@ static int too_long(void)
     return refuse_line("COM0034", "line too long");
 }
 
-static const char *skip_blanks(const char *p)
+static char *skip_blanks(char *p)
 {
     while (isspace((unsigned char)*p))
         p++;
@@ -127,7 +127,7 @@ static int read_assignment(char *p, line_out *out)
 int _process_env_line(char *line, char *out)
 {
     line_out target = {out, 0, ENV_OUT_SIZE};
-    char *p = line + (skip_blanks(line) - line);
+    char *p = skip_blanks(line);
     switch (*p) {
     case '\0':
         return ENV_BLANK;

@@ -106,10 +106,8 @@ static void append_args(char *line, size_t *length, size_t size, const char *for
 static void append_args(char *line, size_t *length, size_t size, const char *format, va_list args)
 {
     int added = vsnprintf(line + *length, size - *length, format, args);
-    if (added < 0) {  // a format that printf refuses: better its words than none
-        line[*length] = '\0';
-        return;
-    }
+    if (added < 0)  // a format that printf refuses: better its words than none
+        added = snprintf(line + *length, size - *length, "%s", format);
     *length += (size_t)added < size - *length ? (size_t)added : size - *length - 1;
 }
 
@@ -155,12 +153,12 @@ static bool log_is_switched_off(void)
 static bool write_to_debug_file(const char *line)
 {
     _thread_mutex_lock(&_log_mutex);
-    bool open = _log_fp != nullptr;
-    if (open && (fflush(_log_fp) != 0 || fprintf(_log_fp, "[%d] %s", (int)_thread_self(), line) < 0 ||
-                 fflush(_log_fp) != 0))
+    bool had_file = _log_fp != nullptr;
+    if (had_file && (fflush(_log_fp) != 0 || fprintf(_log_fp, "[%d] %s", (int)_thread_self(), line) < 0 ||
+                     fflush(_log_fp) != 0))
         forget_debug_file();
     _thread_mutex_unlock(&_log_mutex);
-    return open;
+    return had_file;
 }
 
 // The other stream is flushed first, so that the two stay in order on a console that they share.
@@ -184,9 +182,9 @@ void err_doit(int level, int errnum, const char *code, const char *format, va_li
     const char *name = getenv("VORN_DEBUG");
     if (name != nullptr && name[0] != '0' && name[0] != '\0') {
         _thread_mutex_lock(&_log_mutex);
-        bool open = follow_debug_file(name);
+        bool has_file = follow_debug_file(name);
         _thread_mutex_unlock(&_log_mutex);
-        if (!open)
+        if (!has_file)
             return;
     }
     char line[LINE_SIZE];

@@ -14,6 +14,7 @@
 #include "vorn/session.h"
 
 #include <atomic>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -65,6 +66,17 @@ static ctxt_elem *context_row(const wthr_elem *row)
     return index >= 0 && index < _wthr_size ? &_ctxt[index] : nullptr;
 }
 
+// A fatal line ends the process, and what the application does at its exit may call in here again: the table lock must
+// be free by then. Expects it, and takes it back.
+static void fatal_without_memory(const char *code, size_t size)
+{
+    int cause = errno;
+    _thread_unlock();
+    errno = cause;
+    VORN_LOG(1, LEVEL_FATAL, code, "0005 memory allocation error : size = %d", (int)size);
+    _thread_lock();
+}
+
 int _init_wthr_elem(wthr_elem *row)
 {
     row->thread_id = -1;
@@ -91,8 +103,7 @@ int _init_ctxt(int32_t rows)
 {
     _ctxt = (ctxt_elem *)calloc((size_t)rows, sizeof(ctxt_elem));
     if (_ctxt == nullptr) {
-        VORN_LOG(1, LEVEL_FATAL, "CLI0702", "0005 memory allocation error : size = %d",
-                 (int)(rows * sizeof(ctxt_elem)));
+        fatal_without_memory("CLI0702", rows * sizeof(ctxt_elem));
         return -1;
     }
     for (int32_t i = 0; i < rows; i++)
@@ -105,8 +116,7 @@ int _init_wthr(int32_t rows)
 {
     _wthr = (wthr_elem *)calloc((size_t)rows, sizeof(wthr_elem));
     if (_wthr == nullptr) {
-        VORN_LOG(1, LEVEL_FATAL, "CLI0701", "0005 memory allocation error : size = %d",
-                 (int)(rows * sizeof(wthr_elem)));
+        fatal_without_memory("CLI0701", rows * sizeof(wthr_elem));
         return -1;
     }
     for (int32_t i = 0; i < rows; i++)
@@ -144,7 +154,7 @@ wthr_var *_wthr_var_init(wthr_elem *row)
         return context->variables;
     wthr_var *block = (wthr_var *)calloc(1, sizeof *block);
     if (block == nullptr) {
-        VORN_LOG(1, LEVEL_FATAL, "CLI0703", "0005 memory allocation error : size = %d", (int)sizeof *block);
+        fatal_without_memory("CLI0703", sizeof *block);
         return nullptr;
     }
     block->node_count = 1;
@@ -183,8 +193,11 @@ wthr_var *_get_wthr_from_nth(void)
     ctxt_elem *context = context_row(&_wthr[n]);
     if (context == nullptr)
         return nullptr;
-    if (context->variables == nullptr)
+    if (context->variables == nullptr) {
+        _thread_unlock();
         VORN_LOG(0, LEVEL_FATAL, "CLI0704", "0121 failed to get thread variables");
+        _thread_lock();
+    }
     return context->variables;
 }
 
@@ -295,12 +308,12 @@ int _check_context_with_tpinfo(const void *tpinfo, int unused)
 {
     (void)unused;
     _thread_lock();
-    int has_context = _get_nth_from_thrtbl() >= 0 ? 1 : 2;
+    int by_row = _get_nth_from_thrtbl() >= 0 ? 1 : 2;  // a thread with a row has its context already
     int32_t flags = tpinfo == nullptr ? 0 : start_record_flags(tpinfo);
     int result = 2;
     if (tpinfo == nullptr) {
         if (_start_ctxt == CONTEXT_MODE_SINGLE)
-            result = has_context;
+            result = by_row;
         else if (_start_ctxt == CONTEXT_MODE_MULTIPLE)
             result = -1;
         else if (_start_ctxt == CONTEXT_MODE_UNDECIDED)
@@ -308,7 +321,7 @@ int _check_context_with_tpinfo(const void *tpinfo, int unused)
     } else if (_start_ctxt == CONTEXT_MODE_UNDECIDED) {
         _start_ctxt = flags & CONTEXT_MODE_MULTIPLE;
     } else if (flags == 0 && _start_ctxt == CONTEXT_MODE_SINGLE) {
-        result = has_context;
+        result = by_row;
     } else if ((flags & CONTEXT_MODE_MULTIPLE) != _start_ctxt) {
         result = -1;
     }

@@ -189,7 +189,7 @@ int _init_wthr(int32_t rows);               // 1, or -1 if the block of row 0 ca
 int _init_wthr_elem(wthr_elem *row);        // 1
 int _init_ctxt_elem(ctxt_elem *row);        // 1
 wthr_var *_wthr_var_init(wthr_elem *row);   // the block of the row's context, made if there is none; null
-int _get_nth_from_thrtbl(void);             // the caller's row number, or -1; also without the lock
+int _get_nth_from_thrtbl(void);             // the caller's row number, or -1
 wthr_var *_get_wthr_from_nth(void);         // the caller's block; null without a row
 wthr_elem *_get_idle_wthr_ptr(void);        // a row and a context row for the caller; null
 int _get_idle_wthr_ptr2(void);              // number of a free thread row, or the caller's own; -1

@@ -134,7 +134,7 @@ int _vorn_defer_sigs(int operation, int value)
 }
 
 // True while the library's handlers have the word in this context.
-static bool library_listens(wthr_var *block)
+static bool users_are_shut_out(wthr_var *block)
 {
     return std::atomic_ref<int32_t>(block->in_send).load() != 0 || block->tx_timer_on != 0;
 }
@@ -148,7 +148,7 @@ static void run_user_handler(sig_elem *row, signal_handler *handler, wthr_var *b
     }
     // A signal that is passed over here is lost: its count goes too.
     for (int32_t runs = pending.load() + 1; runs > 0; runs--)
-        if (!library_listens(block))
+        if (!users_are_shut_out(block))
             handler(row->signal);
     pending.store(0);
 }
@@ -162,7 +162,7 @@ void _vorn_sig_handler(int signal)
         signal_handler *user = user_handler(row);
         if (is_handler(user))
             run_user_handler(row, user, frame.block);
-        if (is_handler(row->internal) && library_listens(frame.block))
+        if (is_handler(row->internal) && users_are_shut_out(frame.block))
             row->internal(signal);
     }
     errno = error;

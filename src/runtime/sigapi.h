@@ -26,7 +26,7 @@ extern char _vorn_coredump_dir[256];
 // Operations of _vorn_defer_sigs.
 constexpr int DEFER_READ = 0, DEFER_SET = 1, DEFER_ADD = 2;
 
-// Any thread. None of these takes a lock but the one that finds the thread's block.
+// Any thread. None of these five takes a lock but the one that finds the thread's block.
 int _vorn_signal_control(void);                                     // installs the table, once a process; 1
 signal_handler *_vorn_signal(int signal, signal_handler *handler);  // the former handler, or SIG_ERR
 signal_handler *_vorn_register_signal(int signal, signal_handler *handler);  // the same, past the table

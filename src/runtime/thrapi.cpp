@@ -51,11 +51,12 @@ int api_return(const api_text *text, int result)
     return result;
 }
 
-// A context that this call has opened, and on which no session came about. A failed start inside the call may
-// have ended it already; the thread then stands on another block, or on none.
+// Ends a context that this call has bound and on which no start was tried. A start that fails inside the call ends the
+// context itself, and the thread then stands on another block; one that succeeded leaves it, whatever came later. The
+// start's first trace in the block is its seeded sequence number.
 static void leave_unused_context(const api_frame *frame)
 {
-    if (frame->row_bound == 0 || current_block() != frame->block || frame->block->started != 0)
+    if (frame->row_bound == 0 || current_block() != frame->block || frame->block->seqno_inited != 0)
         return;
     int code = get_tperrno();
     _context_end();
@@ -99,10 +100,10 @@ static int find_context(int number)
 
 // Moves the thread to context row `index`. 0, or an error number. Expects the table lock. A context whose session
 // hasn't started is refused only after the thread has left the one it stood on.
-static int attach_row(int n, wthr_var *block, int index)
+static int attach_row(int n, wthr_var *old_block, int index)
 {
     if (n >= 0) {
-        detach_row(&_wthr[n], block);
+        detach_row(&_wthr[n], old_block);
     } else {
         n = _get_idle_wthr_ptr2();
         if (n < 0)
@@ -129,10 +130,10 @@ int tpsetctxt(int ctxt, long flags)
     int32_t mode = _start_ctxt;
     _thread_unlock();
     api_find(&frame);
-    if (mode == CONTEXT_MODE_SINGLE)
-        return ctxt == 0 ? api_return(&TPSETCTXT, 1) : api_fail(&frame, &TPSETCTXT, TPEPROTO);
     int code = TPEINVAL;
-    if (ctxt == TPNULLCONTEXT) {
+    if (mode == CONTEXT_MODE_SINGLE) {
+        code = ctxt == 0 ? 0 : TPEPROTO;
+    } else if (ctxt == TPNULLCONTEXT) {
         _thread_lock();
         int n = _get_nth_from_thrtbl();
         if (n >= 0) {
@@ -149,7 +150,10 @@ int tpsetctxt(int ctxt, long flags)
         code = index < 0 ? TPENOENT : attach_row(_get_nth_from_thrtbl(), frame.block, index);
         _thread_unlock();
     }
-    return code == 0 ? api_return(&TPSETCTXT, 1) : api_fail(&frame, &TPSETCTXT, code);
+    if (code != 0)
+        return api_fail(&frame, &TPSETCTXT, code);
+    set_tperrno(0);  // the row may have been another thread's
+    return api_return(&TPSETCTXT, 1);
 }
 
 int tpgetctxt(int *ctxt, long flags)
@@ -167,7 +171,8 @@ int tpgetctxt(int *ctxt, long flags)
         *ctxt = number;
     if (ctxt == nullptr || flags != 0)
         return api_fail(&frame, &TPGETCTXT, TPEINVAL);
-    _vorn_trace(TPGETCTXT.name, 1, TRACE_ERROR, TPGETCTXT.result, 1);
+    set_tperrno(0);
+    _vorn_trace(TPGETCTXT.name, 1, TRACE_ERROR, TPGETCTXT.result, 1);  // a success, traced as it always was
     return 1;
 }
 }

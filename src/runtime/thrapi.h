@@ -33,15 +33,15 @@ bool api_find(api_frame *frame);
 
 // api_find, and the entry trace.
 #define API_ENTER(frame, text, ...) \
-    (api_find(frame) && (_vorn_trace((text).name, 1, TRACE_ENTRY, (text).enter, ##__VA_ARGS__), true))
+    (api_find(frame) && (_vorn_trace((text).name, 1, TRACE_ENTRY, (text).enter __VA_OPT__(, ) __VA_ARGS__), true))
 
 // The starting form of the session check: a call that may open a session by itself goes on only on API_GO_ON.
 enum api_context { API_GO_ON, API_NOTHING_TO_DO, API_NO_CONTEXT };
 api_context api_open_context(api_frame *frame);
 
 // Exits. api_error reports the error that stands in the caller's cell; api_fail sets it first. Both give -1.
-// After api_open_context has bound a row for a session that then didn't come about, they end that context, so
-// that the next call of the thread starts afresh; the error stays readable.
+// Where the call has bound a row and then failed before it tried to start a session, they end that context, so that the
+// next call of the thread starts afresh; the error stays readable.
 int api_return(const api_text *text, int result);
 int api_error(const api_frame *frame, const api_text *text);
 int api_fail(const api_frame *frame, const api_text *text, int code);

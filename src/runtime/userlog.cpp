@@ -2,9 +2,9 @@
 //
 // The environment decides at the first line: ULOGPFX or ULOG name a local file, without them lines travel to
 // the server. _ulog_mutex is held over the way out of a line, so lines stay whole and in order; ulogsync,
-// userlog2 and the reset by the environment calls run beside it, which is why the two words that they share
-// with a line in progress, local_flag and ulogfd, are only touched atomically. A descriptor is closed by
-// whoever swaps it out.
+// userlog2 and the reset by the environment calls run beside it. What they share with a line in progress is
+// local_flag, which is only touched atomically, and ulogfd with its file, for which file_mutex is held; it is
+// taken inside _ulog_mutex, and only for the time of a write.
 #include "runtime/userlog.h"
 
 #include "runtime/common.h"
@@ -39,21 +39,26 @@ static constexpr size_t TEXT_LIMIT = 8097;     // prefix and text of a formatted
 static constexpr size_t COUNTED_LIMIT = 8099;  // prefix and text of a counted line
 static constexpr uint32_t FLAGS_OF_COUNTING_FORM = 0x200;
 
-static std::atomic_ref<int32_t> descriptor(void)
-{
-    return std::atomic_ref<int32_t>(ulogfd);
-}
+static pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 static std::atomic_ref<int32_t> destination(void)
 {
     return std::atomic_ref<int32_t>(local_flag);
 }
 
+// Expects file_mutex.
+static void close_file(void)
+{
+    if (ulogfd >= 0)
+        close(ulogfd);
+    ulogfd = -1;
+}
+
 void close_user_log(void)
 {
-    int fd = descriptor().exchange(-1);
-    if (fd >= 0)
-        close(fd);
+    _thread_mutex_lock(&file_mutex);
+    close_file();
+    _thread_mutex_unlock(&file_mutex);
 }
 
 void reset_user_log(void)
@@ -170,29 +175,31 @@ static int send_line(const char *line, size_t length, uint32_t flags, const char
     return result < 0 ? -1 : (int)size;
 }
 
-// The open file of today, opened if there is none or it is of another day, an earlier one too. Expects
-// _ulog_mutex.
+// The open file of today, opened if there is none or it is of another day, an earlier one too. Expects file_mutex.
 static int file_of_day(const tm *local)
 {
     const int today[3] = {local->tm_mon + 1, local->tm_mday, local->tm_year + 1900};
-    int fd = descriptor().load();
-    if (fd >= 0 && date_cmp(today, ulog_date) == 0)
-        return fd;
-    close_user_log();
-    fd = ulog_open(today, pulogpfx);
-    descriptor().store(fd);
-    if (fd >= 0)
+    if (ulogfd >= 0 && date_cmp(today, ulog_date) == 0)
+        return ulogfd;
+    close_file();
+    ulogfd = ulog_open(today, pulogpfx);
+    if (ulogfd >= 0)
         memcpy(ulog_date, today, sizeof ulog_date);
-    return fd;
+    return ulogfd;
 }
 
-// Bytes written, or -1 with tperrno set. One write a line: several processes may append to the file.
+// Bytes written, or -1 with tperrno set. One write a line: several processes may append to the file. Expects
+// _ulog_mutex.
 static int write_line(const char *line, size_t length, const tm *local)
 {
+    _thread_mutex_lock(&file_mutex);
     int fd = file_of_day(local);
-    if (fd >= 0 && write(fd, line, length) == (ssize_t)length)
+    bool written = fd >= 0 && write(fd, line, length) == (ssize_t)length;
+    if (!written)
+        close_file();
+    _thread_mutex_unlock(&file_mutex);
+    if (written)
         return (int)length;
-    close_user_log();
     set_tperrno(TPEOS);
     return -1;
 }

@@ -182,7 +182,9 @@ static time_limit connect_limit(void)
         return {0, 0, false};
     text += strspn(text, " \t+");
     double seconds = 0;
-    std::from_chars(text, text + strlen(text), seconds);
+    auto read = std::from_chars(text, text + strlen(text), seconds);
+    if (read.ec == std::errc::result_out_of_range && memchr(text, '-', (size_t)(read.ptr - text)) == nullptr)
+        seconds = 1e10;
     if (!(seconds > 0))
         return {0, 0, true};
     if (seconds > 1e9)
@@ -357,7 +359,7 @@ int _init_node(int count, wthr_var *block)
     block->node_table = (node_elem *)malloc(size);
     if (block->node_table == nullptr) {
         block->node_count = 0;
-        VORN_LOG(1, LEVEL_FATAL, "CLI0114", "0005 memory allocation error : size = %d", (int)size);
+        VORN_LOG(0, LEVEL_FATAL, "CLI0114", "0005 memory allocation error : size = %d", (int)size);
         return -1;
     }
     for (int i = 0; i < count; i++)

@@ -72,19 +72,21 @@ int _cli_init(int acall_size, int conv_size, wthr_var *block)
     if (block->rolling == 0)
         _init_acall(acall_size, block);  // a rolling start keeps the open calls
     _init_conv(conv_size, block);
-    _init_unsol(acall_size < 0 && conv_size < 0 ? 1 : 0, block);
+    _init_unsol(1, block);  // nobody has the messages that a list holds from before the start
     return 1;
 }
 
 void _clhc_close(int fd, wthr_var *block)
 {
     _dh_close_sess(block->crypt_sess.exchange(nullptr));
+    // Two threads may find the end of one socket; by the second one's turn the number may be somebody else's.
+    bool ours = false;
     for (shared_int32 *socket : {&block->clhfd, &block->old_clhfd, &block->new_clhfd}) {
         int32_t expected = fd;
-        socket->compare_exchange_strong(expected, -1);
+        ours |= socket->compare_exchange_strong(expected, -1);
     }
     drop_read_ahead(block, fd);
-    if (fd >= 0)
+    if (fd >= 0 && ours)
         close(fd);
     if (block->clhfd == -1 && block->old_clhfd == -1)
         block->started = 0;
@@ -184,9 +186,13 @@ int _vorn_start(msg_header *message, int msgtype, int to_backup, wthr_var *block
 static constexpr api_text TPSTART = {"tpstart", "tpstart(\"%s\", \"%s\", \"%s\", \"%s\", %#x)", "tpstart = %d",
                                      "tpstart = -1 [%d : %s]"};
 
-// Ends the context of a failed start, leaving its error where the thread finds it.
-static int give_up(int code)
+// Ends the thread's context with all that a start has built in it, and leaves `code` where the thread finds it then. -1,
+// for the failures among its callers.
+static int end_context_with(int code)
 {
+    wthr_var *block = current_block();
+    if (block != _main_wthrv)
+        _clear_init_mem(block);
     _context_end();
     set_tperrno(code);
     return -1;
@@ -200,19 +206,19 @@ static msg_header *start_message(TPSTART_T *tpinfo, wthr_var *block)
     if (tpinfo == nullptr) {
         message = _header_msg_make(MSG_TPSTART, 0);
         if (message == nullptr) {
-            give_up(TPESYSTEM);
+            end_context_with(TPESYSTEM);
             return nullptr;
         }
     } else {
         message = message_of((char *)tpinfo);
         if (!is_typed_buffer((char *)tpinfo) || message->buftype != BUF_START) {
-            give_up(TPEITYPE);
+            end_context_with(TPEITYPE);
             return nullptr;
         }
         tpinfo->usrname[sizeof tpinfo->usrname - 1] = '\0';
         flags = (uint32_t)tpinfo->flags;
         if ((flags & ~(uint32_t)START_FLAGS) != 0) {
-            give_up(TPEINVAL);
+            end_context_with(TPEINVAL);
             return nullptr;
         }
         uint32_t mode = flags & 7;
@@ -223,7 +229,8 @@ static msg_header *start_message(TPSTART_T *tpinfo, wthr_var *block)
     return message;
 }
 
-// Up to two attempts. 1, or -1 with tperrno set; the context has ended where another attempt would be of no use.
+// Up to two attempts. 1, or -1 with tperrno set. The context has ended where no connection could be made, or the login
+// was refused for good; after two failed exchanges it stands, without a socket and without a session.
 static int try_to_start(msg_header *message, wthr_var *block)
 {
     for (int attempt = 0; attempt < START_ATTEMPTS; attempt++) {
@@ -235,11 +242,11 @@ static int try_to_start(msg_header *message, wthr_var *block)
         int code = get_tperrno();
         _txinfo_end(block);
         if (block->clhfd < 0)
-            return give_up(code);
+            return end_context_with(code);
         drop_read_ahead(block, block->clhfd);
         close(block->clhfd.exchange(-1));
         if (code == TPESECURITY)
-            return give_up(code);  // a refused login isn't tried again
+            return end_context_with(code);  // a refused login isn't tried again
         usleep(ATTEMPT_PAUSE);
     }
     return -1;
@@ -251,8 +258,7 @@ static int keep_start_message(const msg_header *message, wthr_var *block)
     block->start_msg = (msg_header *)malloc((size_t)message->datalen + BLOCK_OVERHEAD);
     if (block->start_msg == nullptr) {
         _clhc_close(block->clhfd, block);
-        _clear_init_mem(block);
-        return give_up(TPESYSTEM);
+        return end_context_with(TPESYSTEM);
     }
     memcpy(block->start_msg, message, (size_t)message->datalen + HEADER_SIZE);
     return 1;
@@ -281,8 +287,9 @@ static int start_session(TPSTART_T *tpinfo, wthr_var *block)
         free(message);
     if (result < 0)
         return -1;
-    block->start_msg = nullptr;
-    if (tpinfo != nullptr && keep_start_message(message, block) < 0)
+    if (tpinfo == nullptr)
+        block->start_msg = nullptr;
+    else if (keep_start_message(message, block) < 0)
         return -1;
     return block->on_backup;
 }
@@ -292,7 +299,7 @@ int start_on_bound_row(wthr_var *block)
 {
     int result = start_session(nullptr, block);
     if (result < 0 && current_block() == block && block != _main_wthrv)
-        give_up(get_tperrno());
+        end_context_with(get_tperrno());
     return result;
 }
 
@@ -399,10 +406,8 @@ static int try_to_init(msg_header *message, wthr_var *block)
             return 1;
         }
         int code = get_tperrno();
-        if (block->clhfd < 0) {
-            _txinfo_end(block);
-            return give_up(code);
-        }
+        if (block->clhfd < 0)
+            return end_context_with(code);
         drop_read_ahead(block, block->clhfd);
         close(block->clhfd.exchange(-1));
         set_tperrno(code);
@@ -475,24 +480,19 @@ int tpend(void)
     wthr_var *block = frame.block;
     set_tperrno(0);
     if (block->started == 0) {
-        // A session that was lost still has its tables; they end with the context.
+        // A session that was lost still has its tables, and perhaps a transaction's timer; they end with the context.
+        if (block->tx_timer_on != 0)
+            _clr_tx_timer(block);
         _clhc_close(block->clhfd, block);
-        if (block != _main_wthrv)
-            _clear_init_mem(block);
-        give_up(TPEPROTO);
+        end_context_with(TPEPROTO);
         return api_error(&frame, &TPEND);
     }
     _clr_tx_timer(block);
     close_kmq_sessions(block);
     bool taken = take_leave(block);
     _clhc_close(block->clhfd, block);
-    _clear_init_mem(block);
-    if (!taken) {
-        give_up(TPESYSTEM);
-        return api_error(&frame, &TPEND);
-    }
-    give_up(0);
-    return api_return(&TPEND, 1);
+    end_context_with(taken ? 0 : TPESYSTEM);
+    return taken ? api_return(&TPEND, 1) : api_error(&frame, &TPEND);
 }
 
 int tpterm(void)

@@ -29,6 +29,7 @@ static_assert(sizeof(initout_svc) == 32);
 constexpr int32_t INITOUT_NODE_COUNT = 0, INITOUT_QUEUE_COUNT = 4, INITOUT_SVC_COUNT = 8, INITOUT_ROWS = 12;
 
 extern int32_t _vorn_engine_version;
+int32_t engine_version(void);  // the same, whichever thread starts a session meanwhile
 
 int _vorn_start(msg_header *message, int msgtype, int to_backup, wthr_var *block);  // one attempt; 1 or -1
 // The session of a call that was made without tpstart: opens it on the row that the call's frame has bound.

@@ -15,6 +15,11 @@ extern "C" {
 
 int32_t _vorn_engine_version = 0;
 
+int32_t engine_version(void)
+{
+    return std::atomic_ref<int32_t>(_vorn_engine_version).load(std::memory_order_relaxed);
+}
+
 // Tagged values: a tag, a length, that many bytes.
 constexpr int TAG_HEAD = 8;
 constexpr uint32_t TAG_SERVER_NAME = 0;
@@ -106,7 +111,7 @@ int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
     for (int32_t i = 0; i < nodes; i++)
         for (int32_t &word : block->initout_nodes[i].words)
             word = (int32_t)__builtin_bswap32((uint32_t)word);
-    // A payload that ends before its threshold has none; then its counts were cut, and nothing stands behind them.
+    // A payload that ends before its threshold has none, nor anything behind it; its counts may have been cut.
     int32_t threshold = length < expected ? -1 : (int32_t)get_word(own + rows);
     memcpy(own + rows, &threshold, sizeof threshold);
     block->compress_threshold = threshold;

@@ -52,14 +52,23 @@ int _make_txinfo(wthr_var *block)
 
 int _txinfo_end(wthr_var *block)
 {
-    free(block->txinfo);
-    block->txinfo = nullptr;
+    txinfo_elem *table = block->txinfo;
+    block->txinfo = nullptr;  // before it goes: an alarm may come in between
+    free(table);
     return 1;
 }
 
 bool in_transaction(const wthr_var *block)
 {
-    return block->txinfo != nullptr && block->txinfo->tx_stage != TX_STAGE_NONE;
+    return block->txinfo != nullptr
+           && std::atomic_ref<int32_t>(block->txinfo->tx_stage).load(std::memory_order_relaxed) != TX_STAGE_NONE;
+}
+
+bool begin_to_run(wthr_var *block)
+{
+    int32_t begun = TX_STAGE_BEGUN;
+    return block->txinfo != nullptr
+           && std::atomic_ref<int32_t>(block->txinfo->tx_stage).compare_exchange_strong(begun, TX_STAGE_RUNNING);
 }
 
 int32_t tx_state_of(const wthr_var *block)
@@ -116,10 +125,12 @@ static constexpr api_text TX_SET_TIMEOUT = API_TEXT("tx_set_transaction_timeout"
 int tx_set_transaction_timeout(long seconds)
 {
     api_frame frame;
-    if (!API_ENTER(&frame, TX_SET_TIMEOUT, seconds))
+    if (!API_ENTER(&frame, TX_SET_TIMEOUT, (int)seconds))
         return TX_FAIL;
-    if (frame.block->txinfo != nullptr)
-        frame.block->txinfo->transaction_timeout = (int32_t)seconds;
+    set_tperrno(0);
+    if (frame.block->txinfo == nullptr)
+        return api_return(&TX_SET_TIMEOUT, TX_PROTOCOL_ERROR);
+    frame.block->txinfo->transaction_timeout = (int32_t)seconds;
     return api_return(&TX_SET_TIMEOUT, TX_OK);
 }
 }

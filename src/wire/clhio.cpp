@@ -63,7 +63,8 @@ int _clh_write_error(int result, int expected, wthr_var *block)
     if (errno == EPIPE) {
         set_tperrno(block->rolling_failed != 0 ? TPERDCLOSE : TPECLOSE);
         // The result stands where a socket is expected. For the usual -1 the connection stays open for the
-        // reader, who finds the end of the stream; only what belongs to the session's identity is cleared.
+        // reader, who finds the end of the stream, unless the handler of SIGPIPE has closed it by now; only what belongs
+        // to the session's identity is cleared.
         _clhc_close(result < 0 ? result : -1, block);
         return 1;
     }
@@ -208,12 +209,24 @@ static bool send_in_place(int fd, msg_header *message, wthr_var *block)
     return sent;
 }
 
+// The descriptor was chosen before the lock; the reader may have closed the socket since, and its number may be the
+// application's now. Expects msg_mutex, under which sockets are closed.
+static bool is_gone(int fd, const wthr_var *block)
+{
+    return fd >= 0 && fd != block->clhfd && fd != block->new_clhfd && fd != block->old_clhfd;
+}
+
 int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
 {
     if (message->msgtype != MSG_TPSTART && message->msgtype != MSG_TPEND && heed_warnings(fd, block) < 0)
         return -1;
     set_acall_fd(fd, message, block);
     _thread_mutex_lock(&block->msg_mutex);
+    if (is_gone(fd, block)) {
+        _thread_mutex_unlock(&block->msg_mutex);
+        set_tperrno(TPEOS);
+        return -1;
+    }
     stamp_call(message, block);
     bool sent = must_be_converted(message) ? send_converted(fd, message, block)
                                            : send_in_place(fd, message, block);

@@ -48,7 +48,7 @@ static int reply_matches(const msg_header *want, const msg_header *message, wthr
         return want->seqno == message->seqno;
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
-        return want->seqno == message->seqno || _vorn_engine_version < 1;
+        return want->seqno == message->seqno || engine_version() < 1;
     }
     return 1;
 }
@@ -90,6 +90,35 @@ int _is_msgtype_matched(const msg_header *want, const msg_header *message, wthr_
     if (arrived == MSG_KMQ_CLOSE_SESSION && (message->flags & FLAG_SESSION_CLOSED) != 0)
         return _close_session_notify(want->sessid, message->sessid, block);
     return arrived == MSG_KMQ_DELIVERY && wanted == MSG_KMQ_GETNEXT;
+}
+
+bool may_be_read_in_place(const msg_header *want, const msg_header *head, wthr_var *block)
+{
+    if (want->msgtype != MSG_TPCALL && want->msgtype != MSG_TPACALL)
+        return false;
+    if (head->buftype != BUF_STRING && head->buftype != BUF_CARRAY)
+        return false;
+    if (want->buftype == BUF_FIELD || (want->flags & TPNOCHANGE) != 0)
+        return false;
+    if ((head->xflags & (XFLAG_GIVEN_BACK | XFLAG_TRAILER)) != 0)
+        return false;
+    if (head->bufsize > want->bufsize || head->datalen > want->bufsize)
+        return false;
+    return (int64_t)head->msgtype - want->msgtype == REPLY && _is_msgtype_matched(want, head, block) != 0;
+}
+
+// A call that several threads share travelled as a TPACALL; its reply becomes the TPCALL's again.
+void undo_shared_call(msg_header *message)
+{
+    if ((message->seqno & SEQNO_SHARED_CALL) == 0)
+        return;
+    switch (message->msgtype) {
+    case MSG_TPACALL + REPLY:
+    case MSG_TPACALL + ERROR_REPLY:
+    case MSG_TPACALL + ERROR_REPLY2:
+        message->msgtype--;
+        message->seqno &= ~SEQNO_SHARED_CALL;
+    }
 }
 
 // --- Messages that nobody waits for. Each treatment owns the message.
@@ -393,6 +422,8 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
 {
     if (message->msgtype < ERROR_REPLY + 1 || (message->xflags & XFLAG_GIVEN_BACK) == 0)
         return 0;
+    if (block->started == 0)
+        return 0;  // a start that is given back is a refused one: there is no session yet to move elsewhere
     _wait_while_rolling_start(block->clhfd, block);
     _thread_mutex_lock(&block->roll_mutex);
     if (block->old_clhfd < 0 && block->clhfd >= 0 && block->rolling_failed == 0)

@@ -31,6 +31,7 @@
 #include <errno.h>
 #include <semaphore.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <time.h>
 
 extern "C" {
@@ -493,25 +494,11 @@ static void log_sequence_error(const read_wait *wait, const msg_header *message)
         break;
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
-        code = _vorn_engine_version > 0 ? wait->sequence_codes[2] : nullptr;
+        code = engine_version() > 0 ? wait->sequence_codes[2] : nullptr;
         break;
     }
     if (code != nullptr)
         VORN_LOG(0, LEVEL_WARNING, code, "3001 sequence number error : %d %d", want->seqno, message->seqno);
-}
-
-// A call that several threads share travelled as a TPACALL; its reply becomes the TPCALL's again.
-static void undo_shared_call(msg_header *message)
-{
-    if ((message->seqno & SEQNO_SHARED_CALL) == 0)
-        return;
-    switch (message->msgtype) {
-    case MSG_TPACALL + REPLY:
-    case MSG_TPACALL + ERROR_REPLY:
-    case MSG_TPACALL + ERROR_REPLY2:
-        message->msgtype--;
-        message->seqno &= ~SEQNO_SHARED_CALL;
-    }
 }
 
 // Finds a taker among the other threads. True if there was one.
@@ -537,9 +524,12 @@ static msg_header *read_for_all(read_wait *wait)
         if (fd == NEXT_FAILED)
             return nullptr;
         msg_header *message = nullptr;
-        switch (read_frame(fd, stall_limit(wait), &message, block)) {
+        switch (read_frame(fd, stall_limit(wait), wait->want, &message, block)) {
         case FRAME_FAILED:
             return fail_as_reader(wait, 0);
+        case FRAME_IN_PLACE:
+            release_role(wait);
+            return wait->want;
         case FRAME_OLD_SOCKET:
             continue;
         case FRAME_NEGOTIATION:
@@ -630,6 +620,7 @@ static msg_header *read_ready(int body_fd, int stall_seconds, msg_header *want, 
         free(want);
         return message;
     case FRAME_MESSAGE:
+    case FRAME_IN_PLACE:
         break;
     }
     if (want == nullptr)
@@ -682,13 +673,23 @@ msg_header *_check_read_buffer(msg_header *message)
     return message;
 }
 
+// No sender may hold the descriptor when its number becomes free. One that is stuck in send() lets go of it first.
+static void close_under_senders(int fd, wthr_var *block)
+{
+    if (fd == block->clhfd || fd == block->old_clhfd || fd == block->new_clhfd)
+        shutdown(fd, SHUT_RDWR);
+    _thread_mutex_lock(&block->msg_mutex);
+    _clhc_close(fd, block);
+    _thread_mutex_unlock(&block->msg_mutex);
+}
+
 int _clh_read_error(int fd, int result, int unused, wthr_var *block)
 {
     (void)unused;
     if (result == 0 || errno == EPIPE) {
         set_tperrno(block->rolling_failed != 0 ? TPERDCLOSE : TPECLOSE);
         _wait_while_rolling_start(fd, block);
-        _clhc_close(fd, block);
+        close_under_senders(fd, block);
         return 1;
     }
     set_tperrno(errno == EAGAIN ? TPEBLOCK : TPEOS);

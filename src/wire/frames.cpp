@@ -4,7 +4,7 @@
 // larger of `bufsize` and `datalen` and carry a trailer's room behind the data, and what a compressed or
 // enciphered frame turns out to hold is measured before it is used. A small message costs one allocation and one
 // recv: the first read of a frame takes what the socket has, up to READ_AHEAD_SIZE, and what belongs to the next
-// frame waits in the block.
+// frame waits in the block. A long reply of plain bytes is read into the buffer of the thread that awaits it.
 #include "wire/frames.h"
 
 #include "buffers/dencode.h"
@@ -16,6 +16,7 @@
 #include "sqz.h"
 #include "tx/tx.h"
 #include "vorn/errors.h"
+#include "wire/clhmatch.h"
 #include "wire/clhread.h"
 #include "wire/msgheader.h"
 #include "wire/netapi.h"
@@ -28,11 +29,13 @@
 extern "C" {
 
 constexpr int64_t FIRST_BLOCK = 2000;
+constexpr int32_t IN_PLACE_FROM = 4096;  // data of this length isn't copied if it can be read to where it belongs
 
 struct frame_reader {
     int fd;
     bool alone;  // beside the thread with the reader role, which owns the read-ahead
     int stall_seconds;
+    msg_header *want;  // null: none is awaited
     wthr_var *block;
     char *bytes;  // owned; FIRST_BLOCK bytes at least
     int64_t size;
@@ -94,9 +97,10 @@ static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
             continue;
         if (errno != EAGAIN)
             return -1;
-        if (_set_bc_timer3(reader->stall_seconds > 0 ? reader->stall_seconds : 1, nullptr, reader->fd) != TIMER_EXPIRED)
-            continue;
-        if (reader->stall_seconds > 0)
+        int ready = _set_bc_timer3(reader->stall_seconds > 0 ? reader->stall_seconds : 1, nullptr, reader->fd);
+        if (ready == TIMER_FAILED)
+            return -1;
+        if (ready == TIMER_EXPIRED && reader->stall_seconds > 0)
             return -TPESYSTEM;
     }
     return done;
@@ -196,6 +200,22 @@ static frame_result accept_message(frame_reader *reader, int64_t length)
     return FRAME_MESSAGE;
 }
 
+// The awaited reply, of which the header has come: its data goes straight into the block of `want`.
+static frame_result read_in_place(frame_reader *reader, const msg_header *head)
+{
+    msg_header *want = reader->want;
+    char *data = message_data(want);
+    int64_t got = read_rest(reader, data, head->datalen);
+    if (got != head->datalen)
+        return failed(reader, got);
+    int32_t bufsize = want->bufsize;
+    memcpy(want, head, sizeof *want);
+    want->bufsize = bufsize;
+    if (head->buftype == BUF_STRING && data[head->datalen - 1] != '\0')
+        data[head->datalen] = '\0';  // in the reserve, if need be
+    return FRAME_IN_PLACE;
+}
+
 static frame_result read_plain(frame_reader *reader)
 {
     int64_t got = read_rest(reader, reader->bytes + SHORTEST_FRAME_HEAD, HEADER_SIZE - SHORTEST_FRAME_HEAD);
@@ -205,6 +225,13 @@ static frame_result read_plain(frame_reader *reader)
     int32_t datalen = (int32_t)get_word(reader->bytes + offsetof(msg_header, datalen));
     if (datalen < 0)
         return refused(reader);
+    if (datalen >= IN_PLACE_FROM && reader->want != nullptr) {
+        msg_header head;
+        _ntoh_header((const msg_header *)reader->bytes, &head);
+        undo_shared_call(&head);
+        if (may_be_read_in_place(reader->want, &head, reader->block))
+            return read_in_place(reader, &head);
+    }
     if (!make_room(reader, (int64_t)(bufsize > datalen ? bufsize : datalen) + BLOCK_OVERHEAD, datalen))
         return without_memory();
     frame_result result = read_body(reader, HEADER_SIZE, datalen);
@@ -374,22 +401,22 @@ static frame_result read_one(frame_reader *reader, int body_fd, msg_header **mes
         _cs_del_trailer((msg_header *)reader->bytes);
         result = convert_data(reader);
     }
-    if (result == FRAME_FAILED)
+    if (result == FRAME_FAILED || result == FRAME_IN_PLACE)
         free(reader->bytes);
     else
         *message = (msg_header *)reader->bytes;
     return result;
 }
 
-frame_result read_frame(int fd, int stall_seconds, msg_header **message, wthr_var *block)
+frame_result read_frame(int fd, int stall_seconds, msg_header *want, msg_header **message, wthr_var *block)
 {
-    frame_reader reader = {fd, false, stall_seconds, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
+    frame_reader reader = {fd, false, stall_seconds, want, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
     return read_one(&reader, fd, message);
 }
 
 frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message, wthr_var *block)
 {
-    frame_reader reader = {head_fd, true, stall_seconds, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
+    frame_reader reader = {head_fd, true, stall_seconds, nullptr, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
     return read_one(&reader, body_fd, message);
 }
 }

@@ -27,6 +27,7 @@ constexpr int SHORTEST_FRAME_HEAD = 8;
 
 enum frame_result {
     FRAME_MESSAGE,      // a message in host order
+    FRAME_IN_PLACE,     // the same, and it stands in the block of `want` already
     FRAME_NEGOTIATION,  // a step of the negotiation, handed up uncut
     FRAME_FAILED,       // tperrno is set
     FRAME_OLD_SOCKET    // the previous socket of a rolling start has ended; read on
@@ -34,7 +35,9 @@ enum frame_result {
 
 // Reads one frame. A stall inside it may last `stall_seconds` (0: no limit). The message is a block with room for its
 // data and a trailer; the caller owns it. Takes no lock. For the thread with the reader role: it may read ahead.
-frame_result read_frame(int fd, int stall_seconds, msg_header **message, wthr_var *block);
+// A long reply to `want` (null: none is awaited) is read into its block without a copy; if the stream ends inside it,
+// that block's data is partly the reply's, and its header is as it was.
+frame_result read_frame(int fd, int stall_seconds, msg_header *want, msg_header **message, wthr_var *block);
 
 // The same for the thread that opens `new_clhfd`, beside the one that has the role: it reads the first bytes from
 // `head_fd` and the rest from `body_fd`, and never more than the frame.

@@ -81,13 +81,16 @@ static struct timeval time_until(int64_t deadline)
 
 // A message that stalls halfway gets the block time for each stall, not for the whole of it; without a block
 // time it gets all the time it needs.
-static bool wait_out_stall(int fd, bool would_block, wthr_var *block)
+// 0 to read on; otherwise the result of the read.
+static int wait_out_stall(int fd, bool would_block, wthr_var *block)
 {
-    if (block != nullptr && block->block_time > 0)
-        return _set_bc_timer3(block->block_time, block, fd) != TIMER_EXPIRED;
-    if (would_block)
-        select_readable(fd, nullptr);
-    return true;
+    if (block != nullptr && block->block_time > 0) {
+        int ready = _set_bc_timer3(block->block_time, block, fd);
+        return ready == TIMER_EXPIRED ? -TPESYSTEM : ready < 0 ? -1 : 0;
+    }
+    if (would_block && select_readable(fd, nullptr) < 0 && errno != EINTR)
+        return -1;
+    return 0;
 }
 
 int _vorn_readn(int fd, void *buffer, int length, wthr_var *block)
@@ -106,8 +109,9 @@ int _vorn_readn(int fd, void *buffer, int length, wthr_var *block)
         if (errno != EINTR && errno != EAGAIN)
             return -1;
         if (left < length) {
-            if (!wait_out_stall(fd, errno == EAGAIN, block))
-                return -TPESYSTEM;
+            int result = wait_out_stall(fd, errno == EAGAIN, block);
+            if (result < 0)
+                return result;
             continue;
         }
         if (errno == EAGAIN)
@@ -241,11 +245,13 @@ int wait_readable(wthr_var *block, int milliseconds)
         _thread_mutex_lock(&block->roll_mutex);
         int result = _recv_oob_msg(fd, block);
         _thread_mutex_unlock(&block->roll_mutex);
-        // No other server took over: the connection is read on, as if nothing had been said. A caller with a
-        // limit would lose it in that read, so it goes on waiting for data instead.
-        if (result < 0 && block->old_clhfd < 0 && !limited)
-            return block->clhfd;
         watch_urgent = false;
+        // A caller with a limit would lose it in the read to come, so it goes on waiting for data.
+        if (limited)
+            continue;
+        // No other server took over: the connection is read on, as if nothing had been said.
+        if (result < 0 && block->old_clhfd < 0)
+            return block->clhfd;
     }
 }
 

@@ -148,6 +148,14 @@ TEST_F(ErrorLog, LonePercentSignOfAFormatIsPrinted)
         ":(E) CLI 0062 setsockopt error : % [COM0001]\n");
 }
 
+TEST_F(ErrorLog, FormatThatPrintfRefusesIsPrintedAsItStands)
+{
+    void (*log)(int, int, const char *, const char *, ...) = _real_errwork;
+    const char *broken = "0062 setsockopt error : %";
+    EXPECT_EQ(without_time(output_of([&] { log(0, 2, "COM0001", broken); }).err),
+              ":(E) CLI 0062 setsockopt error : % [COM0001]\n");
+}
+
 TEST_F(ErrorLog, DebugFileTakesTheLineInPlaceOfTheConsole)
 {
     std::string file = ask_for_file("debug");

@@ -100,11 +100,13 @@ TEST_F(Contexts, NumberOfTheThreadsContextIsGiven)
     EXPECT_EQ(open_context(), 2);
     EXPECT_EQ(context_of_thread(), 2);
     std::thread([&] { EXPECT_EQ(context_of_thread(), -2); }).join();
-    // A row that stands on the fall-back context has no number.
-    _wthr[1].ctxt_index = 0;
-    EXPECT_EQ(context_of_thread(), -1);
-    _wthr[1].ctxt_index = -2;
-    EXPECT_EQ(context_of_thread(), -1);
+    // A row that stands on the fall-back context has no number. Making a row anew tells all threads to look again.
+    for (int fall_back : {0, -2}) {
+        wthr_elem spare;
+        _wthr[1].ctxt_index = fall_back;
+        _init_wthr_elem(&spare);
+        EXPECT_EQ(context_of_thread(), -1);
+    }
     _wthr[1].ctxt_index = 2;
 }
 
@@ -278,10 +280,11 @@ TEST_F(Contexts, ThreadsComeAndGoOnOneContext)
             for (int i = 0; i < 200; i++) {
                 EXPECT_EQ(tpsetctxt(number, 0), 1);
                 EXPECT_EQ(current_block(), block);
-                set_tperrno(t + 1);
+                EXPECT_EQ(get_tperrno(), 0);  // whatever thread had the row before
                 int now = 0;
                 EXPECT_EQ(tpgetctxt(&now, 0), 1);
                 EXPECT_EQ(now, number);
+                set_tperrno(t + 1);
                 EXPECT_EQ(get_tperrno(), t + 1);
                 EXPECT_EQ(tpsetctxt(TPNULLCONTEXT, 0), 1);
             }

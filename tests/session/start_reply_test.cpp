@@ -337,27 +337,19 @@ TEST_F(StartReply, RollingStartKeepsTheOpenCalls)
     _cli_init(-1, -1, block);
 }
 
-TEST_F(StartReply, ListOfUnsolicitedMessagesIsFreedOnlyWithBothTables)
+TEST_F(StartReply, ListOfUnsolicitedMessagesBeginsEmptyAndTheOldOneIsFreed)
 {
-    auto add = [this] {
+    for (auto [acall, conv] :
+         {std::pair{4, 4}, std::pair{-1, 4}, std::pair{4, -1}, std::pair{0, 0}, std::pair{-1, -1}}) {
         unsol_node *node = (unsol_node *)calloc(1, sizeof *node);
         node->msg = _header_msg_make(MSG_TPPOST, 0);
         block->unsol_head = block->unsol_tail = node;
         block->unsol_count = 1;
-        return node;
-    };
-    for (auto [acall, conv] : {std::pair{4, 4}, std::pair{-1, 4}, std::pair{4, -1}, std::pair{0, 0}}) {
-        unsol_node *node = add();
-        EXPECT_EQ(_cli_init(acall, conv, block), 1);
+        EXPECT_EQ(_cli_init(acall, conv, block), 1);  // the leak check sees what isn't freed
         EXPECT_EQ(block->unsol_head, nullptr);
+        EXPECT_EQ(block->unsol_tail, nullptr);
         EXPECT_EQ(block->unsol_count, 0);
-        EXPECT_EQ(node->msg->msgtype, MSG_TPPOST);  // forgotten, not freed
-        free(node->msg);
-        free(node);
     }
-    add();
-    EXPECT_EQ(_cli_init(-1, -1, block), 1);
-    EXPECT_EQ(block->unsol_head, nullptr);
 }
 
 TEST_F(StartReply, WhatAStartBuiltIsDropped)

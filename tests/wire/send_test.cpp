@@ -82,14 +82,29 @@ TEST_F(Send, OneSendTakesHeaderAndData)
     EXPECT_EQ(faults::count(faults::SEND) - before, 1);
 }
 
-TEST_F(Send, AnyOtherSocketTakesTheMessageWhereItIsNamed)
+TEST_F(Send, SocketOfARollingStartTakesTheMessageWhereItIsNamed)
 {
     int ends[2];
     tcp_pair(ends);
     Conn other(ends[1]);
+    block->new_clhfd = ends[0];
     EXPECT_EQ(_internal_send_csmsg_to_clh(make(MSG_TPACALL), block, ends[0]), 1);
     other.expect(wire::TPACALL).data("abcd");
     peer.expect_nothing();
+    block->new_clhfd = -1;
+    close(ends[0]);
+}
+
+TEST_F(Send, SocketThatIsNoLongerTheSessionsTakesNothing)
+{
+    int ends[2];
+    tcp_pair(ends);
+    Conn other(ends[1]);
+    EXPECT_EQ(_internal_send_csmsg_to_clh(make(MSG_TPACALL), block, ends[0]), -1);
+    EXPECT_EQ(get_tperrno(), TPEOS);
+    other.expect_nothing();
+    EXPECT_EQ(pthread_mutex_trylock(&block->msg_mutex), 0);
+    pthread_mutex_unlock(&block->msg_mutex);
     close(ends[0]);
 }
 
