@@ -1,9 +1,9 @@
 /* Typed buffers: what travels in calls.
  *
- * A buffer is a heap block with a hidden 136-byte header in front of the pointer that the application sees, so that
- * it can be sent as it stands and a reply can be received into it. It belongs to the application from tpalloc to
- * tpfree; a call that receives may replace it, and gives the pointer back. A buffer is used by one thread at a
- * time. */
+ * A buffer is a heap block with a hidden 136-byte header in front of the pointer that the application
+ * sees, so that it can be sent as it stands and a reply can be received into it. It belongs to the
+ * application from tpalloc to tpfree; a call that receives may replace it, and gives the pointer back. A
+ * buffer is used by one thread at a time. */
 #ifndef VORN_BUFFERS_H
 #define VORN_BUFFERS_H
 
@@ -11,26 +11,29 @@
 extern "C" {
 #endif
 
-/* Types: "STRING", "CARRAY", "X_OCTET", "FIELD", "FML", "FML32", "STRUCT", "VIEW", "X_C_TYPE", "X_COMMON" (the last
- * four with the name of a struct as subtype), "TPSTART", "TPINIT", "HEADER". */
+/* Types: "STRING", "CARRAY", "X_OCTET", "FIELD", "FML", "FML32", "STRUCT", "VIEW", "X_C_TYPE", "X_COMMON"
+ * (the last four with the name of a struct as subtype), "TPSTART", "TPINIT", "HEADER". */
 
-/* A new buffer of `size` zeroed bytes, at least the type's smallest size (1024; 76 for "TPSTART", 108 for "TPINIT").
- * `subtype` may be null; its first 16 characters count. With VORN_STRING_NULL=y a "STRING" of 1024 bytes or more gets
- * one byte more. Null with tperrno: TPEINVAL (type is null), TPENOENT (unknown type or struct), TPEOS (no memory). */
+/* A new buffer of `size` zeroed bytes, at least the type's smallest size (1024; 76 for "TPSTART", 108 for
+ * "TPINIT"). `subtype` may be null; its first 16 characters count. With VORN_STRING_NULL=y a "STRING" of
+ * 1024 bytes or more gets one byte more. Null with tperrno: TPEINVAL (type is null), TPENOENT (unknown
+ * type or struct), TPEOS (no memory). */
 char *tpalloc(char *type, char *subtype, long size);
 
-/* Makes the buffer `size` bytes large, by the same rules; what it held stays as far as it fits, what is added is
- * zeroed, and a "STRING" gets a NUL at its end. The buffer may move: the old pointer is then gone. Null with tperrno:
- * TPEINVAL (no typed buffer), TPENOENT (unknown kind), TPEOS (no memory; the old buffer stands). */
+/* Makes the buffer `size` bytes large, by the same rules; what it held stays as far as it fits, what is
+ * added is zeroed, and a "STRING" gets a NUL at its end. The buffer may move: the old pointer is then
+ * gone. Null with tperrno: TPEINVAL (no typed buffer), TPENOENT (unknown kind), TPEOS (no memory; the old
+ * buffer stands). */
 char *tprealloc(char *ptr, long size);
 
-/* Stores the type's name (16 bytes at least) and the subtype (16 bytes, without a NUL if it is that long) where the
- * pointers aren't null. The buffer's size in bytes, or -1 with TPEINVAL. An alias reports its main name: "CARRAY" for
- * "X_OCTET", "FIELD" for "FML" and "FML32", "STRUCT" for "VIEW", "X_C_TYPE" and "X_COMMON", "TPSTART" for "TPINIT". */
+/* Stores the type's name (16 bytes at least) and the subtype (16 bytes, without a NUL if it is that long)
+ * where the pointers aren't null. The buffer's size in bytes, or -1 with TPEINVAL. An alias reports its
+ * main name: "CARRAY" for "X_OCTET", "FIELD" for "FML" and "FML32", "STRUCT" for "VIEW", "X_C_TYPE" and
+ * "X_COMMON", "TPSTART" for "TPINIT". */
 long tptypes(char *ptr, char *type, char *subtype);
 
-/* Ends a buffer. Null, and a pointer that isn't a typed buffer, are ignored. A buffer is freed once: a second time is
- * mostly noticed and ignored, but the memory may be gone by then. */
+/* Ends a buffer. Null, and a pointer that isn't a typed buffer, are ignored. A buffer is freed once: a
+ * second time is mostly noticed and ignored, but the memory may be gone by then. */
 void tpfree(char *ptr);
 
 /* Numbers of the kinds, as tpgettype gives them. */
@@ -43,8 +46,8 @@ void tpfree(char *ptr);
 #define TPBUF_RQ_STRUCT 11 /* struct data behind a queue control record */
 #define TPBUF_RQ_FIELD 12  /* field data behind a queue control record */
 
-/* Size, number of the kind, and subtype of a buffer (16 bytes, in the buffer itself). Unchecked: `ptr` must be a live
- * typed buffer. */
+/* Size, number of the kind, and subtype of a buffer (16 bytes, in the buffer itself). Unchecked: `ptr`
+ * must be a live typed buffer. */
 int tpgetasize(char *ptr);
 int tpgettype(char *ptr);
 char *tpgetsubtype(char *ptr);

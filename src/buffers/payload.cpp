@@ -35,7 +35,8 @@ static int64_t field_length(const char *data)
     return head.used;
 }
 
-// A text and its terminator. The text of a buffer without a NUL ends with the buffer, one byte too long for it.
+// A text and its terminator. The text of a buffer without a NUL ends with the buffer, one byte too long for
+// it.
 static int64_t string_length(const char *data, const msg_header *header, int len)
 {
     int64_t length = header->bufsize > 0 ? (int64_t)strnlen(data, (size_t)header->bufsize) : 0;
@@ -87,9 +88,9 @@ int _data_itype_check(char *data, int len, wthr_var *block)
 // True if the user's buffer, whose header holds the flags of the call, may not change to the message's type.
 static bool type_is_refused(const msg_header *message, const msg_header *user)
 {
-    return (user->flags & TPNOCHANGE) != 0
-           && (user->buftype != message->buftype
-               || memcmp(user->subtype, message->subtype, sizeof user->subtype) != 0);
+    return (user->flags & TPNOCHANGE) != 0 &&
+           (user->buftype != message->buftype ||
+            memcmp(user->subtype, message->subtype, sizeof user->subtype) != 0);
 }
 
 int _data_otype_check_no_alloc(const msg_header *message, const msg_header *user, wthr_var *block)

@@ -10,8 +10,8 @@ extern "C" {
 int _data_itype_check(char *data, int len, wthr_var *block);  // bytes to send, or -1 with tperrno set
 
 // 1, or -1 with tperrno set. The first only checks the type. The second also grows the stored message to the
-// size of the user's buffer (*stored may move). The third makes the user's buffer large enough for the message
-// (*user may be freed and replaced).
+// size of the user's buffer (*stored may move). The third makes the user's buffer large enough for the
+// message (*user may be freed and replaced).
 int _data_otype_check_no_alloc(const msg_header *message, const msg_header *user, wthr_var *block);
 int _data_otype_check2(msg_header **stored, const msg_header *user, wthr_var *block);
 int _data_otype_check(const msg_header *message, msg_header **user, wthr_var *block);

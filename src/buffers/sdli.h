@@ -6,9 +6,9 @@
 
 extern "C" {
 extern int32_t _sdlfile_loadsw;
-int _sdlfile_load(void);                                          // 1 with nothing to load, -1 otherwise
-int _get_host_stsize(const char *name);                           // -1: unknown
-int _get_host_nw_stsize(const char *name, int *host, int *net);   // -1: unknown
+int _sdlfile_load(void);                                         // 1 with nothing to load, -1 otherwise
+int _get_host_stsize(const char *name);                          // -1: unknown
+int _get_host_nw_stsize(const char *name, int *host, int *net);  // -1: unknown
 }
 
 #endif

@@ -16,11 +16,20 @@ extern "C" {
 
 // A number is turned back into a name by the first row that bears it.
 const tmtype _tmtypetab[TYPE_ROWS] = {
-    {"STRUCT", BUF_STRUCT, 1, 1024},   {"FIELD", BUF_FIELD, 0, 1024},    {"FML", BUF_FIELD, 0, 1024},
-    {"STRING", BUF_STRING, 0, 1024},   {"VIEW", BUF_STRUCT, 1, 1024},    {"FML32", BUF_FIELD, 0, 1024},
-    {"TPSTART", BUF_START, 0, 76},     {"TPINIT", BUF_START, 0, 108},    {"HEADER", BUF_HEADER, 0, HEADER_SIZE},
-    {"X_C_TYPE", BUF_STRUCT, 1, 1024}, {"X_COMMON", BUF_STRUCT, 1, 1024}, {"CARRAY", BUF_CARRAY, 0, 1024},
-    {"X_OCTET", BUF_CARRAY, 0, 1024},  {"", -1, 0, 1024},
+    {"STRUCT", BUF_STRUCT, 1, 1024},
+    {"FIELD", BUF_FIELD, 0, 1024},
+    {"FML", BUF_FIELD, 0, 1024},
+    {"STRING", BUF_STRING, 0, 1024},
+    {"VIEW", BUF_STRUCT, 1, 1024},
+    {"FML32", BUF_FIELD, 0, 1024},
+    {"TPSTART", BUF_START, 0, 76},
+    {"TPINIT", BUF_START, 0, 108},
+    {"HEADER", BUF_HEADER, 0, HEADER_SIZE},
+    {"X_C_TYPE", BUF_STRUCT, 1, 1024},
+    {"X_COMMON", BUF_STRUCT, 1, 1024},
+    {"CARRAY", BUF_CARRAY, 0, 1024},
+    {"X_OCTET", BUF_CARRAY, 0, 1024},
+    {"", -1, 0, 1024},
 };
 
 int _get_type_idx(const char *name, const char *subtype, int *struct_size)
@@ -63,8 +72,8 @@ bool strings_get_a_null(void)
     return value != nullptr && (value[0] == 'y' || value[0] == 'Y');
 }
 
-// Data size of a buffer of this type for which `size` bytes were asked. The terminator's extra byte goes only to
-// strings that aren't raised to the default size. Kept in 64 bits, so that no request can wrap.
+// Data size of a buffer of this type for which `size` bytes were asked. The terminator's extra byte goes only
+// to strings that aren't raised to the default size. Kept in 64 bits, so that no request can wrap.
 static int64_t fitted_size(const tmtype *type, int64_t size)
 {
     if (size < type->default_size)
@@ -105,7 +114,8 @@ static char *pointer_result(const api_text *text, char *pointer)
 char *tpalloc(char *type, char *subtype, long size)
 {
     api_frame frame;
-    if (!API_ENTER(&frame, TPALLOC, type != nullptr ? type : "", subtype != nullptr ? subtype : "", (int)size))
+    if (!API_ENTER(&frame, TPALLOC, type != nullptr ? type : "", subtype != nullptr ? subtype : "",
+                   (int)size))
         return nullptr;
     set_tperrno(0);
     char name[17] = "";
@@ -122,7 +132,8 @@ char *tpalloc(char *type, char *subtype, long size)
     const tmtype *row = &_tmtypetab[index];
     int64_t wanted = (int32_t)size < struct_size ? struct_size : (int32_t)size;
     int64_t fitted = fitted_size(row, wanted);
-    msg_header *header = fits_a_block(fitted) ? (msg_header *)malloc((size_t)fitted + BLOCK_OVERHEAD) : nullptr;
+    msg_header *header =
+        fits_a_block(fitted) ? (msg_header *)malloc((size_t)fitted + BLOCK_OVERHEAD) : nullptr;
     if (header == nullptr)
         return null_result(&TPALLOC, TPEOS);
     memset(header, 0, (size_t)fitted + HEADER_SIZE);

@@ -18,8 +18,8 @@ constexpr int TYPE_ROWS = 14;
 extern const tmtype _tmtypetab[TYPE_ROWS];  // the last row has typeno -1
 
 int _get_type_idx(const char *name, const char *subtype, int *struct_size);  // row or -1
-int _get_idx_from_typeno(int typeno);                                        // first row with the number, or -1
-int _get_subtype_len(const char *subtype, int *out);                         // host size of the struct, or -1
+int _get_idx_from_typeno(int typeno);                 // first row with the number, or -1
+int _get_subtype_len(const char *subtype, int *out);  // host size of the struct, or -1
 
 // True for a user pointer with a live header in front of it. Null and unaligned pointers aren't looked at.
 bool is_typed_buffer(const char *data);

@@ -6,7 +6,8 @@ struct wthr_var;
 
 extern "C" {
 int _vorn_send_discon(int cd, wthr_var *block);  // -1
-int end_conversation(int index, wthr_var *block);  // disconnects the row's conversation and releases the row; -1
+int end_conversation(int index,
+                     wthr_var *block);  // disconnects the row's conversation and releases the row; -1
 }
 
 #endif

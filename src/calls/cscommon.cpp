@@ -160,7 +160,8 @@ int _create_acall_cd(uint32_t flags, wthr_var *block)
     int cd = -1;
     if (size >= 1) {
         block->acall_next = block->acall_next == INT32_MAX ? 1 : block->acall_next + 1;
-        for (int walked = 0, i = block->acall_next % size; walked < size; walked++, i = i + 1 == size ? 0 : i + 1) {
+        for (int walked = 0, i = block->acall_next % size; walked < size;
+             walked++, i = i + 1 == size ? 0 : i + 1) {
             acall_elem *row = &block->acall[i];
             if (row->cd != -1)
                 continue;
@@ -403,7 +404,8 @@ int _enqueue_qcall_q(int rqno, msg_header *message, wthr_var *block)
         return -1;
     qcall_elem *row = &block->qcall[rqno];
     if (append_msg_node(&row->head, &row->tail, message) < 0) {
-        VORN_LOG(0, LEVEL_ERROR, "CSC5102", "0004 memory allocation error : size = %d", (int)sizeof(msg_node));
+        VORN_LOG(0, LEVEL_ERROR, "CSC5102", "0004 memory allocation error : size = %d",
+                 (int)sizeof(msg_node));
         return -1;
     }
     row->count++;

@@ -1,4 +1,5 @@
-// What stands in front of every request: names, sequence numbers, and the checks that end in a message to send.
+// What stands in front of every request: names, sequence numbers, and the checks that end in a message to
+// send.
 #include "calls/cscommon.h"
 
 #include "buffers/payload.h"
@@ -68,10 +69,10 @@ int _check_tipsvc(msg_header *message, wthr_var *block)
     return 1;
 }
 
-// Opens the session of a call that was made without one, on the row that the call's frame has bound; frames bind rows
-// in the single-context mode only. A caller without a row gets one from tpstart, and a context of several threads that
-// has lost its session in the meantime gets an error from it. The block that the session stands on, or null with
-// tperrno set.
+// Opens the session of a call that was made without one, on the row that the call's frame has bound; frames
+// bind rows in the single-context mode only. A caller without a row gets one from tpstart, and a context of
+// several threads that has lost its session in the meantime gets an error from it. The block that the session
+// stands on, or null with tperrno set.
 static wthr_var *open_session(wthr_var *block)
 {
     _thread_lock();

@@ -1,7 +1,8 @@
 // Call and reply: tpcall, tpacall, tpgetrply, tpcancel.
 //
-// A request goes out from the caller's own buffer, whose header is filled in front of the data; the receive buffer's
-// header then serves as the template of the wait, and the reply is copied over it or takes its place.
+// A request goes out from the caller's own buffer, whose header is filled in front of the data; the receive
+// buffer's header then serves as the template of the wait, and the reply is copied over it or takes its
+// place.
 #include "calls/tpapi.h"
 
 #include "buffers/payload.h"
@@ -35,7 +36,8 @@ static bool has_flags_outside(long flags, uint32_t mask)
     return (flags & ~(long)mask) != 0;
 }
 
-// A request takes the next number, and the priority that was set for it; the one after it has the default again.
+// A request takes the next number, and the priority that was set for it; the one after it has the default
+// again.
 static void number_request(msg_header *message, int32_t cd, wthr_var *block)
 {
     message->seqno = next_seqno(block);
@@ -254,14 +256,16 @@ static void mark_transaction_of(int index, wthr_var *block)
         _check_rollback(block);
 }
 
-// A reply that came while nobody waited: that of row `*index`, or with TPGETANY the oldest, whose row `*index` then is.
-// It takes the caller's buffer's place, grown to its size. False if there is none. On true `*reply` is null if the
-// buffer refuses it; tperrno is set, and the reply stays stored.
+// A reply that came while nobody waited: that of row `*index`, or with TPGETANY the oldest, whose row
+// `*index` then is. It takes the caller's buffer's place, grown to its size. False if there is none. On true
+// `*reply` is null if the buffer refuses it; tperrno is set, and the reply stays stored.
 static bool collect_stored(int *index, msg_header *buffer, msg_header **reply, wthr_var *block)
 {
     bool any = (buffer->flags & TPGETANY) != 0;
     _thread_mutex_lock(&block->msg_mutex);
-    int stored = *index >= 0 && block->acall[*index].reply != nullptr ? *index : any ? oldest_ready(block) : -1;
+    int stored = *index >= 0 && block->acall[*index].reply != nullptr ? *index
+                 : any                                                ? oldest_ready(block)
+                                                                      : -1;
     *reply = nullptr;
     if (stored >= 0) {
         *index = stored;

@@ -15,7 +15,7 @@ struct fb_head {
 static_assert(sizeof(fb_head) == 8);
 
 void init_field_buffer(char *data);  // an empty field buffer
-int _clear_fcache(char *fbuf);  // 1, or -1 without a cache
+int _clear_fcache(char *fbuf);       // 1, or -1 without a cache
 }
 
 #endif

@@ -8,7 +8,7 @@ struct wthr_var;
 
 extern "C" {
 int _close_session_notify(int waiter_id, int closed_id, wthr_var *block);  // 0: no such session
-int _save_in_consumer_buffer(msg_header *message, wthr_var *block);        // -1: no consumer; frees the message
+int _save_in_consumer_buffer(msg_header *message, wthr_var *block);  // -1: no consumer; frees the message
 void close_kmq_sessions(wthr_var *block);
 }
 

@@ -1,11 +1,12 @@
 // Thread and context tables.
 //
-// Rows are found by the caller's thread identity. A walk of 400 rows under a process-wide lock would be paid at
-// each call, so every thread keeps a hint: its row and block, stamped with the generation of the tables in which
-// it found them. Whoever changes what a lookup could give (binding, release, a new block, a moved context)
-// counts the generation up under the table lock, and all hints are void. Rows never move, and a block lives as
-// long as its context, so a hint that carries the current generation is as good as a walk. To end a context
-// while other threads are inside calls on it is the application's mistake: the block goes under them.
+// Rows are found by the caller's thread identity. A walk of 400 rows under a process-wide lock would be paid
+// at each call, so every thread keeps a hint: its row and block, stamped with the generation of the tables in
+// which it found them. Whoever changes what a lookup could give (binding, release, a new block, a moved
+// context) counts the generation up under the table lock, and all hints are void. Rows never move, and a
+// block lives as long as its context, so a hint that carries the current generation is as good as a walk. To
+// end a context while other threads are inside calls on it is the application's mistake: the block goes under
+// them.
 #include "runtime/mthr.h"
 
 #include "runtime/errlog.h"
@@ -34,8 +35,8 @@ int32_t _endian = 0;
 int32_t _node_type = 0;
 int32_t _my_pid = 0;
 
-// Threads whose identities agree in their low 32 bits stand some 4 GiB of stacks apart, which a program of 500
-// threads reaches. The rows hold the short form; this column tells such threads from one another.
+// Threads whose identities agree in their low 32 bits stand some 4 GiB of stacks apart, which a program of
+// 500 threads reaches. The rows hold the short form; this column tells such threads from one another.
 static pthread_t row_threads[TABLE_ROWS];
 
 static std::atomic<uint64_t> table_generation{0};  // 0: no tables yet
@@ -66,8 +67,8 @@ static ctxt_elem *context_row(const wthr_elem *row)
     return index >= 0 && index < _wthr_size ? &_ctxt[index] : nullptr;
 }
 
-// A fatal line ends the process, and what the application does at its exit may call in here again: the table lock must
-// be free by then. Expects it, and takes it back.
+// A fatal line ends the process, and what the application does at its exit may call in here again: the table
+// lock must be free by then. Expects it, and takes it back.
 static void fatal_without_memory(const char *code, size_t size)
 {
     int cause = errno;
@@ -272,8 +273,8 @@ static void free_block(wthr_var *block)
     free(block);
 }
 
-// The block is freed behind the table lock: a sender takes the table lock inside msg_mutex, so nobody may take them
-// the other way round.
+// The block is freed behind the table lock: a sender takes the table lock inside msg_mutex, so nobody may
+// take them the other way round.
 int _context_end(void)
 {
     _thread_lock();

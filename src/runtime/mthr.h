@@ -66,8 +66,8 @@ struct wthr_var;
 
 // A row of the context table.
 struct ctxt_elem {
-    int32_t ctxt_id;     // the number that users see; -2 (TPNULLCONTEXT): free
-    wthr_var *variables; // the block; made at first use, freed by _context_end
+    int32_t ctxt_id;      // the number that users see; -2 (TPNULLCONTEXT): free
+    wthr_var *variables;  // the block; made at first use, freed by _context_end
     int32_t in_use;
     int32_t owner;  // thread that stands on this context (cut to 32 bits); -1: none
 };
@@ -89,9 +89,9 @@ typedef void unsol_function(char *data, long len, long flags);
 struct wthr_var {
     int32_t proc_read_status;  // outcome of the last process-message read
     int32_t node_read_status;  // outcome of the last node-message read
-    shared_int32 clhfd;             // the connection; -1: none
-    shared_int32 new_clhfd;         // socket that a rolling start is opening; -1: none
-    shared_int32 on_backup;         // 1 connected to the backup list, 0 to the main list
+    shared_int32 clhfd;        // the connection; -1: none
+    shared_int32 new_clhfd;    // socket that a rolling start is opening; -1: none
+    shared_int32 on_backup;    // 1 connected to the backup list, 0 to the main list
 
     // Own copy of the start reply's payload, in host order, and pointers into it.
     char *initout;
@@ -101,7 +101,7 @@ struct wthr_var {
     char *initout_tail;
     int32_t compress_threshold;  // data length from which messages are compressed; -1: never
     int32_t unused_word;
-    int32_t node_count;     // nodes of the domain
+    int32_t node_count;          // nodes of the domain
     shared_int32 sessionid;      // client identity in the domain; -1: none
     shared_int32 session_token;  // token of the start reply; -1: none
     shared_int32 started;        // 1 while a session stands
@@ -131,7 +131,7 @@ struct wthr_var {
     std::atomic<int64_t> tx_deadline;  // time() at which the transaction timer runs out
     shared_int32 tx_timer_on;
     shared_int32 block_time;  // seconds
-    int32_t seqno;       // last call sequence number
+    int32_t seqno;            // last call sequence number
     int32_t seqno_inited;
     subscr_elem *subscr;
     int32_t subscr_size, subscr_count;
@@ -175,25 +175,26 @@ extern int32_t _next_wthri;  // row at which the search for a free thread row be
 extern int32_t _cur_ctxti;   // last context number given
 extern int32_t _start_ctxt;  // context mode
 extern int32_t _init_wthr_flag;
-extern wthr_var *_main_wthrv;  // block of context row 0
-extern wthr_elem *_main_wthrp; // thread row 0
-extern pthread_mutex_t _wthr_mutex;  // the table lock: structure of both tables; held for a lookup or a binding
-extern int32_t _endian;              // 1 big-endian, 2 little-endian, 0 not yet told by _check_node
+extern wthr_var *_main_wthrv;   // block of context row 0
+extern wthr_elem *_main_wthrp;  // thread row 0
+extern pthread_mutex_t
+    _wthr_mutex;         // the table lock: structure of both tables; held for a lookup or a binding
+extern int32_t _endian;  // 1 big-endian, 2 little-endian, 0 not yet told by _check_node
 extern int32_t _node_type;
 extern int32_t _my_pid;
 
 // Tables. All expect the table lock, except as told.
-int _init_thrtbl(void);                     // 1, or -1 without tables
-int _init_ctxt(int32_t rows);               // 1
-int _init_wthr(int32_t rows);               // 1, or -1 if the block of row 0 can't be made
-int _init_wthr_elem(wthr_elem *row);        // 1
-int _init_ctxt_elem(ctxt_elem *row);        // 1
-wthr_var *_wthr_var_init(wthr_elem *row);   // the block of the row's context, made if there is none; null
-int _get_nth_from_thrtbl(void);             // the caller's row number, or -1
-wthr_var *_get_wthr_from_nth(void);         // the caller's block; null without a row
-wthr_elem *_get_idle_wthr_ptr(void);        // a row and a context row for the caller; null
-int _get_idle_wthr_ptr2(void);              // number of a free thread row, or the caller's own; -1
-void bind_row(wthr_elem *row);              // gives the row, and its context row, to the caller
+int _init_thrtbl(void);                    // 1, or -1 without tables
+int _init_ctxt(int32_t rows);              // 1
+int _init_wthr(int32_t rows);              // 1, or -1 if the block of row 0 can't be made
+int _init_wthr_elem(wthr_elem *row);       // 1
+int _init_ctxt_elem(ctxt_elem *row);       // 1
+wthr_var *_wthr_var_init(wthr_elem *row);  // the block of the row's context, made if there is none; null
+int _get_nth_from_thrtbl(void);            // the caller's row number, or -1
+wthr_var *_get_wthr_from_nth(void);        // the caller's block; null without a row
+wthr_elem *_get_idle_wthr_ptr(void);       // a row and a context row for the caller; null
+int _get_idle_wthr_ptr2(void);             // number of a free thread row, or the caller's own; -1
+void bind_row(wthr_elem *row);             // gives the row, and its context row, to the caller
 
 // Takes the table lock itself.
 int _context_end(void);  // ends the caller's context; -1 without a row
@@ -202,15 +203,15 @@ int _check_context_with_tpinfo(const void *tpinfo, int unused);  // -1, 1, 2; se
 
 // The caller's row (row 0 without one) and its error cell. Any thread, no lock: they go through a hint of the
 // thread's own, which is looked up anew after each change of the tables.
-wthr_elem *current_row(void);  // null only if there are no tables and none can be made
-wthr_var *current_block(void); // the caller's block, or the fall-back block; null as above
+wthr_elem *current_row(void);              // null only if there are no tables and none can be made
+wthr_var *current_block(void);             // the caller's block, or the fall-back block; null as above
 bool current_context_number(int *number);  // what tpgetctxt tells; false without tables
 void set_tperrno(int code);
 int get_tperrno(void);
 void set_tpurcode(int64_t code);
 
 // Wrappers of the thread library; the results are those of the pthread_* calls.
-void _thread_lock(void);    // the table lock
+void _thread_lock(void);  // the table lock
 void _thread_unlock(void);
 pthread_t _thread_self(void);
 int _vorn_mutex_lock(pthread_mutex_t *mutex);
@@ -224,7 +225,8 @@ int _thread_cond_signal(pthread_cond_t *cond);
 int _thread_cond_broadcast(pthread_cond_t *cond);
 int _thread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex);
 timespec deadline_in(int milliseconds);  // from now, on the clock of the timed waits
-int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, int milliseconds);  // negative: no limit
+int _thread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex,
+                           int milliseconds);  // negative: no limit
 int _thread_cond_destroy(pthread_cond_t *cond);
 }
 

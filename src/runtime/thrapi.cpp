@@ -51,9 +51,9 @@ int api_return(const api_text *text, int result)
     return result;
 }
 
-// Ends a context that this call has bound and on which no start was tried. A start that fails inside the call ends the
-// context itself, and the thread then stands on another block; one that succeeded leaves it, whatever came later. The
-// start's first trace in the block is its seeded sequence number.
+// Ends a context that this call has bound and on which no start was tried. A start that fails inside the call
+// ends the context itself, and the thread then stands on another block; one that succeeded leaves it,
+// whatever came later. The start's first trace in the block is its seeded sequence number.
 static void leave_unused_context(const api_frame *frame)
 {
     if (frame->row_bound == 0 || current_block() != frame->block || frame->block->seqno_inited != 0)
@@ -98,8 +98,8 @@ static int find_context(int number)
     return -1;
 }
 
-// Moves the thread to context row `index`. 0, or an error number. Expects the table lock. A context whose session
-// hasn't started is refused only after the thread has left the one it stood on.
+// Moves the thread to context row `index`. 0, or an error number. Expects the table lock. A context whose
+// session hasn't started is refused only after the thread has left the one it stood on.
 static int attach_row(int n, wthr_var *old_block, int index)
 {
     if (n >= 0) {

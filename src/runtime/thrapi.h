@@ -1,8 +1,8 @@
 // The frame of the API functions.
 //
-// An exported function opens with api_enter, which yields the caller's row and block and traces the entry, and
-// leaves through api_return, api_error or api_fail, which trace the exit. Its trace texts are one constant
-// record, made with API_TEXT.
+// An exported function opens with api_enter, which yields the caller's row and block and traces the entry,
+// and leaves through api_return, api_error or api_fail, which trace the exit. Its trace texts are one
+// constant record, made with API_TEXT.
 #ifndef VORN_RUNTIME_THRAPI_H
 #define VORN_RUNTIME_THRAPI_H
 
@@ -19,7 +19,9 @@ struct api_text {
 };
 
 #define API_TEXT(function, arguments) \
-    { function, function arguments, function " = %d", function " = -1 [%d : %s]" }
+    { \
+        function, function arguments, function " = %d", function " = -1 [%d : %s]" \
+    }
 
 struct api_frame {
     wthr_elem *row;   // the caller's row, row 0 if it has none
@@ -33,15 +35,16 @@ bool api_find(api_frame *frame);
 
 // api_find, and the entry trace.
 #define API_ENTER(frame, text, ...) \
-    (api_find(frame) && (_vorn_trace((text).name, 1, TRACE_ENTRY, (text).enter __VA_OPT__(, ) __VA_ARGS__), true))
+    (api_find(frame) && \
+     (_vorn_trace((text).name, 1, TRACE_ENTRY, (text).enter __VA_OPT__(, ) __VA_ARGS__), true))
 
 // The starting form of the session check: a call that may open a session by itself goes on only on API_GO_ON.
 enum api_context { API_GO_ON, API_NOTHING_TO_DO, API_NO_CONTEXT };
 api_context api_open_context(api_frame *frame);
 
 // Exits. api_error reports the error that stands in the caller's cell; api_fail sets it first. Both give -1.
-// Where the call has bound a row and then failed before it tried to start a session, they end that context, so that the
-// next call of the thread starts afresh; the error stays readable.
+// Where the call has bound a row and then failed before it tried to start a session, they end that context,
+// so that the next call of the thread starts afresh; the error stays readable.
 int api_return(const api_text *text, int result);
 int api_error(const api_frame *frame, const api_text *text);
 int api_fail(const api_frame *frame, const api_text *text, int code);

@@ -175,7 +175,8 @@ static int send_line(const char *line, size_t length, uint32_t flags, const char
     return result < 0 ? -1 : (int)size;
 }
 
-// The open file of today, opened if there is none or it is of another day, an earlier one too. Expects file_mutex.
+// The open file of today, opened if there is none or it is of another day, an earlier one too. Expects
+// file_mutex.
 static int file_of_day(const tm *local)
 {
     const int today[3] = {local->tm_mon + 1, local->tm_mday, local->tm_year + 1900};

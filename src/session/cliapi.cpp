@@ -1,8 +1,8 @@
 // Start and end of a session.
 //
-// tpstart and tpinit bind a row, connect and log in; what the start reply tells is taken in by startreply. While
-// they run nobody else knows the context, so they take no lock but the table lock for the binding. tpend talks to
-// the server once more and then takes everything down, whatever came of it.
+// tpstart and tpinit bind a row, connect and log in; what the start reply tells is taken in by startreply.
+// While they run nobody else knows the context, so they take no lock but the table lock for the binding.
+// tpend talks to the server once more and then takes everything down, whatever came of it.
 #include "session/cliapi.h"
 
 #include "buffers/sdli.h"
@@ -183,11 +183,11 @@ int _vorn_start(msg_header *message, int msgtype, int to_backup, wthr_var *block
 
 // --- tpstart.
 
-static constexpr api_text TPSTART = {"tpstart", "tpstart(\"%s\", \"%s\", \"%s\", \"%s\", %#x)", "tpstart = %d",
-                                     "tpstart = -1 [%d : %s]"};
+static constexpr api_text TPSTART = {"tpstart", "tpstart(\"%s\", \"%s\", \"%s\", \"%s\", %#x)",
+                                     "tpstart = %d", "tpstart = -1 [%d : %s]"};
 
-// Ends the thread's context with all that a start has built in it, and leaves `code` where the thread finds it then. -1,
-// for the failures among its callers.
+// Ends the thread's context with all that a start has built in it, and leaves `code` where the thread finds
+// it then. -1, for the failures among its callers.
 static int end_context_with(int code)
 {
     wthr_var *block = current_block();
@@ -198,7 +198,8 @@ static int end_context_with(int code)
     return -1;
 }
 
-// The message of tpstart: the caller's buffer, or a header made here. Null with tperrno set and the context ended.
+// The message of tpstart: the caller's buffer, or a header made here. Null with tperrno set and the context
+// ended.
 static msg_header *start_message(TPSTART_T *tpinfo, wthr_var *block)
 {
     msg_header *message;
@@ -229,8 +230,9 @@ static msg_header *start_message(TPSTART_T *tpinfo, wthr_var *block)
     return message;
 }
 
-// Up to two attempts. 1, or -1 with tperrno set. The context has ended where no connection could be made, or the login
-// was refused for good; after two failed exchanges it stands, without a socket and without a session.
+// Up to two attempts. 1, or -1 with tperrno set. The context has ended where no connection could be made, or
+// the login was refused for good; after two failed exchanges it stands, without a socket and without a
+// session.
 static int try_to_start(msg_header *message, wthr_var *block)
 {
     for (int attempt = 0; attempt < START_ATTEMPTS; attempt++) {
@@ -355,8 +357,8 @@ int tpstart(TPSTART_T *tpinfo)
 
 // --- tpinit.
 
-static constexpr api_text TPINIT_TEXT = {"tpinit", "tpinit(\"%s\", \"%s\", \"%s\", \"%s\", %#x)", "tpinit = %d",
-                                         "tpinit = -1 [%d : %s]"};
+static constexpr api_text TPINIT_TEXT = {"tpinit", "tpinit(\"%s\", \"%s\", \"%s\", \"%s\", %#x)",
+                                         "tpinit = %d", "tpinit = -1 [%d : %s]"};
 
 // The wire form of the caller's record, in a buffer of its own. Null with tperrno set.
 static msg_header *init_message(TPINIT *tpinfo, wthr_var *block)
@@ -368,8 +370,8 @@ static msg_header *init_message(TPINIT *tpinfo, wthr_var *block)
         return bare;
     }
     const msg_header *given = message_of((char *)tpinfo);
-    if (!is_typed_buffer((char *)tpinfo) || given->buftype != BUF_START
-        || given->bufsize < (int32_t)sizeof(TPINIT)) {
+    if (!is_typed_buffer((char *)tpinfo) || given->buftype != BUF_START ||
+        given->bufsize < (int32_t)sizeof(TPINIT)) {
         set_tperrno(TPEITYPE);
         return nullptr;
     }
@@ -387,7 +389,8 @@ static msg_header *init_message(TPINIT *tpinfo, wthr_var *block)
     memcpy(wire, tpinfo, TPINIT_NAMES);
     put_word(wire + TPINIT_FLAGS, (uint32_t)tpinfo->flags);
     put_word(wire + TPINIT_DATALEN, (uint32_t)tpinfo->datalen);
-    memcpy(wire + TPINIT_DATA, (const char *)tpinfo + sizeof(TPINIT), (size_t)given->bufsize - sizeof(TPINIT));
+    memcpy(wire + TPINIT_DATA, (const char *)tpinfo + sizeof(TPINIT),
+           (size_t)given->bufsize - sizeof(TPINIT));
     if ((tpinfo->flags & 7) == UNSOL_QUEUE)
         block->unsol_mode = UNSOL_IGNORE;
     msg_header *message = message_of(wire);
@@ -395,8 +398,8 @@ static msg_header *init_message(TPINIT *tpinfo, wthr_var *block)
     return message;
 }
 
-// As try_to_start, but with one transaction record for all attempts, and without the end of the context where the
-// login was refused.
+// As try_to_start, but with one transaction record for all attempts, and without the end of the context where
+// the login was refused.
 static int try_to_init(msg_header *message, wthr_var *block)
 {
     _make_txinfo(block);
@@ -480,7 +483,8 @@ int tpend(void)
     wthr_var *block = frame.block;
     set_tperrno(0);
     if (block->started == 0) {
-        // A session that was lost still has its tables, and perhaps a transaction's timer; they end with the context.
+        // A session that was lost still has its tables, and perhaps a transaction's timer; they end with the
+        // context.
         if (block->tx_timer_on != 0)
             _clr_tx_timer(block);
         _clhc_close(block->clhfd, block);

@@ -33,7 +33,8 @@ void _get_csval_to_loc(const char *payload, int length, int offset, wthr_var *bl
         if (size < 0 || size > length - offset)
             return;  // an entry that runs past the end ends the walk
         if (tag == TAG_SERVER_NAME) {
-            int32_t cut = size < (int32_t)sizeof block->server_name - 1 ? size : (int32_t)sizeof block->server_name - 1;
+            int32_t cut =
+                size < (int32_t)sizeof block->server_name - 1 ? size : (int32_t)sizeof block->server_name - 1;
             memset(block->server_name, 0, sizeof block->server_name);
             memcpy(block->server_name, payload + offset, (size_t)cut);
         }
@@ -49,7 +50,8 @@ int32_t initout_count(const wthr_var *block, int32_t offset)
     return count;
 }
 
-// Turns a count of the payload to host order. No more rows are counted than the payload can hold from `rows` on.
+// Turns a count of the payload to host order. No more rows are counted than the payload can hold from `rows`
+// on.
 static int32_t take_count(char *payload, int32_t length, int32_t offset, int32_t row_size, int64_t rows)
 {
     int32_t count = (int32_t)get_word(payload + offset);
@@ -68,8 +70,8 @@ static int64_t expected_length(const char *payload)
     int64_t nodes = get_word(payload + INITOUT_NODE_COUNT);
     int64_t queues = get_word(payload + INITOUT_QUEUE_COUNT);
     int64_t svcs = get_word(payload + INITOUT_SVC_COUNT);
-    return INITOUT_ROWS + nodes * (int64_t)sizeof(initout_node) + queues * (int64_t)sizeof(initout_queue)
-           + svcs * (int64_t)sizeof(initout_svc) + 4;
+    return INITOUT_ROWS + nodes * (int64_t)sizeof(initout_node) + queues * (int64_t)sizeof(initout_queue) +
+           svcs * (int64_t)sizeof(initout_svc) + 4;
 }
 
 static void forget_payload(wthr_var *block)
@@ -103,15 +105,18 @@ int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
     int32_t nodes = take_count(own, length, INITOUT_NODE_COUNT, sizeof(initout_node), rows);
     rows += nodes * (int64_t)sizeof(initout_node);
     block->initout_queues = (initout_queue *)(own + rows);
-    rows += take_count(own, length, INITOUT_QUEUE_COUNT, sizeof(initout_queue), rows) * (int64_t)sizeof(initout_queue);
+    rows += take_count(own, length, INITOUT_QUEUE_COUNT, sizeof(initout_queue), rows) *
+            (int64_t)sizeof(initout_queue);
     block->initout_svcs = (initout_svc *)(own + rows);
-    rows += take_count(own, length, INITOUT_SVC_COUNT, sizeof(initout_svc), rows) * (int64_t)sizeof(initout_svc);
+    rows +=
+        take_count(own, length, INITOUT_SVC_COUNT, sizeof(initout_svc), rows) * (int64_t)sizeof(initout_svc);
     block->initout_tail = own + rows;
     block->node_count = nodes;
     for (int32_t i = 0; i < nodes; i++)
         for (int32_t &word : block->initout_nodes[i].words)
             word = (int32_t)__builtin_bswap32((uint32_t)word);
-    // A payload that ends before its threshold has none, nor anything behind it; its counts may have been cut.
+    // A payload that ends before its threshold has none, nor anything behind it; its counts may have been
+    // cut.
     int32_t threshold = length < expected ? -1 : (int32_t)get_word(own + rows);
     memcpy(own + rows, &threshold, sizeof threshold);
     block->compress_threshold = threshold;
@@ -120,14 +125,16 @@ int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
     return 1;
 }
 
-// The identity of calls. The running count is taken over from the calls sent so far, so that it survives a reconnect.
+// The identity of calls. The running count is taken over from the calls sent so far, so that it survives a
+// reconnect.
 constexpr uint32_t CALLID_COUNT = 0x7ff00;
 constexpr int CALLID_CLIENT_SHIFT = 19;
 
 static void take_callid(const msg_header *reply, wthr_var *block)
 {
     block->callid_base[0] = reply->xid[0];
-    block->callid_base[1] = (uint32_t)reply->value << CALLID_CLIENT_SHIFT | (block->callid_next[1] & CALLID_COUNT) | 1;
+    block->callid_base[1] =
+        (uint32_t)reply->value << CALLID_CLIENT_SHIFT | (block->callid_next[1] & CALLID_COUNT) | 1;
     memcpy(block->callid_next, block->callid_base, sizeof block->callid_next);
     advance_callid(block->callid_next);
 }

@@ -60,15 +60,15 @@ int _txinfo_end(wthr_var *block)
 
 bool in_transaction(const wthr_var *block)
 {
-    return block->txinfo != nullptr
-           && std::atomic_ref<int32_t>(block->txinfo->tx_stage).load(std::memory_order_relaxed) != TX_STAGE_NONE;
+    return block->txinfo != nullptr &&
+           std::atomic_ref<int32_t>(block->txinfo->tx_stage).load(std::memory_order_relaxed) != TX_STAGE_NONE;
 }
 
 bool begin_to_run(wthr_var *block)
 {
     int32_t begun = TX_STAGE_BEGUN;
-    return block->txinfo != nullptr
-           && std::atomic_ref<int32_t>(block->txinfo->tx_stage).compare_exchange_strong(begun, TX_STAGE_RUNNING);
+    return block->txinfo != nullptr &&
+           std::atomic_ref<int32_t>(block->txinfo->tx_stage).compare_exchange_strong(begun, TX_STAGE_RUNNING);
 }
 
 int32_t tx_state_of(const wthr_var *block)

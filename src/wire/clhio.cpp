@@ -1,11 +1,11 @@
 // The send path.
 //
-// Entered from every function that talks to the server, on its thread. Goes to the socket with one send where it
-// can: a message of plain bytes is turned to wire order in place, written from the caller's buffer and turned
-// back; only struct and field data, compressed and enciphered messages are written from a block of their own.
-// msg_mutex is held from the stamping of the call identity until the message is written and its waiter is
-// counted: it alone keeps messages of different threads apart on the stream, and the count must stand before the
-// reply can arrive.
+// Entered from every function that talks to the server, on its thread. Goes to the socket with one send where
+// it can: a message of plain bytes is turned to wire order in place, written from the caller's buffer and
+// turned back; only struct and field data, compressed and enciphered messages are written from a block of
+// their own. msg_mutex is held from the stamping of the call identity until the message is written and its
+// waiter is counted: it alone keeps messages of different threads apart on the stream, and the count must
+// stand before the reply can arrive.
 #include "wire/clhio.h"
 
 #include "buffers/dencode.h"
@@ -63,8 +63,8 @@ int _clh_write_error(int result, int expected, wthr_var *block)
     if (errno == EPIPE) {
         set_tperrno(block->rolling_failed != 0 ? TPERDCLOSE : TPECLOSE);
         // The result stands where a socket is expected. For the usual -1 the connection stays open for the
-        // reader, who finds the end of the stream, unless the handler of SIGPIPE has closed it by now; only what belongs
-        // to the session's identity is cleared.
+        // reader, who finds the end of the stream, unless the handler of SIGPIPE has closed it by now; only
+        // what belongs to the session's identity is cleared.
         _clhc_close(result < 0 ? result : -1, block);
         return 1;
     }
@@ -87,16 +87,16 @@ static int heed_warnings(int fd, wthr_var *block)
     return 0;
 }
 
-// Marks a synchronous call whose context has several threads, and stamps the identity of a call that waits for a
-// reply. Expects msg_mutex.
+// Marks a synchronous call whose context has several threads, and stamps the identity of a call that waits
+// for a reply. Expects msg_mutex.
 static void stamp_call(msg_header *message, wthr_var *block)
 {
     if (block->thread_refs > 0 && message->msgtype == MSG_TPCALL) {
         message->msgtype = MSG_TPACALL;
         message->seqno |= SEQNO_SHARED_CALL;
     }
-    bool waits = message->msgtype == MSG_TPCALL
-                 || (message->msgtype == MSG_TPACALL && (message->flags & TPNOREPLY) == 0);
+    bool waits = message->msgtype == MSG_TPCALL ||
+                 (message->msgtype == MSG_TPACALL && (message->flags & TPNOREPLY) == 0);
     if (!waits)
         return;
     memcpy(message->callid, block->callid_next, sizeof message->callid);
@@ -149,8 +149,8 @@ static bool write_compressed(int fd, const msg_header *message, int length, wthr
     return written;
 }
 
-// Writes a message in wire order, header and `datalen` bytes, as the session wants it. True if it went; otherwise
-// tperrno is set. Expects msg_mutex.
+// Writes a message in wire order, header and `datalen` bytes, as the session wants it. True if it went;
+// otherwise tperrno is set. Expects msg_mutex.
 static bool write_message(int fd, msg_header *message, int datalen, bool converted, wthr_var *block)
 {
     int length = datalen + HEADER_SIZE;
@@ -209,8 +209,8 @@ static bool send_in_place(int fd, msg_header *message, wthr_var *block)
     return sent;
 }
 
-// The descriptor was chosen before the lock; the reader may have closed the socket since, and its number may be the
-// application's now. Expects msg_mutex, under which sockets are closed.
+// The descriptor was chosen before the lock; the reader may have closed the socket since, and its number may
+// be the application's now. Expects msg_mutex, under which sockets are closed.
 static bool is_gone(int fd, const wthr_var *block)
 {
     return fd >= 0 && fd != block->clhfd && fd != block->new_clhfd && fd != block->old_clhfd;
@@ -228,8 +228,8 @@ int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
         return -1;
     }
     stamp_call(message, block);
-    bool sent = must_be_converted(message) ? send_converted(fd, message, block)
-                                           : send_in_place(fd, message, block);
+    bool sent =
+        must_be_converted(message) ? send_converted(fd, message, block) : send_in_place(fd, message, block);
     if (sent && has_waiter(message)) {
         block->waiter_count++;
         if (block->offer_left > 0)

@@ -9,8 +9,8 @@ struct wthr_var;
 
 extern "C" {
 
-// Any thread of the context; takes msg_mutex, and roll_mutex before it. 1, or -1 with tperrno set. The message
-// stays the caller's; its header is in host order again afterwards, sent or not.
+// Any thread of the context; takes msg_mutex, and roll_mutex before it. 1, or -1 with tperrno set. The
+// message stays the caller's; its header is in host order again afterwards, sent or not.
 int _send_csmsg_to_clh(msg_header *message, wthr_var *block);
 int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd);
 

@@ -82,8 +82,8 @@ int _is_msgtype_matched(const msg_header *want, const msg_header *message, wthr_
     int64_t kind = (int64_t)arrived - wanted;
     if (kind == REPLY || kind == ERROR_REPLY || kind == ERROR_REPLY2)
         return reply_matches(want, message, block);
-    if (wanted == MSG_TPRECV && want->cd == message->cd
-        && (arrived == MSG_TPCONNECT + ERROR_REPLY || arrived == MSG_TPSEND || arrived == MSG_TPDISCON))
+    if (wanted == MSG_TPRECV && want->cd == message->cd &&
+        (arrived == MSG_TPCONNECT + ERROR_REPLY || arrived == MSG_TPSEND || arrived == MSG_TPDISCON))
         return 1;
     if (wanted == MSG_TPGETUNSOL && is_unsolicited(arrived))
         return want->cd == UNSOL_ANY_KIND || want->cd == unsol_kind(arrived);
@@ -149,14 +149,15 @@ static int late_transaction(msg_header *message, wthr_var *block)
 
 static int late_dequeue(msg_header *message, wthr_var *block)
 {
-    VORN_LOG(0, LEVEL_ERROR, "CSC57110209 internal error : ",
-             "tpdeq reply arrived after timeout, a message will be lost");
+    VORN_LOG(0, LEVEL_ERROR,
+             "CSC57110209 internal error : ", "tpdeq reply arrived after timeout, a message will be lost");
     return drop(message, block);
 }
 
 static int late_service_message(msg_header *message, wthr_var *block)
 {
-    VORN_LOG(0, LEVEL_ERROR, "CSC57200209 internal error : ", "TMS message arrived after timeout, msgtype = %d",
+    VORN_LOG(0, LEVEL_ERROR,
+             "CSC57200209 internal error : ", "TMS message arrived after timeout, msgtype = %d",
              message->msgtype);
     return drop(message, block);
 }
@@ -253,8 +254,8 @@ static void acknowledge_notification(const msg_header *message, wthr_var *block)
     free(answer);
 }
 
-// The acknowledgement goes out before anybody looks at the message. The handler runs on the reading thread, inside
-// the reader role; its data is freed once it returns.
+// The acknowledgement goes out before anybody looks at the message. The handler runs on the reading thread,
+// inside the reader role; its data is freed once it returns.
 static int unsolicited(msg_header *message, wthr_var *block)
 {
     if (message->msgtype == MSG_TPNOTIFY && (message->flags & TPNOTIFYACK) != 0)
@@ -286,8 +287,8 @@ static int unsolicited(msg_header *message, wthr_var *block)
 static int to_consumer(msg_header *message, wthr_var *block)
 {
     if (_save_in_consumer_buffer(message, block) < 0)
-        VORN_LOG(0, LEVEL_ERROR, "CSC57210209 internal error : ",
-                 "failed to save the message in consumer buffer");
+        VORN_LOG(0, LEVEL_ERROR,
+                 "CSC57210209 internal error : ", "failed to save the message in consumer buffer");
     return 1;
 }
 
@@ -446,8 +447,8 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
     // Whoever waits for the answer has been counted when the request went out first.
     if (_send_csmsg_to_clh(message, block) > 0 && has_waiter(message))
         forget_waiter(block);
-    bool a_call = want != nullptr
-                  && ((want->msgtype == MSG_TPCALL && message->msgtype == MSG_TPCALL) || want->msgtype == MSG_TPACALL);
+    bool a_call = want != nullptr && ((want->msgtype == MSG_TPCALL && message->msgtype == MSG_TPCALL) ||
+                                      want->msgtype == MSG_TPACALL);
     if (a_call && check_rolling_cd(block->old_clhfd, block) < 0)
         close_old_socket(block);
     return 1;

@@ -12,8 +12,8 @@ extern "C" {
 // thread that waits with `want`.
 int _is_msgtype_matched(const msg_header *want, const msg_header *message, wthr_var *block);
 
-// True if the data of a message of which only the header has come can be read into the block of `want`: a good reply of
-// plain bytes that answers it, fits it, and needs no treatment on the way.
+// True if the data of a message of which only the header has come can be read into the block of `want`: a
+// good reply of plain bytes that answers it, fits it, and needs no treatment on the way.
 bool may_be_read_in_place(const msg_header *want, const msg_header *head, wthr_var *block);
 
 // A call that several threads share travelled as a TPACALL; its reply becomes the TPCALL's again.

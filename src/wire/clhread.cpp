@@ -1,16 +1,17 @@
 // The receive path.
 //
-// Entered from every call that waits, on its own thread; there is no other. The first that finds nobody reading
-// takes the reader role (`reader_busy`) and reads the connection for all. A message that isn't its own goes
-// straight to the waiting thread whose template it answers: the waiters of a context stand in a list, each with a
-// semaphore of its own, so a message wakes one thread and not all. Threads that have sent and are counted in
-// `waiter_count`, but haven't come to wait yet, can't be asked; for them the message stands on offer until they
-// have looked at it. What nobody wants goes to clhmatch. Whoever has its message gives the role to the thread
-// that has waited longest.
+// Entered from every call that waits, on its own thread; there is no other. The first that finds nobody
+// reading takes the reader role (`reader_busy`) and reads the connection for all. A message that isn't its
+// own goes straight to the waiting thread whose template it answers: the waiters of a context stand in a
+// list, each with a semaphore of its own, so a message wakes one thread and not all. Threads that have sent
+// and are counted in `waiter_count`, but haven't come to wait yet, can't be asked; for them the message
+// stands on offer until they have looked at it. What nobody wants goes to clhmatch. Whoever has its message
+// gives the role to the thread that has waited longest.
 //
-// Subtle: the stored reply of an asynchronous call and a waiter for it can't miss each other, because a waiter looks
-// into the table under msg_mutex before it waits, and the reader looks for a waiter under msg_mutex before it stores. msg_mutex is
-// never held across a read of the socket, nor while a message is looked after.
+// Subtle: the stored reply of an asynchronous call and a waiter for it can't miss each other, because a
+// waiter looks into the table under msg_mutex before it waits, and the reader looks for a waiter under
+// msg_mutex before it stores. msg_mutex is never held across a read of the socket, nor while a message is
+// looked after.
 #include "wire/clhread.h"
 
 #include "buffers/payload.h"
@@ -36,8 +37,9 @@
 
 extern "C" {
 
-// A thread that waits for the reader role or for its message. Whoever gives it one of them takes it off the list, under
-// msg_mutex, and posts `given` afterwards: the woken thread then needs no lock, and finds nobody in it.
+// A thread that waits for the reader role or for its message. Whoever gives it one of them takes it off the
+// list, under msg_mutex, and posts `given` afterwards: the woken thread then needs no lock, and finds nobody
+// in it.
 struct read_waiter {
     msg_header *want;
     msg_header *message;
@@ -50,14 +52,15 @@ struct read_waiter {
 struct read_wait {
     msg_header *want;
     wthr_var *block;
-    bool timed;         // false: no limit but the transaction's
+    bool timed;  // false: no limit but the transaction's
     int seconds;
     bool to_end_in_block;  // a time-out is TPEBLOCK
-    bool tolerant;      // an expired transaction doesn't end the wait
-    int fallback_fd;    // read where the context has no socket
-    bool watch_urgent;  // timed: still look for urgent data
+    bool tolerant;         // an expired transaction doesn't end the wait
+    int fallback_fd;       // read where the context has no socket
+    bool watch_urgent;     // timed: still look for urgent data
     time_t begin;
-    const char *sequence_codes[3];  // log codes of a reply with another number: a call's, a receipt's, a commit's
+    const char
+        *sequence_codes[3];  // log codes of a reply with another number: a call's, a receipt's, a commit's
 };
 
 static read_wait unlimited_wait(msg_header *want, wthr_var *block)
@@ -71,8 +74,8 @@ static read_wait timed_wait(msg_header *want, int seconds, int noblock, wthr_var
     if (seconds < 0)
         seconds = 0;
     bool block_error = seconds == 0 && (noblock & 1) != 0;
-    return {want, block, true, seconds, block_error, commit, -1, true, time(nullptr),
-            {"CSC5714", "CSC5715", "CSC5716"}};
+    return {want,   block, true, seconds,       block_error,
+            commit, -1,    true, time(nullptr), {"CSC5714", "CSC5715", "CSC5716"}};
 }
 
 static int remaining(const read_wait *wait)
@@ -149,8 +152,8 @@ void forget_waiter(wthr_var *block)
     _thread_mutex_unlock(&block->msg_mutex);
 }
 
-// Takes the waiter that the message answers off the list and gives it the message; null if there is none. The caller
-// posts `given`.
+// Takes the waiter that the message answers off the list and gives it the message; null if there is none. The
+// caller posts `given`.
 static read_waiter *give_message(msg_header *message, wthr_var *block)
 {
     for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
@@ -163,7 +166,8 @@ static read_waiter *give_message(msg_header *message, wthr_var *block)
     return nullptr;
 }
 
-// Gives the role to the thread that has waited longest; the caller posts `given`. Without one it is free, and null.
+// Gives the role to the thread that has waited longest; the caller posts `given`. Without one it is free, and
+// null.
 static read_waiter *give_role(wthr_var *block)
 {
     read_waiter *waiter = block->waiters_head;
@@ -237,8 +241,8 @@ static msg_header *fail_as_reader(const read_wait *wait, int code)
     return nullptr;
 }
 
-// How long a wait without a limit may sleep before it looks at the transaction's timer itself: the alarm may land
-// on a thread of another context. Negative: no limit.
+// How long a wait without a limit may sleep before it looks at the transaction's timer itself: the alarm may
+// land on a thread of another context. Negative: no limit.
 static int unlimited_slice(const wthr_var *block)
 {
     if (block->tx_timer_on == 0)
@@ -247,7 +251,8 @@ static int unlimited_slice(const wthr_var *block)
     return left < 1 ? 1000 : left > 86400 ? 86400000 : (int)left * 1000;
 }
 
-// The alarm's work, in case the alarm was for another thread. Negative if the transaction has run out of time.
+// The alarm's work, in case the alarm was for another thread. Negative if the transaction has run out of
+// time.
 static int transaction_expired(const read_wait *wait)
 {
     if (wait->block->tx_timer_on != 0)
@@ -291,7 +296,8 @@ static int sleep_once(const read_wait *wait, read_waiter *me)
     return TPESYSTEM;
 }
 
-// Ends a wait in which nothing came. False if something was given at the last moment; whoever did so is about to post.
+// Ends a wait in which nothing came. False if something was given at the last moment; whoever did so is about
+// to post.
 static bool leave_without(read_waiter *me, wthr_var *block)
 {
     _thread_mutex_lock(&block->msg_mutex);
@@ -368,9 +374,10 @@ static msg_header *put_into(msg_header *message, msg_header *want, wthr_var *blo
     if (want->buftype == BUF_FIELD)
         _clear_fcache(message_data(want));
     int32_t bufsize = want->bufsize;
-    // A text that lacks its terminator brings the one that the framing put behind it; the reserve has room for it.
-    bool unended = message->buftype == BUF_STRING && message->datalen > 0
-                   && message_data(message)[message->datalen - 1] != '\0';
+    // A text that lacks its terminator brings the one that the framing put behind it; the reserve has room
+    // for it.
+    bool unended = message->buftype == BUF_STRING && message->datalen > 0 &&
+                   message_data(message)[message->datalen - 1] != '\0';
     int32_t ending = unended ? 1 : 0;
     memcpy(want, message, (size_t)(HEADER_SIZE + message->datalen + ending));
     want->bufsize = bufsize;
@@ -456,9 +463,9 @@ static int stall_limit(const read_wait *wait)
     return block_time > 0 ? block_time : wait->timed ? wait->seconds : 0;
 }
 
-// Offers the message to the threads that have sent and are on their way here. True if one of them took it. The
-// reader sleeps meanwhile; a wait without a limit looks at the transaction's timer every 3 seconds, a timed one
-// looks no longer than its own time. Expects msg_mutex.
+// Offers the message to the threads that have sent and are on their way here. True if one of them took it.
+// The reader sleeps meanwhile; a wait without a limit looks at the transaction's timer every 3 seconds, a
+// timed one looks no longer than its own time. Expects msg_mutex.
 static bool offer(const read_wait *wait, msg_header *message)
 {
     wthr_var *block = wait->block;
@@ -468,7 +475,8 @@ static bool offer(const read_wait *wait, msg_header *message)
     block->offer_msg = message;
     int seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
     while (seconds >= 0 && block->offer_left > 0) {
-        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex, milliseconds_of(wait->timed ? seconds : 3));
+        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex,
+                               milliseconds_of(wait->timed ? seconds : 3));
         seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
     }
     bool taken = block->offer_msg == nullptr;
@@ -604,9 +612,10 @@ msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int nob
 
 // --- The socket of a rolling start, read alone.
 
-// One message off `new_clhfd`: delivered, given to whoever may want it, or null with tperrno set. `settled` tells
-// whether the wait is over. The end of the socket shows in `new_clhfd`.
-static msg_header *read_ready(int body_fd, int stall_seconds, msg_header *want, bool *settled, wthr_var *block)
+// One message off `new_clhfd`: delivered, given to whoever may want it, or null with tperrno set. `settled`
+// tells whether the wait is over. The end of the socket shows in `new_clhfd`.
+static msg_header *read_ready(int body_fd, int stall_seconds, msg_header *want, bool *settled,
+                              wthr_var *block)
 {
     msg_header *message = nullptr;
     *settled = true;
@@ -673,7 +682,8 @@ msg_header *_check_read_buffer(msg_header *message)
     return message;
 }
 
-// No sender may hold the descriptor when its number becomes free. One that is stuck in send() lets go of it first.
+// No sender may hold the descriptor when its number becomes free. One that is stuck in send() lets go of it
+// first.
 static void close_under_senders(int fd, wthr_var *block)
 {
     if (fd == block->clhfd || fd == block->old_clhfd || fd == block->new_clhfd)

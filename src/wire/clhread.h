@@ -8,10 +8,11 @@ struct wthr_var;
 
 extern "C" {
 
-// All of these give a block of header and data, or null with tperrno set. With `want` (a header that tells what
-// is awaited, and the block that takes the reply) the result is `want` itself, or a new block, and then `want`
-// has been freed: the caller goes on with the result as its buffer. Without `want` the result is a new block,
-// owned by the caller. Any thread of the context; they take msg_mutex, and never hold it across a read.
+// All of these give a block of header and data, or null with tperrno set. With `want` (a header that tells
+// what is awaited, and the block that takes the reply) the result is `want` itself, or a new block, and then
+// `want` has been freed: the caller goes on with the result as its buffer. Without `want` the result is a new
+// block, owned by the caller. Any thread of the context; they take msg_mutex, and never hold it across a
+// read.
 
 msg_header *_read_csmsg_from_clh(int fd, msg_header *want, wthr_var *block);
 // No time limit but the transaction's; with `tolerant` not even that. `fd` serves where the context has no
@@ -26,7 +27,7 @@ msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int nob
 msg_header *_read_csmsg_from_ready_clh(int fd, msg_header *want, int unused, wthr_var *block);
 msg_header *_read_csmsg_from_ready_clh_timeout(msg_header *want, int seconds, wthr_var *block);
 
-msg_header *_check_read_buffer(msg_header *message);  // repairs a short field buffer
+msg_header *_check_read_buffer(msg_header *message);                   // repairs a short field buffer
 int _clh_read_error(int fd, int result, int unused, wthr_var *block);  // turns a failed read into tperrno; 1
 
 // Gives a message to the waiting thread whose template it answers; true if there is one. Expects msg_mutex.

@@ -1,10 +1,11 @@
 // Framing: one message off the stream.
 //
-// What the peer says about lengths is never believed: negative ones are refused, blocks are made as large as the
-// larger of `bufsize` and `datalen` and carry a trailer's room behind the data, and what a compressed or
-// enciphered frame turns out to hold is measured before it is used. A small message costs one allocation and one
-// recv: the first read of a frame takes what the socket has, up to READ_AHEAD_SIZE, and what belongs to the next
-// frame waits in the block. A long reply of plain bytes is read into the buffer of the thread that awaits it.
+// What the peer says about lengths is never believed: negative ones are refused, blocks are made as large as
+// the larger of `bufsize` and `datalen` and carry a trailer's room behind the data, and what a compressed or
+// enciphered frame turns out to hold is measured before it is used. A small message costs one allocation and
+// one recv: the first read of a frame takes what the socket has, up to READ_AHEAD_SIZE, and what belongs to
+// the next frame waits in the block. A long reply of plain bytes is read into the buffer of the thread that
+// awaits it.
 #include "wire/frames.h"
 
 #include "buffers/dencode.h"
@@ -29,7 +30,8 @@
 extern "C" {
 
 constexpr int64_t FIRST_BLOCK = 2000;
-constexpr int32_t IN_PLACE_FROM = 4096;  // data of this length isn't copied if it can be read to where it belongs
+constexpr int32_t IN_PLACE_FROM =
+    4096;  // data of this length isn't copied if it can be read to where it belongs
 
 struct frame_reader {
     int fd;
@@ -56,7 +58,8 @@ static int take_read_ahead(frame_reader *reader, char *to, int64_t length)
     return taken;
 }
 
-// One recv into the empty read-ahead. Above 0 if bytes came; otherwise what _vorn_readn gives when nothing came.
+// One recv into the empty read-ahead. Above 0 if bytes came; otherwise what _vorn_readn gives when nothing
+// came.
 static int fill_read_ahead(frame_reader *reader)
 {
     read_ahead *ahead = &reader->block->ahead;
@@ -79,8 +82,8 @@ static int fill_read_ahead(frame_reader *reader)
     }
 }
 
-// Reads exactly `length` bytes of a frame that has begun. The number read; a short one at the end of the stream; -1;
-// -TPESYSTEM after a stall.
+// Reads exactly `length` bytes of a frame that has begun. The number read; a short one at the end of the
+// stream; -1; -TPESYSTEM after a stall.
 static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
 {
     int64_t done = take_read_ahead(reader, to, length);
@@ -97,7 +100,8 @@ static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
             continue;
         if (errno != EAGAIN)
             return -1;
-        int ready = _set_bc_timer3(reader->stall_seconds > 0 ? reader->stall_seconds : 1, nullptr, reader->fd);
+        int ready =
+            _set_bc_timer3(reader->stall_seconds > 0 ? reader->stall_seconds : 1, nullptr, reader->fd);
         if (ready == TIMER_FAILED)
             return -1;
         if (ready == TIMER_EXPIRED && reader->stall_seconds > 0)
@@ -116,7 +120,8 @@ static int64_t read_head(frame_reader *reader, char *to, int length)
     return got <= 0 ? got : read_rest(reader, to, length);
 }
 
-// A failed read; read_frame frees the block. A result below -1 is an error number; any other is for _clh_read_error to judge.
+// A failed read; read_frame frees the block. A result below -1 is an error number; any other is for
+// _clh_read_error to judge.
 static frame_result failed(frame_reader *reader, int64_t result)
 {
     if (result < -1)
@@ -148,8 +153,8 @@ static void read_away(frame_reader *reader, int64_t length)
     }
 }
 
-// Makes the block `size` bytes large. Where that fails, the `coming` bytes of the frame that are still to be read are
-// read away, so that the next frame is met at its beginning.
+// Makes the block `size` bytes large. Where that fails, the `coming` bytes of the frame that are still to be
+// read are read away, so that the next frame is met at its beginning.
 static bool make_room(frame_reader *reader, int64_t size, int64_t coming)
 {
     if (size <= reader->size)
@@ -179,8 +184,8 @@ static frame_result read_body(frame_reader *reader, int64_t offset, int64_t leng
     return got == length ? FRAME_MESSAGE : failed(reader, got);
 }
 
-// A message that stands in the block in wire order and of which `length` bytes are there. Its data must be among
-// them; its `bufsize` may be anything, and is made true.
+// A message that stands in the block in wire order and of which `length` bytes are there. Its data must be
+// among them; its `bufsize` may be anything, and is made true.
 static frame_result accept_message(frame_reader *reader, int64_t length)
 {
     msg_header *message = (msg_header *)reader->bytes;
@@ -255,8 +260,8 @@ static frame_result read_raw(frame_reader *reader)
     return read_body(reader, HEADER_SIZE, length);
 }
 
-// Reads the rest of a frame whose payload stands behind a head of 16 bytes, and gives the payload's length; what
-// else than FRAME_MESSAGE the reading gave goes to `result`.
+// Reads the rest of a frame whose payload stands behind a head of 16 bytes, and gives the payload's length;
+// what else than FRAME_MESSAGE the reading gave goes to `result`.
 static int32_t read_wrapped(frame_reader *reader, frame_result *result)
 {
     int32_t length = (int32_t)get_word(reader->bytes + 4);
@@ -333,7 +338,8 @@ static frame_result convert_struct(frame_reader *reader)
     char *data = message_data(message);
     int length = message->datalen;
     if (host == net)
-        return _ntoh_data_sdl(message, data, data, &length) != nullptr ? FRAME_MESSAGE : failed(reader, -TPESYSTEM);
+        return _ntoh_data_sdl(message, data, data, &length) != nullptr ? FRAME_MESSAGE
+                                                                       : failed(reader, -TPESYSTEM);
     int64_t host_length = (int64_t)message->datalen / net * host;
     int64_t bufsize = host_length > message->bufsize ? host_length : message->bufsize;
     int64_t size = bufsize + BLOCK_OVERHEAD;
@@ -348,8 +354,8 @@ static frame_result convert_struct(frame_reader *reader)
     return done != nullptr ? FRAME_MESSAGE : failed(reader, -TPESYSTEM);
 }
 
-// Turns struct and field data to host form. A queue-control message of type 11 goes the way of field data, though
-// it left as a struct.
+// Turns struct and field data to host form. A queue-control message of type 11 goes the way of field data,
+// though it left as a struct.
 static frame_result convert_data(frame_reader *reader)
 {
     msg_header *message = (msg_header *)reader->bytes;
@@ -414,9 +420,11 @@ frame_result read_frame(int fd, int stall_seconds, msg_header *want, msg_header 
     return read_one(&reader, fd, message);
 }
 
-frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message, wthr_var *block)
+frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message,
+                              wthr_var *block)
 {
-    frame_reader reader = {head_fd, true, stall_seconds, nullptr, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
+    frame_reader reader = {head_fd,    true, stall_seconds, nullptr, block, (char *)malloc(FIRST_BLOCK),
+                           FIRST_BLOCK};
     return read_one(&reader, body_fd, message);
 }
 }

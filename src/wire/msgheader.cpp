@@ -33,8 +33,8 @@ msg_header *_header_msg_make(int32_t msgtype, int32_t rcode)
     return message;
 }
 
-// Turns `count` words from `offset` on. Turning a word is its own inverse, so both directions share it; source
-// and destination may be the same record.
+// Turns `count` words from `offset` on. Turning a word is its own inverse, so both directions share it;
+// source and destination may be the same record.
 static void turn_words(const msg_header *source, msg_header *destination, size_t offset, int count)
 {
     const char *from = (const char *)source + offset;

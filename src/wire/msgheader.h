@@ -14,26 +14,26 @@ constexpr uint32_t MESSAGE_MAGIC = 0x90352082;
 // On the wire every 32-bit word is big-endian; in memory it is in host order. `value` and `xid` aren't turned
 // on sending when msgtype is TPBROADCAST: offset 36 to 67 then holds the destination's name.
 struct msg_header {
-    uint32_t magic;     // 0
-    int32_t seqno;      // 4   the reply carries the request's number
-    int32_t buftype;    // 8   kind of the data, BUF_*
-    int32_t bufsize;    // 12  allocated size of the data area at the sender
-    int32_t msgtype;    // 16
-    int32_t rcode;      // 20  user return code; count or size in some replies
-    int32_t srcid;      // 24  goes back in `cd` of a notification's acknowledgement
-    int32_t target;     // 28  server group; the error number in a refused start
-    int32_t prio;       // 32  request priority; engine version in a start reply
-    int32_t value;      // 36
-    uint32_t xid[3];    // 40  compact transaction identity
-    char subtype[16];   // 52  struct name, NUL-padded
-    char svcname[32];   // 68  31 characters and a NUL
-    int32_t datalen;    // 100 bytes of data behind the header
-    uint32_t flags;     // 104 request: the caller's flags; reply: the caller's tperrno
-    int32_t cd;         // 108 descriptor, or a selector
-    int32_t sessid;     // 112
-    uint32_t xflags;    // 116 transport flags, XFLAG_*
-    uint32_t reserved;  // 120
-    uint32_t callid[3]; // 124
+    uint32_t magic;      // 0
+    int32_t seqno;       // 4   the reply carries the request's number
+    int32_t buftype;     // 8   kind of the data, BUF_*
+    int32_t bufsize;     // 12  allocated size of the data area at the sender
+    int32_t msgtype;     // 16
+    int32_t rcode;       // 20  user return code; count or size in some replies
+    int32_t srcid;       // 24  goes back in `cd` of a notification's acknowledgement
+    int32_t target;      // 28  server group; the error number in a refused start
+    int32_t prio;        // 32  request priority; engine version in a start reply
+    int32_t value;       // 36
+    uint32_t xid[3];     // 40  compact transaction identity
+    char subtype[16];    // 52  struct name, NUL-padded
+    char svcname[32];    // 68  31 characters and a NUL
+    int32_t datalen;     // 100 bytes of data behind the header
+    uint32_t flags;      // 104 request: the caller's flags; reply: the caller's tperrno
+    int32_t cd;          // 108 descriptor, or a selector
+    int32_t sessid;      // 112
+    uint32_t xflags;     // 116 transport flags, XFLAG_*
+    uint32_t reserved;   // 120
+    uint32_t callid[3];  // 124
 };
 static_assert(sizeof(msg_header) == 136);
 static_assert(offsetof(msg_header, value) == 36);
@@ -43,8 +43,8 @@ static_assert(offsetof(msg_header, datalen) == 100);
 static_assert(offsetof(msg_header, callid) == 124);
 
 constexpr int32_t HEADER_SIZE = 136;
-constexpr int32_t TRAILER_ROOM = 64;                           // reserve behind the data of every block
-constexpr int32_t BLOCK_OVERHEAD = HEADER_SIZE + TRAILER_ROOM; // what a block holds besides its data
+constexpr int32_t TRAILER_ROOM = 64;                            // reserve behind the data of every block
+constexpr int32_t BLOCK_OVERHEAD = HEADER_SIZE + TRAILER_ROOM;  // what a block holds besides its data
 
 enum buffer_kind : int32_t {
     BUF_STRUCT = 1,
@@ -112,8 +112,14 @@ msg_header *_ntoh_header(const msg_header *source, msg_header *destination);
 const char *_real_getmsgtype(int number);
 
 // The data behind a header, and the header in front of a user pointer.
-static inline char *message_data(msg_header *message) { return (char *)message + HEADER_SIZE; }
-static inline msg_header *message_of(char *data) { return (msg_header *)(data - HEADER_SIZE); }
+static inline char *message_data(msg_header *message)
+{
+    return (char *)message + HEADER_SIZE;
+}
+static inline msg_header *message_of(char *data)
+{
+    return (msg_header *)(data - HEADER_SIZE);
+}
 
 // One word of wire data, wherever it stands.
 static inline uint32_t get_word(const void *from)

@@ -11,8 +11,8 @@ struct wthr_var;
 extern "C" {
 
 // A set of 16,384 descriptors. A select over it may name any of them, where the C library's stops at 1,024.
-// Only the words up to the highest descriptor are cleared, passed and looked at, so that a set costs a word or
-// two and not its two kilobytes.
+// Only the words up to the highest descriptor are cleared, passed and looked at, so that a set costs a word
+// or two and not its two kilobytes.
 constexpr int WIDE_SET_BITS = 16384;
 struct wide_set {
     uint64_t words[WIDE_SET_BITS / 64];

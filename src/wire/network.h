@@ -11,10 +11,10 @@
 
 extern "C" {
 
-constexpr int NET_FAILED = -1;           // no socket, no such name, or no connection
+constexpr int NET_FAILED = -1;  // no socket, no such name, or no connection
 constexpr int NET_BIND_FAILED = -2;
 constexpr int NET_LISTEN_FAILED = -3;
-constexpr int NET_NAME_FAILED = -4;      // the own port couldn't be read; for local sockets: no connection
+constexpr int NET_NAME_FAILED = -4;  // the own port couldn't be read; for local sockets: no connection
 
 // Backlog 127. The second form doesn't reuse an address in TIME_WAIT. The fourth takes the port from `*port`
 // (0 without a pointer) and stores the one it got.
@@ -44,8 +44,8 @@ int start_connect(int fd, const struct sockaddr *address, socklen_t length);  //
 int finish_connect(int fd, int seconds, int microseconds);                    // 1 or -1
 int close_failed(int fd, int result);  // closes, keeps errno, gives `result`
 
-const char *_vorn_peerip(int fd);               // dotted, in a buffer of the calling thread; "Unknown"
-int32_t _vorn_getipbyname(const char *name);    // network order; -1: no such name
+const char *_vorn_peerip(int fd);             // dotted, in a buffer of the calling thread; "Unknown"
+int32_t _vorn_getipbyname(const char *name);  // network order; -1: no such name
 }
 
 #endif

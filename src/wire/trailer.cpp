@@ -14,9 +14,9 @@ extern "C" {
 static constexpr int ENTRY_HEAD = 2;  // type and length
 
 struct trailer_entry {
-    char *at;       // its type byte
+    char *at;  // its type byte
     char *content;
-    int length;     // of the content
+    int length;  // of the content
 };
 
 static int trailer_total(const msg_header *message)
