@@ -55,7 +55,9 @@ int tpinit(TPINIT *tpinfo);
 
 /* Closes the session and frees the context, whether or not the server answers. 1, or -1 with tperrno:
  * TPEPROTO (no session), TPESYSTEM (the server did not take its leave; the session is closed all the
- * same). All other threads of the context must be out of their calls: the context goes under them. */
+ * same). All other threads of the context must be out of their calls: the context goes under them. Only
+ * threads that wait for a reply without a limit, after the connection was lost, may stay: they wait for
+ * ever, and the memory stays for them. */
 int tpend(void);
 int tpterm(void);
 

@@ -88,6 +88,7 @@ void _clr_tx_timer(wthr_var *block)
 {
     alarm(0);
     block->tx_timer_on = 0;
+    block->tx_deadline = 0;
 }
 
 void _vorn_sig_alarm2(int signal, wthr_var *block)

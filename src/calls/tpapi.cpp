@@ -92,15 +92,8 @@ int tpcall(char *svc, char *idata, long ilen, char **odata, long *olen, long fla
     api_frame frame;
     if (!API_ENTER(&frame, TPCALL, svc != nullptr ? svc : "", idata, (int)ilen, odata, olen, (int)flags))
         return -1;
-    set_tperrno(0);
-    switch (api_open_context(&frame)) {
-    case API_NO_CONTEXT:
-        return api_error(&frame, &TPCALL);
-    case API_NOTHING_TO_DO:
-        return api_return(&TPCALL, 1);
-    case API_GO_ON:
-        break;
-    }
+    if (!api_begin(&frame, &TPCALL))
+        return frame.result;
     wthr_var *block = frame.block;
     if (olen == nullptr || odata == nullptr || *odata == nullptr)
         return api_fail(&frame, &TPCALL, TPEINVAL);
@@ -190,15 +183,8 @@ int _tpacall2(char *svc, int target, int process, char *data, long len, long fla
     api_frame frame;
     if (!API_ENTER(&frame, TPACALL, svc != nullptr ? svc : "", data, (int)len, (int)flags))
         return -1;
-    set_tperrno(0);
-    switch (api_open_context(&frame)) {
-    case API_NO_CONTEXT:
-        return api_error(&frame, &TPACALL);
-    case API_NOTHING_TO_DO:
-        return api_return(&TPACALL, 1);
-    case API_GO_ON:
-        break;
-    }
+    if (!api_begin(&frame, &TPACALL))
+        return frame.result;
     wthr_var *block = frame.block;
     bool directed = (flags & TPSPRCALL) != 0;
     if (!directed && has_flags_outside(flags, TPACALL_FLAGS))
@@ -256,16 +242,20 @@ static void mark_transaction_of(int index, wthr_var *block)
         _check_rollback(block);
 }
 
-// A reply that came while nobody waited: that of row `*index`, or with TPGETANY the oldest, whose row
-// `*index` then is. It takes the caller's buffer's place, grown to its size. False if there is none. On true
-// `*reply` is null if the buffer refuses it; tperrno is set, and the reply stays stored.
+// A reply that came while nobody waited: that of the buffer's descriptor, in row `*index`, or with TPGETANY
+// the oldest, whose row `*index` then is. It takes the caller's buffer's place, grown to its size. False if
+// there is none. On true `*reply` is null if the buffer refuses it; tperrno is set, and the reply stays
+// stored.
 static bool collect_stored(int *index, msg_header *buffer, msg_header **reply, wthr_var *block)
 {
     bool any = (buffer->flags & TPGETANY) != 0;
     _thread_mutex_lock(&block->msg_mutex);
-    int stored = *index >= 0 && block->acall[*index].reply != nullptr ? *index
-                 : any                                                ? oldest_ready(block)
-                                                                      : -1;
+    *index = _get_acall_cd_ind(buffer->cd, block);  // the row may be another call's by now
+    int stored = -1;
+    if (*index >= 0 && block->acall[*index].reply != nullptr)
+        stored = *index;
+    else if (any)
+        stored = oldest_ready(block);
     *reply = nullptr;
     if (stored >= 0) {
         *index = stored;
@@ -309,6 +299,8 @@ int tpgetrply(int *cd, char **odata, long *olen, long flags)
     if (!collect_stored(&index, buffer, &reply, block)) {
         int limit = wait_limit(block, flags, TPNOTIME | TPNOBLOCK);
         reply = _read_csmsg_from_clh_timeout2(buffer, limit, (int)(flags & TPNOBLOCK), block);
+        if (reply == nullptr)
+            index = _get_acall_cd_ind(*cd, block);
     }
     if (reply == nullptr) {
         mark_transaction_of(index, block);

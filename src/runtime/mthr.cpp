@@ -259,13 +259,19 @@ void bind_row(wthr_elem *row)
     tables_changed();
 }
 
-// A block that no table names any more. Nobody can hold roll_mutex at this point, and it is left as it is.
+// A block that no table names any more. Threads that wait for a reader after the last socket went can't leave
+// their calls; where there are any the block stays for them. Nobody can hold roll_mutex at this point, and it
+// is left as it is.
 static void free_block(wthr_var *block)
 {
-    free(block->subscr);
     _thread_mutex_lock(&block->msg_mutex);
-    free(block->offer_msg);
+    bool needed = block->waiting > 0;
+    if (!needed)
+        free(block->offer_msg);
     _thread_mutex_unlock(&block->msg_mutex);
+    if (needed)
+        return;
+    free(block->subscr);
     _thread_mutex_destroy(&block->msg_mutex);
     _thread_cond_destroy(&block->reader_cond);
     _thread_cond_destroy(&block->offer_done_cond);

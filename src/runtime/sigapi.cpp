@@ -30,13 +30,19 @@
 
 extern "C" {
 
+// clang-format off
 sig_elem sig_table[SIG_ROWS] = {
-    {SIGHUP, 0, nullptr, nullptr},  {SIGINT, 0, nullptr, nullptr},
-    {SIGQUIT, 0, nullptr, nullptr}, {SIGALRM, 0, nullptr, _vorn_sig_alrm},
-    {SIGTERM, 0, nullptr, nullptr}, {SIGPIPE, 0, nullptr, _vorn_sig_pipe},
-    {SIGUSR1, 0, nullptr, nullptr}, {SIGUSR2, 0, nullptr, nullptr},
+    {SIGHUP, 0, nullptr, nullptr},
+    {SIGINT, 0, nullptr, nullptr},
+    {SIGQUIT, 0, nullptr, nullptr},
+    {SIGALRM, 0, nullptr, _vorn_sig_alrm},
+    {SIGTERM, 0, nullptr, nullptr},
+    {SIGPIPE, 0, nullptr, _vorn_sig_pipe},
+    {SIGUSR1, 0, nullptr, nullptr},
+    {SIGUSR2, 0, nullptr, nullptr},
     {-1, 0, nullptr, nullptr},
 };
+// clang-format on
 int32_t sig_table_initialized = 0;
 int32_t sig_defer_counter = 0;
 int32_t _vorn_coredump = 0;
@@ -175,13 +181,22 @@ void _vorn_sig_alrm(int signal)
         _vorn_sig_alarm2(signal, frame.block);
 }
 
+// The shutdown wakes a thread that sleeps on the socket, which a close alone doesn't.
+static void close_connection(wthr_var *block)
+{
+    int fd = block->clhfd;
+    if (fd >= 0)
+        shutdown(fd, SHUT_RDWR);
+    _clhc_close(fd, block);
+}
+
 void _vorn_sig_pipe(int)
 {
     api_frame frame;
     if (!api_find(&frame))
         return;
     VORN_LOG(0, LEVEL_ERROR, "CLI0128", "0111 signal %s catched", "SIGPIPE");
-    _clhc_close(frame.block->clhfd, frame.block);
+    close_connection(frame.block);
 }
 
 // Not in the table: urgent data is looked for where it is expected.
@@ -194,7 +209,7 @@ void _vorn_sig_urg(int)
     char urgent[256];
     if (recv(frame.block->clhfd, urgent, sizeof urgent, MSG_OOB) < 0)
         urgent[0] = '\0';  // its content doesn't matter
-    _clhc_close(frame.block->clhfd, frame.block);
+    close_connection(frame.block);
 }
 
 // "log/slog" below VORNDIR; empty if that isn't set, or leaves no room.

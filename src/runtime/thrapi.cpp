@@ -11,6 +11,7 @@ bool api_find(api_frame *frame)
     frame->row = current_row();
     frame->block = current_block();
     frame->row_bound = 0;
+    frame->result = -1;
     return frame->row != nullptr;
 }
 
@@ -75,6 +76,22 @@ int api_fail(const api_frame *frame, const api_text *text, int code)
 {
     set_tperrno(code);
     return api_error(frame, text);
+}
+
+bool api_begin(api_frame *frame, const api_text *text)
+{
+    set_tperrno(0);
+    switch (api_open_context(frame)) {
+    case API_NO_CONTEXT:
+        frame->result = api_error(frame, text);
+        return false;
+    case API_NOTHING_TO_DO:
+        frame->result = api_return(text, 1);
+        return false;
+    case API_GO_ON:
+        break;
+    }
+    return true;
 }
 
 static constexpr api_text TPSETCTXT = API_TEXT("tpsetctxt", "(%d, %d)");

@@ -27,6 +27,7 @@ struct api_frame {
     wthr_elem *row;   // the caller's row, row 0 if it has none
     wthr_var *block;  // its block, or the fall-back block
     int row_bound;    // 1 once api_open_context has bound a row in this call
+    int result;       // of a call that api_begin has ended
 };
 
 // Finds row and block; false if the tables can't be made: the caller then returns its failure value at once,
@@ -41,6 +42,10 @@ bool api_find(api_frame *frame);
 // The starting form of the session check: a call that may open a session by itself goes on only on API_GO_ON.
 enum api_context { API_GO_ON, API_NOTHING_TO_DO, API_NO_CONTEXT };
 api_context api_open_context(api_frame *frame);
+
+// The opening of such a call behind its entry: clears the error and opens a context if there is none. False
+// if the call is over; its exit is traced and frame->result is what it returns.
+bool api_begin(api_frame *frame, const api_text *text);
 
 // Exits. api_error reports the error that stands in the caller's cell; api_fail sets it first. Both give -1.
 // Where the call has bound a row and then failed before it tried to start a session, they end that context,

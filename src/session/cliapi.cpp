@@ -129,9 +129,7 @@ static int connect_session(int to_backup, wthr_var *block)
     }
     // A role that was left taken when the last socket went would keep everybody from the new one.
     drop_read_ahead(block, block->ahead.fd);
-    _thread_mutex_lock(&block->msg_mutex);
-    block->reader_busy = 0;
-    _thread_mutex_unlock(&block->msg_mutex);
+    free_reader_role(block);
     return 1;
 }
 
@@ -230,6 +228,15 @@ static msg_header *start_message(TPSTART_T *tpinfo, wthr_var *block)
     return message;
 }
 
+// Closes the connection of an attempt that came to nothing.
+static void abandon_connection(wthr_var *block)
+{
+    int fd = block->clhfd.exchange(-1);
+    drop_read_ahead(block, fd);
+    _dh_close_sess(block->crypt_sess.exchange(nullptr));
+    close(fd);
+}
+
 // Up to two attempts. 1, or -1 with tperrno set. The context has ended where no connection could be made, or
 // the login was refused for good; after two failed exchanges it stands, without a socket and without a
 // session.
@@ -245,8 +252,7 @@ static int try_to_start(msg_header *message, wthr_var *block)
         _txinfo_end(block);
         if (block->clhfd < 0)
             return end_context_with(code);
-        drop_read_ahead(block, block->clhfd);
-        close(block->clhfd.exchange(-1));
+        abandon_connection(block);
         if (code == TPESECURITY)
             return end_context_with(code);  // a refused login isn't tried again
         usleep(ATTEMPT_PAUSE);
@@ -411,8 +417,7 @@ static int try_to_init(msg_header *message, wthr_var *block)
         int code = get_tperrno();
         if (block->clhfd < 0)
             return end_context_with(code);
-        drop_read_ahead(block, block->clhfd);
-        close(block->clhfd.exchange(-1));
+        abandon_connection(block);
         set_tperrno(code);
         if (code == TPESECURITY)
             return -1;

@@ -48,34 +48,51 @@ struct read_waiter {
     read_waiter *previous, *next;
 };
 
+// Log codes of a reply that bears another number: a call's, a receipt's, a commit's or rollback's.
+struct sequence_codes {
+    const char *call, *receipt, *commit;
+};
+static constexpr sequence_codes CODES_UNLIMITED = {"CSC5717", "CSC5718", "CSC5719"};
+static constexpr sequence_codes CODES_TIMED = {"CSC5714", "CSC5715", "CSC5716"};
+
 // One wait, as its caller wants it.
 struct read_wait {
     msg_header *want;
     wthr_var *block;
     bool timed;  // false: no limit but the transaction's
     int seconds;
+    time_t begin;
     bool to_end_in_block;  // a time-out is TPEBLOCK
     bool tolerant;         // an expired transaction doesn't end the wait
     int fallback_fd;       // read where the context has no socket
     bool watch_urgent;     // timed: still look for urgent data
-    time_t begin;
-    const char
-        *sequence_codes[3];  // log codes of a reply with another number: a call's, a receipt's, a commit's
 };
 
-static read_wait unlimited_wait(msg_header *want, wthr_var *block)
+// A transaction that has run out of time can still hear the answer to its commit or rollback.
+static bool is_end_of_transaction(const msg_header *want)
 {
-    return {want, block, false, 0, false, false, -1, true, 0, {"CSC5717", "CSC5718", "CSC5719"}};
+    return want != nullptr && (want->msgtype == MSG_TX_COMMIT || want->msgtype == MSG_TX_ROLLBACK);
+}
+
+static read_wait unlimited_wait(int fd, msg_header *want, bool tolerant, wthr_var *block)
+{
+    read_wait wait = {};
+    wait.want = want;
+    wait.block = block;
+    wait.tolerant = tolerant;
+    wait.fallback_fd = fd;
+    return wait;
 }
 
 static read_wait timed_wait(msg_header *want, int seconds, int noblock, wthr_var *block)
 {
-    bool commit = want != nullptr && (want->msgtype == MSG_TX_COMMIT || want->msgtype == MSG_TX_ROLLBACK);
-    if (seconds < 0)
-        seconds = 0;
-    bool block_error = seconds == 0 && (noblock & 1) != 0;
-    return {want,   block, true, seconds,       block_error,
-            commit, -1,    true, time(nullptr), {"CSC5714", "CSC5715", "CSC5716"}};
+    read_wait wait = unlimited_wait(-1, want, is_end_of_transaction(want), block);
+    wait.timed = true;
+    wait.seconds = seconds < 0 ? 0 : seconds;
+    wait.begin = time(nullptr);
+    wait.to_end_in_block = wait.seconds == 0 && (noblock & 1) != 0;
+    wait.watch_urgent = true;
+    return wait;
 }
 
 static int remaining(const read_wait *wait)
@@ -87,6 +104,14 @@ static int remaining(const read_wait *wait)
 static int milliseconds_of(int seconds)
 {
     return seconds > INT32_MAX / 1000 ? INT32_MAX : seconds < 0 ? 0 : seconds * 1000;
+}
+
+// Time is counted in whole seconds; until the present one ends, none has passed.
+static int rest_of_second(void)
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return 1000 - (int)(now.tv_nsec / 1000000);
 }
 
 static int time_out_error(const read_wait *wait)
@@ -224,9 +249,12 @@ static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
 
 static void release_role(const read_wait *wait)
 {
-    wthr_var *block = wait->block;
-    if (wait->want == nullptr && !wait->timed)
-        return;  // giving it up is the caller's business
+    if (wait->want != nullptr || wait->timed)  // otherwise giving it up is the caller's business
+        free_reader_role(wait->block);
+}
+
+void free_reader_role(wthr_var *block)
+{
     _thread_mutex_lock(&block->msg_mutex);
     read_waiter *next = give_role(block);
     _thread_mutex_unlock(&block->msg_mutex);
@@ -251,13 +279,24 @@ static int unlimited_slice(const wthr_var *block)
     return left < 1 ? 1000 : left > 86400 ? 86400000 : (int)left * 1000;
 }
 
-// The alarm's work, in case the alarm was for another thread. Negative if the transaction has run out of
+// True for a wait inside the open transaction whose deadline has passed, also where another thread's call,
+// which it ended first, has marked the transaction rollback-only since.
+static bool marked_behind_deadline(const read_wait *wait)
+{
+    const wthr_var *block = wait->block;
+    bool outside = wait->want != nullptr && (wait->want->flags & TPNOTRAN) != 0;
+    if (outside || is_end_of_transaction(wait->want) || tx_state_of(block) != TX_STATE_ROLLBACK)
+        return false;
+    return in_transaction(block) && block->tx_deadline != 0 && time(nullptr) >= block->tx_deadline;
+}
+
+// Does the alarm's work, in case the alarm was for another thread. Negative if the transaction has run out of
 // time.
 static int transaction_expired(const read_wait *wait)
 {
     if (wait->block->tx_timer_on != 0)
         _vorn_sig_alarm2(0, wait->block);
-    return _tx_timeout_check(wait->want);
+    return _tx_timeout_check(wait->want) < 0 || marked_behind_deadline(wait) ? -TPETIME : 0;
 }
 
 enum role_result { ROLE_TAKEN, ROLE_HANDED, ROLE_FAILED };
@@ -475,8 +514,10 @@ static bool offer(const read_wait *wait, msg_header *message)
     block->offer_msg = message;
     int seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
     while (seconds >= 0 && block->offer_left > 0) {
-        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex,
-                               milliseconds_of(wait->timed ? seconds : 3));
+        int milliseconds = milliseconds_of(wait->timed ? seconds : 3);
+        if (milliseconds == 0)
+            milliseconds = rest_of_second();
+        _thread_cond_timedwait(&block->offer_done_cond, &block->msg_mutex, milliseconds);
         seconds = wait->timed ? remaining(wait) : _tx_timeout_check(wait->want);
     }
     bool taken = block->offer_msg == nullptr;
@@ -492,17 +533,18 @@ static void log_sequence_error(const read_wait *wait, const msg_header *message)
     int64_t kind = (int64_t)message->msgtype - want->msgtype;
     if ((kind != REPLY && kind != ERROR_REPLY && kind != ERROR_REPLY2) || want->seqno == message->seqno)
         return;
+    const sequence_codes *codes = wait->timed ? &CODES_TIMED : &CODES_UNLIMITED;
     const char *code = nullptr;
     switch (want->msgtype) {
     case MSG_TPCALL:
-        code = wait->sequence_codes[0];
+        code = codes->call;
         break;
     case MSG_TPACALL_BLOCK:
-        code = wait->sequence_codes[1];
+        code = codes->receipt;
         break;
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
-        code = engine_version() > 0 ? wait->sequence_codes[2] : nullptr;
+        code = engine_version() > 0 ? codes->commit : nullptr;
         break;
     }
     if (code != nullptr)
@@ -591,9 +633,7 @@ msg_header *_read_csmsg_from_clh(int fd, msg_header *want, wthr_var *block)
 
 msg_header *_read_csmsg_from_clh2(int fd, msg_header *want, int tolerant, wthr_var *block)
 {
-    read_wait wait = unlimited_wait(want, block);
-    wait.fallback_fd = fd;
-    wait.tolerant = tolerant != 0;
+    read_wait wait = unlimited_wait(fd, want, tolerant != 0, block);
     return perform(&wait);
 }
 
@@ -686,7 +726,7 @@ msg_header *_check_read_buffer(msg_header *message)
 // first.
 static void close_under_senders(int fd, wthr_var *block)
 {
-    if (fd == block->clhfd || fd == block->old_clhfd || fd == block->new_clhfd)
+    if (fd == block->clhfd)  // requests go out over no other
         shutdown(fd, SHUT_RDWR);
     _thread_mutex_lock(&block->msg_mutex);
     _clhc_close(fd, block);

@@ -33,6 +33,10 @@ int _clh_read_error(int fd, int result, int unused, wthr_var *block);  // turns 
 // Gives a message to the waiting thread whose template it answers; true if there is one. Expects msg_mutex.
 bool hand_to_waiter(msg_header *message, wthr_var *block);
 
+// Gives the reader role to the thread that has waited longest, or up if none waits: at the end of a wait, and
+// at a new connection, since the role stays taken when the last socket goes. Takes msg_mutex.
+void free_reader_role(wthr_var *block);
+
 // Takes back the count of a thread that has sent and will not come to wait. Takes msg_mutex.
 void forget_waiter(wthr_var *block);
 

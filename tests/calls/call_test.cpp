@@ -638,6 +638,7 @@ TEST_F(Call, LengthsAboutTheSizesOfBlocksRoundTrip)
         ASSERT_EQ(len, size);
         EXPECT_EQ(memcmp(in, out, (size_t)size), 0) << size;
     }
+    peer.done();
 }
 
 TEST_F(Call, FunctionsOfAServiceDoNothing)
