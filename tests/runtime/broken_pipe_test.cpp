@@ -19,8 +19,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// The handler writes its log line inside the signal, which the thread checker would call unsafe; the signal comes out
-// of the thread's own send, between two allocations and never within one.
+// The handler writes its log line inside the signal, which the thread checker would call unsafe. The signal comes
+// out of the thread's own send, between two allocations and never within one.
 extern "C" const char *__tsan_default_options(void);
 extern "C" const char *__tsan_default_options(void)
 {

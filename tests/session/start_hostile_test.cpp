@@ -154,7 +154,7 @@ TEST_F(StartHostile, GivenBackStartInsideACallIsTriedAgain)
     end();
 }
 
-// ---- messages before the start reply; what they leave behind, the leak checker finds at the end of the process
+// ---- messages before the start reply; the leak checker finds what they leave behind
 
 TEST_F(StartHostile, MessagesBeforeTheReplyAreDroppedOnceTheStartIsAccepted)
 {

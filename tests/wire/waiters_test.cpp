@@ -195,7 +195,7 @@ TEST_F(Waiters, ExpiredTransactionEndsAWaitersWaitAndTheReaderGoesOn)
     ASSERT_TRUE(open());
     open_transaction();
     auto reader = begin_tolerant_reader(77);
-    shared->tx_deadline = time(nullptr) + 1;
+    shared->tx_deadline = time(nullptr) + 3;
     shared->tx_timer_on = 1;
     auto waiter = begin_call("WAITER");
     peer.expect(wire::TPACALL).svcname("WAITER");
@@ -214,7 +214,7 @@ TEST_F(Waiters, StateSetByAnotherThreadEndsAWaitersWait)
     ASSERT_TRUE(open());
     open_transaction();
     auto reader = begin_tolerant_reader(77);
-    shared->tx_deadline = time(nullptr) + 1;
+    shared->tx_deadline = time(nullptr) + 3;
     shared->tx_timer_on = 1;
     auto waiter = begin_call("WAITER");
     peer.expect(wire::TPACALL).svcname("WAITER");
@@ -371,9 +371,12 @@ TEST_F(Waiters, TimeOutAtTheLastMomentLosesNeitherMessageNorRole)
             if (!peer.receive(&one) || !peer.receive(&two))
                 return;
             // The reader's own answer makes it give the role away; the other one's is handed over.
+            // In one piece: the second one of two would wait for the acknowledgement of the first.
             bool swapped = round % 4 == 0;
+            std::string replies;
             for (const wire::frame &request : {swapped ? two : one, swapped ? one : two})
-                peer.reply_to(request, request.svcname, {.buftype = wire::CARRAY});
+                replies += wire::encode(wire::answer(request, request.svcname, {.buftype = wire::CARRAY}));
+            peer.send_raw(replies);
         }
     });
     // Both threads begin a round together.
