@@ -184,12 +184,22 @@ int _vorn_start(msg_header *message, int msgtype, int to_backup, wthr_var *block
 static constexpr api_text TPSTART = {"tpstart", "tpstart(\"%s\", \"%s\", \"%s\", \"%s\", %#x)",
                                      "tpstart = %d", "tpstart = -1 [%d : %s]"};
 
+// True if threads still wait on the context: after the connection was lost they can't leave their calls, and
+// what they look at when a signal wakes them must stay.
+static bool others_wait(wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    bool waiting = block->waiting > 0;
+    _thread_mutex_unlock(&block->msg_mutex);
+    return waiting;
+}
+
 // Ends the thread's context with all that a start has built in it, and leaves `code` where the thread finds
 // it then. -1, for the failures among its callers.
 static int end_context_with(int code)
 {
     wthr_var *block = current_block();
-    if (block != _main_wthrv)
+    if (block != _main_wthrv && !others_wait(block))
         _clear_init_mem(block);
     _context_end();
     set_tperrno(code);

@@ -19,14 +19,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// The handler writes its log line inside the signal, which the thread checker would call unsafe. The signal comes
-// out of the thread's own send, between two allocations and never within one.
-extern "C" const char *__tsan_default_options(void);
-extern "C" const char *__tsan_default_options(void)
-{
-    return "report_signal_unsafe=0";
-}
-
 namespace {
 
 bool is_open(int fd)
