@@ -177,11 +177,13 @@ extern int32_t _start_ctxt;  // context mode
 extern int32_t _init_wthr_flag;
 extern wthr_var *_main_wthrv;   // block of context row 0
 extern wthr_elem *_main_wthrp;  // thread row 0
-extern pthread_mutex_t
-    _wthr_mutex;         // the table lock: structure of both tables; held for a lookup or a binding
-extern int32_t _endian;  // 1 big-endian, 2 little-endian, 0 not yet told by _check_node
+extern int32_t _endian;         // 1 big-endian, 2 little-endian, 0 not yet told by _check_node
 extern int32_t _node_type;
 extern int32_t _my_pid;
+
+// The table lock: the structure of both tables. Held for a lookup or a binding, and taken inside msg_mutex,
+// never around it.
+extern pthread_mutex_t _wthr_mutex;
 
 // Tables. All expect the table lock, except as told.
 int _init_thrtbl(void);                    // 1, or -1 without tables
