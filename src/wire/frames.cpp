@@ -30,8 +30,8 @@
 extern "C" {
 
 constexpr int64_t FIRST_BLOCK = 2000;
-constexpr int32_t IN_PLACE_FROM =
-    4096;  // data of this length isn't copied if it can be read to where it belongs
+// Data of this length isn't copied if it can be read to where it belongs.
+constexpr int32_t IN_PLACE_FROM = 4096;
 
 struct frame_reader {
     int fd;
@@ -143,6 +143,7 @@ static frame_result without_memory(void)
     return FRAME_FAILED;
 }
 
+// Reads the next `length` bytes of the frame into the block, over and over.
 static void read_away(frame_reader *reader, int64_t length)
 {
     while (length > 0) {

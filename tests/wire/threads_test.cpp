@@ -15,10 +15,9 @@
 #include "vorn/errors.h"
 #include "vorn/flags.h"
 #include "vorn/session.h"
+#include "wire/clients.h"
 
 namespace {
-
-constexpr int NO_CONTEXT = -100;
 
 std::string upper(std::string text)
 {
@@ -32,13 +31,6 @@ std::string text_of(const char *buffer, long length)
 {
     return std::string(buffer, (size_t)(length > 0 && buffer[length - 1] == '\0' ? length - 1 : length));
 }
-
-// What came out of one call.
-struct outcome {
-    int result = 0;
-    int error = 0;
-    std::string data;
-};
 
 outcome call(const std::string &text, long flags = 0, long room = 1024)
 {
@@ -67,23 +59,14 @@ outcome fetch(int descriptor, long flags = 0)
     return out;
 }
 
-// A client thread on a context of another, and what its work gave. Outlives the work.
-struct client {
-    outcome out;
-    std::atomic<pthread_t> thread{0};
-    Task task;
-
-    client(Conn &peer, int context, std::function<outcome()> work)
-        : task(peer, [this, context, work = std::move(work)]() -> long {
-              thread = pthread_self();
-              if (tpsetctxt(context, 0) != 1)
-                  return NO_CONTEXT;
-              out = work();
-              tpsetctxt(TPNULLCONTEXT, 0);
-              return out.result;
-          })
-    {}
-};
+outcome call_and_fetch(const std::string &text)
+{
+    char *buffer = tpalloc((char *)"STRING", nullptr, (long)text.size() + 1);
+    strcpy(buffer, text.c_str());
+    int descriptor = tpacall((char *)"TOUPPER", buffer, 0, 0);
+    tpfree(buffer);
+    return fetch(descriptor);
+}
 
 struct Threads : SessionTest {
     int number = 0;
@@ -546,11 +529,7 @@ TEST_F(Threads, ManyThreadsAsynchronousCalls)
 {
     ASSERT_TRUE(open({.acall_size = 64}));
     many_threads(*this, 0, [](const std::string &text, long) {
-        char *buffer = tpalloc((char *)"STRING", nullptr, (long)text.size() + 1);
-        strcpy(buffer, text.c_str());
-        int descriptor = tpacall((char *)"TOUPPER", buffer, 0, 0);
-        tpfree(buffer);
-        return fetch(descriptor);
+        return call_and_fetch(text);
     });
 }
 
@@ -560,11 +539,7 @@ TEST_F(Threads, ManyThreadsOfBothKinds)
     many_threads(*this, 0, [](const std::string &text, long) {
         if (text.size() % 3 == 0)
             return call(text);
-        char *buffer = tpalloc((char *)"STRING", nullptr, (long)text.size() + 1);
-        strcpy(buffer, text.c_str());
-        int descriptor = tpacall((char *)"TOUPPER", buffer, 0, 0);
-        tpfree(buffer);
-        return fetch(descriptor);
+        return call_and_fetch(text);
     });
 }
 

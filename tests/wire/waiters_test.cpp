@@ -19,18 +19,9 @@
 #include "vorn/flags.h"
 #include "vorn/session.h"
 #include "wire/clhread.h"
+#include "wire/clients.h"
 
 namespace {
-
-constexpr int NO_CONTEXT = -100;
-
-// What came out of one wait.
-struct outcome {
-    int result = 0;
-    int error = 0;
-    std::string data;
-    time_t ended = 0;
-};
 
 outcome finish(int result, const char *data, long length)
 {
@@ -67,24 +58,6 @@ int send_call(const char *service)
 {
     return tpacall((char *)service, nullptr, 0, 0);
 }
-
-// A thread on the context of the test's. Outlives its work.
-struct client {
-    outcome out;
-    std::atomic<pthread_t> thread{0};
-    Task task;
-
-    client(Conn &peer, int context, std::function<outcome()> work)
-        : task(peer, [this, context, work = std::move(work)]() -> long {
-              thread = pthread_self();
-              if (tpsetctxt(context, 0) != 1)
-                  return NO_CONTEXT;
-              out = work();
-              tpsetctxt(TPNULLCONTEXT, 0);
-              return out.result;
-          })
-    {}
-};
 
 std::atomic<int> signals_taken{0};
 
