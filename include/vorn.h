@@ -7,9 +7,11 @@
 #include "vorn/context.h"
 #include "vorn/environment.h"
 #include "vorn/errors.h"
+#include "vorn/fields.h"
 #include "vorn/flags.h"
 #include "vorn/log.h"
 #include "vorn/session.h"
+#include "vorn/structs.h"
 #include "vorn/tx.h"
 
 #endif

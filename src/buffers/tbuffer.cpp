@@ -2,7 +2,7 @@
 #include "buffers/tbuffer.h"
 
 #include "buffers/sdli.h"
-#include "fields/fbcommon.h"
+#include "fields/fbcommon2.h"
 #include "runtime/common.h"
 #include "runtime/thrapi.h"
 #include "vorn/buffers.h"
@@ -53,10 +53,13 @@ int _get_idx_from_typeno(int typeno)
     return -1;
 }
 
-// No struct is known, so there is no row whose word could go to `out`.
 int _get_subtype_len(const char *subtype, int *out)
 {
-    (void)out;
+    int index = find_struct(subtype);
+    if (index < 0)
+        return -1;
+    if (out != nullptr)
+        *out = _sdl_table[index].word;
     return _get_host_stsize(subtype);
 }
 
@@ -123,8 +126,7 @@ char *tpalloc(char *type, char *subtype, long size)
         put_name(name, sizeof name, subtype);
     if (type == nullptr)
         return null_result(&TPALLOC, TPEINVAL);
-    if (_sdlfile_loadsw == 0)
-        _sdlfile_load();
+    load_structs_once();
     int struct_size = 0;
     int index = _get_type_idx(type, name, &struct_size);
     if (index < 0)

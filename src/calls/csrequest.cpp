@@ -9,6 +9,7 @@
 #include "session/cliapi.h"
 #include "tx/tx.h"
 #include "vorn/errors.h"
+#include "vorn/fields.h"
 #include "vorn/flags.h"
 #include "vorn/session.h"
 #include "wire/msgheader.h"
@@ -32,16 +33,29 @@ int _is_tipsvc(const char *svcname, wthr_var *block)
     return block->server_name[0] != '\0' && strcmp(svcname, block->server_name) == 0;
 }
 
-// The field library's answers as long as it can't read a field: none is there.
+constexpr int32_t NODE_NAME_FIELD = 0x1cf42545;  // key of a string that names the node of a request
+
 int _isexist_nodename_fld(char *data)
 {
-    (void)data;
-    return 0;
+    return fbkeyoccur((FBUF *)data, NODE_NAME_FIELD) > 0;
+}
+
+// The service's group on a node: -1 if it has none there, NO_GROUP_LIST if its groups can't be told. There is
+// no call that asks the server for them yet.
+constexpr int NO_GROUP_LIST = -2;
+static int group_on_node(const char *svcname, int node)
+{
+    (void)svcname, (void)node;
+    return NO_GROUP_LIST;
 }
 
 int _get_mysvgno_from_nodename(const char *svcname, char *data, wthr_var *block)
 {
-    (void)svcname, (void)data, (void)block;
+    const char *name = fbgetval((FBUF *)data, NODE_NAME_FIELD, 0, nullptr);
+    int node = name == nullptr ? -1 : _get_nodeno_from_nodename(name, block);
+    int group = node < 0 ? NO_GROUP_LIST : group_on_node(svcname, node);
+    if (group != NO_GROUP_LIST)
+        return group;
     set_tperrno(TPEINVAL);
     return -1;
 }

@@ -1,9 +1,24 @@
-// Field buffers: the head that an empty one has, and the lookup cache. There is no cache yet, so there is
-// nothing to clear.
+// Field buffers: the layout, to the byte, and the arithmetic on entries.
+//
+// A field buffer is the data of a typed buffer: a head of 8 bytes, then entries, one behind the other, in the
+// order in which they were put. Its capacity is `bufsize` of the header in front of it.
+//
+//   entry    0  key (type in the top 6 bits, read mark in bit 24, number below)
+//            4  value of a char, short, int, long (32 bits), float; a string's text with its NUL;
+//               a carray's length
+//            8  value of a double; a carray's bytes
+//
+// Each entry fills a multiple of 8 bytes. A buffer may come from a hostile server or a file: its used length is
+// never taken for more than the capacity, and an entry that runs past the end ends every walk.
 #ifndef VORN_FIELDS_FBCOMMON_H
 #define VORN_FIELDS_FBCOMMON_H
 
+#include "vorn/fields.h"
+#include "wire/msgheader.h"
+
+#include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 extern "C" {
 
@@ -13,9 +28,182 @@ struct fb_head {
     int32_t used;  // head included
 };
 static_assert(sizeof(fb_head) == 8);
+constexpr int32_t FB_HEAD_SIZE = sizeof(fb_head);
+
+constexpr int32_t FIELD_KEY_SIZE = 4;
+constexpr int32_t FIELD_TYPE_SHIFT = 26;
+constexpr int32_t FIELD_READ_MARK = 0x01000000;
+constexpr int32_t FIELD_NUMBER_MASK = 0xffffff;
+constexpr int32_t FIELD_VALUE = 4;         // offset of the value of most types
+constexpr int32_t FIELD_WIDE_VALUE = 8;    // that of a double and a carray
+constexpr int32_t FIELD_CARRAY_LENGTH = 4;  // offset of a carray's length
+constexpr int32_t FIELD_ENTRY_UNIT = 8;    // entries fill a multiple of this
+constexpr int32_t FIELD_TYPE_FIRST = FB_CHAR, FIELD_TYPE_LAST = FB_CARRAY;
+
+// --- Words of a buffer, wherever it stands.
+
+inline int32_t get_int32(const void *from)
+{
+    int32_t value;
+    memcpy(&value, from, sizeof value);
+    return value;
+}
+
+inline void put_int32(void *to, int32_t value)
+{
+    memcpy(to, &value, sizeof value);
+}
+
+inline int32_t type_of_key(int32_t key)
+{
+    return key >> FIELD_TYPE_SHIFT;
+}
+
+inline char *bytes_of(FBUF *fbuf)
+{
+    return (char *)fbuf;
+}
+
+inline const fb_head *head_of(const FBUF *fbuf)
+{
+    return (const fb_head *)fbuf;
+}
+
+inline bool has_magic(const FBUF *fbuf)
+{
+    return head_of(fbuf)->magic == FIELD_BUFFER_MAGIC;
+}
+
+inline int32_t capacity_of(const FBUF *fbuf)
+{
+    return ((const msg_header *)((const char *)fbuf - HEADER_SIZE))->bufsize;
+}
+
+inline int32_t used_of(const FBUF *fbuf)
+{
+    return head_of(fbuf)->used;
+}
+
+inline void set_used(FBUF *fbuf, int64_t used)
+{
+    ((fb_head *)fbuf)->used = (int32_t)used;
+}
 
 void init_field_buffer(char *data);  // an empty field buffer
-int _clear_fcache(char *fbuf);       // 1, or -1 without a cache
+
+// --- Walks. [first_entry, entries_end) is always inside the buffer, whatever its words say.
+
+inline char *first_entry(FBUF *fbuf)
+{
+    return bytes_of(fbuf) + FB_HEAD_SIZE;
+}
+
+inline char *entries_end(FBUF *fbuf)
+{
+    int32_t used = used_of(fbuf), capacity = capacity_of(fbuf);
+    if (used > capacity)
+        used = capacity;
+    return bytes_of(fbuf) + (used < FB_HEAD_SIZE ? FB_HEAD_SIZE : used);
+}
+
+inline int64_t aligned_entry(int64_t bytes)
+{
+    return (bytes + FIELD_ENTRY_UNIT - 1) & ~(int64_t)(FIELD_ENTRY_UNIT - 1);
+}
+
+// Size of the entries of a string or carray; 0 if it doesn't end by `end`, or a string has no NUL by then. The
+// first `FIELD_ENTRY_UNIT` bytes are there.
+int64_t long_entry_size(const char *entry, const char *end);
+
+// Size of the entry; 0 if it doesn't end by `end`: the walk is then over.
+inline int64_t entry_size(const char *entry, const char *end)
+{
+    if (end - entry < FIELD_ENTRY_UNIT)
+        return 0;
+    switch (type_of_key(get_int32(entry))) {
+    case FB_DOUBLE:
+        return end - entry < 2 * FIELD_ENTRY_UNIT ? 0 : 2 * FIELD_ENTRY_UNIT;
+    case FB_STRING:
+    case FB_CARRAY:
+        return long_entry_size(entry, end);
+    }
+    return FIELD_ENTRY_UNIT;
+}
+
+// The loop over the entries of a buffer: for (entry_walk walk = walk_of(fbuf); walk.size > 0; next_entry(&walk))
+struct entry_walk {
+    char *entry;
+    char *end;
+    int64_t size;  // of the entry; 0 at the end
+};
+
+inline entry_walk walk_from(char *entry, char *end)
+{
+    return {entry, end, entry_size(entry, end)};
+}
+
+inline entry_walk walk_of(FBUF *fbuf)
+{
+    return walk_from(first_entry(fbuf), entries_end(fbuf));
+}
+
+inline void next_entry(entry_walk *walk)
+{
+    walk->entry += walk->size;
+    walk->size = entry_size(walk->entry, walk->end);
+}
+
+// --- Values of an entry that a walk has reached.
+
+inline char *value_of(char *entry)
+{
+    int32_t type = type_of_key(get_int32(entry));
+    return entry + (type == FB_DOUBLE || type == FB_CARRAY ? FIELD_WIDE_VALUE : FIELD_VALUE);
+}
+
+// Field length of an entry of a known type.
+inline int32_t length_of(const char *entry)
+{
+    switch (type_of_key(get_int32(entry))) {
+    case FB_CHAR:
+        return 1;
+    case FB_SHORT:
+        return 2;
+    case FB_DOUBLE:
+        return 8;
+    case FB_STRING:
+        return (int32_t)strlen(entry + FIELD_VALUE);
+    case FB_CARRAY:
+        return get_int32(entry + FIELD_CARRAY_LENGTH);
+    }
+    return 4;
+}
+
+// Entry size that a value would take; INT32_MAX for more. The length counts for a carray only.
+int64_t size_of_value(int type, const char *value, int len);
+
+// --- The same by their exported names. The callers vouch for the entry.
+
+int _calc_falign_len(int n);
+int _get_alen_from_type(int type, const char *value, int len);
+int _get_alen_from_curpos(const char *entry);
+int _get_fldlen_from_curpos(const char *entry);             // -1 with FBEBADFLD: unknown type
+int _get_fldlen_from_type(int type, const char *entry);     // room that the value needs as `type`; as above
+char *_get_valuep_from_curpos(char *entry);
+int _is_value_null(const char *entry);                      // 1: zero, empty, or of an unknown type
+int _value_comp(const char *entry, const char *value, int len);  // below, at or above 0
+int _getnth_from_curpos(FBUF *fbuf, const char *entry);     // occurrence number; -1 if a walk doesn't meet it
+
+// Zeros of each type.
+extern const char ncv;
+extern const int16_t nsv;
+extern const int32_t niv;
+extern const int64_t nlv;
+extern const float nfv;
+extern const double ndv;
+extern const char nstv[1];
+extern const char ncav;
+const char *_get_null_value(int type);  // null for an unknown type
 }
 
 #endif

@@ -39,15 +39,8 @@ int32_t _my_pid = 0;
 // 500 threads reaches. The rows hold the short form; this column tells such threads from one another.
 static pthread_t row_threads[TABLE_ROWS];
 
-static std::atomic<uint64_t> table_generation{0};  // 0: no tables yet
-
-struct thread_hint {
-    uint64_t generation;  // 0: never looked up
-    wthr_elem *row;
-    wthr_var *block;
-    int32_t context_number;  // what tpgetctxt gives
-};
-static thread_local thread_hint hint __attribute__((tls_model("initial-exec")));
+std::atomic<uint64_t> table_generation{0};
+constinit thread_local thread_hint current_hint __attribute__((tls_model("initial-exec"))) = {};
 
 // Expects the table lock.
 static void tables_changed(void)
@@ -259,6 +252,16 @@ void bind_row(wthr_elem *row)
     tables_changed();
 }
 
+void free_field_memory(wthr_var *block)
+{
+    free(block->fcache.exchange(nullptr));
+    for (auto &word : block->fcache_live)
+        word = 0;
+    free(block->cvt_buf);
+    block->cvt_buf = nullptr;
+    block->cvt_buf_size = 0;
+}
+
 // A block that no table names any more. Threads that wait for a reader after the last socket went can't leave
 // their calls; where there are any the block stays for them. Nobody can hold roll_mutex at this point, and it
 // is left as it is.
@@ -272,6 +275,7 @@ static void free_block(wthr_var *block)
     if (needed)
         return;
     free(block->subscr);
+    free_field_memory(block);
     _thread_mutex_destroy(&block->msg_mutex);
     _thread_cond_destroy(&block->reader_cond);
     _thread_cond_destroy(&block->offer_done_cond);
@@ -350,12 +354,7 @@ static int32_t context_number(int n)
     return context == nullptr || context->ctxt_id == TPNULLCONTEXT ? TPINVALIDCONTEXT : context->ctxt_id;
 }
 
-static bool hint_holds(void)
-{
-    return hint.generation != 0 && hint.generation == table_generation.load(std::memory_order_acquire);
-}
-
-static bool renew_hint(void)
+bool renew_hint(void)
 {
     _thread_lock();
     if (_init_thrtbl() < 0) {
@@ -364,30 +363,21 @@ static bool renew_hint(void)
     }
     int n = _get_nth_from_thrtbl();
     wthr_var *block = _get_wthr_from_nth();
-    hint.generation = 0;
-    hint.row = n >= 0 ? &_wthr[n] : _main_wthrp;
-    hint.block = block != nullptr ? block : _main_wthrv;
-    hint.context_number = context_number(n);
-    hint.generation = table_generation.load(std::memory_order_relaxed);
+    current_hint.generation = 0;
+    current_hint.row = n >= 0 ? &_wthr[n] : _main_wthrp;
+    current_hint.block = block != nullptr ? block : _main_wthrv;
+    current_hint.context_number = context_number(n);
+    current_hint.generation = table_generation.load(std::memory_order_relaxed);
     _thread_unlock();
     return true;
 }
 
-wthr_elem *current_row(void)
-{
-    return hint_holds() || renew_hint() ? hint.row : nullptr;
-}
-
-wthr_var *current_block(void)
-{
-    return hint_holds() || renew_hint() ? hint.block : nullptr;
-}
 
 bool current_context_number(int *number)
 {
     if (!hint_holds() && !renew_hint())
         return false;
-    *number = hint.context_number;
+    *number = current_hint.context_number;
     return true;
 }
 

@@ -20,7 +20,7 @@ static_assert(sizeof(shared_int32) == 4 && shared_int32::is_always_lock_free);
 
 struct acall_elem;
 struct conv_elem;
-struct fcache_elem;
+struct fcache_slot;
 struct initout_node;
 struct initout_queue;
 struct initout_svc;
@@ -83,6 +83,9 @@ struct read_ahead {
     char bytes[READ_AHEAD_SIZE];
 };
 
+constexpr int FCACHE_SLOTS = 1019;
+constexpr int FCACHE_WORDS = (FCACHE_SLOTS + 63) / 64;
+
 typedef void unsol_function(char *data, long len, long flags);
 
 // The block of variables of a context. All fields start as zero bits, except as _wthr_var_init sets them.
@@ -141,7 +144,7 @@ struct wthr_var {
     int32_t compat_errno, compat_unixerrno;
     int32_t rq_pending;  // requests whose TPRQS reply is still due
     char last_svc[32];
-    fcache_elem *fcache;
+    std::atomic<fcache_slot *> fcache;  // positions of looked-up fields; null until the first
     char server_name[32];  // service name from the tail of the start reply
     std::atomic<void *> crypt_sess;
 
@@ -166,6 +169,18 @@ struct wthr_var {
     read_waiter *waiters_head, *waiters_tail;  // waiting threads, longest first; under msg_mutex
     int32_t waiting;                           // their number; waiter_count also counts those on their way
     read_ahead ahead;
+
+    // Results of field type conversions, valid until the next one in the context.
+    int16_t cvt_short;
+    int32_t cvt_int;
+    int64_t cvt_long;
+    int64_t cvt_char;  // the char, sign-extended
+    float cvt_float;
+    double cvt_double;
+    int32_t cvt_buf_size;  // bytes at cvt_buf
+    char *cvt_buf;         // text, on the heap; null until the first conversion
+
+    std::atomic<uint64_t> fcache_live[FCACHE_WORDS];  // bit n: slot n of fcache may be in use
 };
 
 extern wthr_elem *_wthr;
@@ -198,15 +213,44 @@ wthr_elem *_get_idle_wthr_ptr(void);       // a row and a context row for the ca
 int _get_idle_wthr_ptr2(void);             // number of a free thread row, or the caller's own; -1
 void bind_row(wthr_elem *row);             // gives the row, and its context row, to the caller
 
+// What field calls have allocated in the block. By the thread that ends the context, or its session.
+void free_field_memory(wthr_var *block);
+
 // Takes the table lock itself.
 int _context_end(void);  // ends the caller's context; -1 without a row
 
 int _check_context_with_tpinfo(const void *tpinfo, int unused);  // -1, 1, 2; settles the context mode
 
-// The caller's row (row 0 without one) and its error cell. Any thread, no lock: they go through a hint of the
-// thread's own, which is looked up anew after each change of the tables.
-wthr_elem *current_row(void);              // null only if there are no tables and none can be made
-wthr_var *current_block(void);             // the caller's block, or the fall-back block; null as above
+// What a thread last found in the tables. It holds as long as the generation is that of the tables.
+struct thread_hint {
+    uint64_t generation;  // 0: never looked up
+    wthr_elem *row;
+    wthr_var *block;
+    int32_t context_number;  // what tpgetctxt gives
+};
+extern constinit thread_local thread_hint current_hint
+    __attribute__((tls_model("initial-exec"), visibility("hidden")));
+extern std::atomic<uint64_t> table_generation __attribute__((visibility("hidden")));  // 0: no tables yet
+bool renew_hint(void);  // takes the table lock; false if there are no tables and none can be made
+
+inline bool hint_holds(void)
+{
+    return current_hint.generation != 0 &&
+           current_hint.generation == table_generation.load(std::memory_order_acquire);
+}
+
+// The caller's row (row 0 without one) and its block, or the fall-back block. Any thread; no lock while the
+// hint holds. Null only if there are no tables and none can be made.
+inline wthr_elem *current_row(void)
+{
+    return hint_holds() || renew_hint() ? current_hint.row : nullptr;
+}
+
+inline wthr_var *current_block(void)
+{
+    return hint_holds() || renew_hint() ? current_hint.block : nullptr;
+}
+
 bool current_context_number(int *number);  // what tpgetctxt tells; false without tables
 void set_tperrno(int code);
 int get_tperrno(void);

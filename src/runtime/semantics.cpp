@@ -4,8 +4,10 @@
 #include "runtime/mthr.h"
 
 #include <ctype.h>
+#include <atomic>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 extern "C" {
 
@@ -117,5 +119,46 @@ int _vorn_read_semantics(void)
     }
     _thread_mutex_unlock(&semantics_mutex);
     return result;
+}
+
+// How the environment ended when this thread last found no VORN_SEMANTICS in it. A variable that is added
+// moves the vector, or the end of it, or stands in its last place.
+struct environment_end {
+    char **first;
+    char *last;
+    size_t count;
+};
+static constinit thread_local environment_end searched __attribute__((tls_model("initial-exec"))) = {
+    nullptr, nullptr, 0};
+
+static bool nothing_was_added(void)
+{
+    return searched.first != nullptr && environ == searched.first &&
+           environ[searched.count - 1] == searched.last && environ[searched.count] == nullptr;
+}
+
+static void remember_environment(void)
+{
+    searched = {nullptr, nullptr, 0};
+    if (environ == nullptr || environ[0] == nullptr || getenv("VORN_SEMANTICS") != nullptr)
+        return;
+    size_t count = 1;
+    while (environ[count] != nullptr)
+        count++;
+    searched = {environ, environ[count - 1], count};
+}
+
+static int32_t load_flag(int32_t *flag)
+{
+    return std::atomic_ref<int32_t>(*flag).load(std::memory_order_acquire);
+}
+
+int32_t field_length_mode(void)
+{
+    if (load_flag(&_vorn_semantics_flag) == 0 && !nothing_was_added()) {
+        _vorn_read_semantics();
+        remember_environment();
+    }
+    return load_flag(&_vorn_flen_flag);
 }
 }

@@ -27,6 +27,9 @@ extern int32_t _vorn_crypt_sw;  // 1: sessions are enciphered
 // Any thread. Does nothing once the switches are applied, so callers needn't test the flag. 1, or -1 for a
 // value with an unknown key or a bad form; the switches are then as they were.
 int _vorn_read_semantics(void);
+// _vorn_flen_flag, read first if need be. For calls that ask at each value: while VORN_SEMANTICS isn't there
+// they pay for a look at the environment's ends, not for a search through it.
+int32_t field_length_mode(void);
 void _vorn_init_semantics(void);  // switches off; the values in the rows stay
 // Steps of the reading. They write to _vorn_sem; -1 on a bad token.
 int _get_sem_value(char *token);

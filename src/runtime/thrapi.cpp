@@ -6,15 +6,6 @@
 
 extern "C" {
 
-bool api_find(api_frame *frame)
-{
-    frame->row = current_row();
-    frame->block = current_block();
-    frame->row_bound = 0;
-    frame->result = -1;
-    return frame->row != nullptr;
-}
-
 api_context api_open_context(api_frame *frame)
 {
     if (frame->block->started != 0)

@@ -32,7 +32,14 @@ struct api_frame {
 
 // Finds row and block; false if the tables can't be made: the caller then returns its failure value at once,
 // there being no cell to leave an error in. Takes no lock when the thread's hint still holds.
-bool api_find(api_frame *frame);
+inline bool api_find(api_frame *frame)
+{
+    frame->row = current_row();
+    frame->block = frame->row != nullptr ? current_hint.block : nullptr;
+    frame->row_bound = 0;
+    frame->result = -1;
+    return frame->row != nullptr;
+}
 
 // api_find, and the entry trace.
 #define API_ENTER(frame, text, ...) \

@@ -57,6 +57,17 @@ int _check_node(void)
     return 1;
 }
 
+int32_t _endian_checked = 0;
+
+void check_node_once(void)
+{
+    std::atomic_ref<int32_t> checked(_endian_checked);
+    if (checked.load(std::memory_order_acquire) != 0)
+        return;
+    _check_node();  // two threads that come at once do the same
+    checked.store(1, std::memory_order_release);
+}
+
 int _hton_tpinit(char *buffer)
 {
     uint32_t flags;
@@ -67,7 +78,7 @@ int _hton_tpinit(char *buffer)
 
 int _cli_init(int acall_size, int conv_size, wthr_var *block)
 {
-    _check_node();
+    check_node_once();
     std::atomic_ref<int32_t>(_my_pid).store(getpid(), std::memory_order_relaxed);
     if (block->rolling == 0)
         _init_acall(acall_size, block);  // a rolling start keeps the open calls
@@ -98,8 +109,7 @@ void _clear_init_mem(wthr_var *block)
 {
     free(block->start_msg);
     block->start_msg = nullptr;
-    free(block->fcache);
-    block->fcache = nullptr;
+    free_field_memory(block);
     _txinfo_end(block);
     _cli_init(-1, -1, block);
     _init_qcall(-1, block);
@@ -291,8 +301,7 @@ static int start_session(TPSTART_T *tpinfo, wthr_var *block)
     }
     _vorn_init_seqno();
     _vorn_read_semantics();  // does nothing if they have been read
-    if (_sdlfile_loadsw == 0)
-        _sdlfile_load();
+    load_structs_once();
     block->unsol_mode = UNSOL_HANDLER;
     msg_header *message = start_message(tpinfo, block);
     if (message == nullptr)
@@ -453,8 +462,7 @@ int tpinit(TPINIT *tpinfo)
         return api_error(&frame, &TPINIT_TEXT);
     if (block->started != 0)
         return api_return(&TPINIT_TEXT, 1);
-    if (_sdlfile_loadsw == 0)
-        _sdlfile_load();
+    load_structs_once();
     block->unsol_mode = UNSOL_HANDLER;
     msg_header *message = init_message(tpinfo, block);
     if (message == nullptr)

@@ -45,7 +45,9 @@ int32_t initout_count(const wthr_var *block, int32_t offset);  // one of the thr
 void _clhc_close(int fd, wthr_var *block);
 void _clear_init_mem(wthr_var *block);  // drops what a start built
 int _abend_control(void);
-int _check_node(void);
+extern int32_t _endian_checked;  // 1 once _check_node has run
+int _check_node(void);           // tells the kind of host
+void check_node_once(void);
 int _hton_tpinit(char *buffer);
 }
 

@@ -16,7 +16,7 @@
 
 #include "buffers/payload.h"
 #include "calls/cscommon.h"
-#include "fields/fbcommon.h"
+#include "fields/fbcommon2.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
 #include "session/cliapi.h"
@@ -410,7 +410,7 @@ static msg_header *put_into(msg_header *message, msg_header *want, wthr_var *blo
         free(want);
         return message;
     }
-    if (want->buftype == BUF_FIELD)
+    if (want->buftype == BUF_FIELD || message->buftype == BUF_FIELD)
         _clear_fcache(message_data(want));
     int32_t bufsize = want->bufsize;
     // A text that lacks its terminator brings the one that the framing put behind it; the reserve has room
@@ -715,6 +715,7 @@ msg_header *_check_read_buffer(msg_header *message)
     constexpr int32_t head = sizeof(fb_head);
     if (message->datalen < head) {
         init_field_buffer(message_data(message));
+        _clear_fcache(message_data(message));
         message->datalen = head;
     }
     if (message->bufsize < head)

@@ -338,9 +338,12 @@ static frame_result convert_struct(frame_reader *reader)
         return refused(reader);
     char *data = message_data(message);
     int length = message->datalen;
-    if (host == net)
-        return _ntoh_data_sdl(message, data, data, &length) != nullptr ? FRAME_MESSAGE
-                                                                       : failed(reader, -TPESYSTEM);
+    if (host == net) {
+        if (_ntoh_data_sdl(message, data, data, &length) == nullptr)
+            return failed(reader, -TPESYSTEM);
+        message->datalen = length;  // whole records
+        return FRAME_MESSAGE;
+    }
     int64_t host_length = (int64_t)message->datalen / net * host;
     int64_t bufsize = host_length > message->bufsize ? host_length : message->bufsize;
     int64_t size = bufsize + BLOCK_OVERHEAD;

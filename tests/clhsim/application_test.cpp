@@ -1,11 +1,7 @@
 // An application against the server: the library's public calls on one end, clhsim on the other. The two know
 // the protocol each from its own source, so what passes here is what both agree on.
-#include "simulator.h"
+#include "application.h"
 
-#include <vorn.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -17,30 +13,6 @@ static constexpr int ERROR_TIME = 13;
 static constexpr int ERROR_SECURITY = 25;
 static constexpr int ERROR_CLOSE = 28;
 
-static char *unconst(const char *text)
-{
-    return const_cast<char *>(text);
-}
-
-// A typed buffer that goes away by itself; a call may replace it.
-struct Buffer {
-    Buffer(const char *type, size_t size) : data(tpalloc(unconst(type), nullptr, static_cast<long>(size))) {}
-    explicit Buffer(const std::string &text) : Buffer("STRING", text.size() + 1)
-    {
-        strcpy(data, text.c_str());
-    }
-    Buffer(const Buffer &) = delete;
-    Buffer &operator=(const Buffer &) = delete;
-    ~Buffer() { tpfree(data); }
-    char *data;
-    long length = 0;
-};
-
-static int call(const char *service, Buffer &buffer, long flags = 0)
-{
-    return tpcall(unconst(service), buffer.data, 0, &buffer.data, &buffer.length, flags);
-}
-
 static std::string called(const char *service, const std::string &text)
 {
     Buffer buffer(text);
@@ -48,19 +20,6 @@ static std::string called(const char *service, const std::string &text)
         return std::string("error: ") + tpstrerror(gettperrno());
     return buffer.data;
 }
-
-// The server, and the environment in which the library finds it.
-struct Domain : Simulator {
-    explicit Domain(std::vector<std::string> options = {}) : Simulator(std::move(options))
-    {
-        if (port) {
-            setenv("VORN_HOST_ADDR", ("127.0.0.1:" + std::to_string(port)).c_str(), 1);
-            return;
-        }
-        setenv("VORN_HOST_ADDR", "localhost", 1);
-        setenv("VORN_HOST_PORT", directory.c_str(), 1);
-    }
-};
 
 TEST(ClhsimApplication, CallsAServiceOverTcp)
 {

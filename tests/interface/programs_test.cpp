@@ -158,3 +158,75 @@ TEST(FirstProgram, RunsAgainstAnInstallation)
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.output.find("HELLO, WORLD"), std::string::npos) << result.output;
 }
+
+// The order system of the examples, with the definitions that the build made for it.
+static outcome run_orders(const std::string &environment)
+{
+    return run_program(build_tree(), BUILD_DIR + "/bin/fields", environment);
+}
+
+static std::string order_definitions()
+{
+    const std::string folder = BUILD_DIR + "/share";
+    return "FDLFILE=" + folder + "/order.fdb SDLFILE64=" + folder + "/order.sdb ";
+}
+
+TEST(OrderProgram, PrintsOrdersAndTheirAnswers)
+{
+    const std::vector<std::string> order = {
+        "  ORDER_NO 0: long",
+        "  CUSTOMER 0: string",
+        "  ITEM 0: string",
+        "  PRICE 0: double",
+        "  QUANTITY 0: int",
+        "  ITEM 1: string",
+        "  PRICE 1: double",
+        "  QUANTITY 1: int",
+        "order in fields",
+    };
+    const std::vector<std::string> taken = {
+        "    fkey = 268435557, fname = ORDER_NO, type = long, value = 4711 ",
+        "    fkey = 201326702, fname = LINES, type = int, value = 2 ",
+        "    fkey = 402653295, fname = TOTAL, type = double, value = 13.750000 ",
+        "    fkey = 469762160, fname = STATUS, type = string, value = accepted ",
+        "2 lines, total 13.75, accepted",
+    };
+    const std::vector<std::string> refused = {
+        "refused because of line 2",
+        "    fkey = 268435557, fname = ORDER_NO, type = long, value = 4711 ",
+        "    fkey = 201326702, fname = LINES, type = int, value = 0 ",
+        "    fkey = 402653295, fname = TOTAL, type = double, value = 0.000000 ",
+        "    fkey = 469762160, fname = STATUS, type = string, value = line 2: no quantity ",
+        "0 lines, total 0.00, line 2: no quantity",
+    };
+    const std::vector<std::string> in_a_struct = {
+        "order in a struct",
+        "order 4712: total 13.75, accepted",
+        "    fkey = 469762150, fname = CUSTOMER, type = string, value = Ann Example ",
+        "    fkey = 268435557, fname = ORDER_NO, type = long, value = 4712 ",
+        "    fkey = 201326702, fname = LINES, type = int, value = 2 ",
+        "    fkey = 402653295, fname = TOTAL, type = double, value = 13.750000 ",
+        "    fkey = 469762160, fname = STATUS, type = string, value = accepted ",
+    };
+    std::vector<std::string> expected;
+    for (const auto &lines : {order, taken, order, refused, in_a_struct})
+        expected.insert(expected.end(), lines.begin(), lines.end());
+
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_orders(order_definitions() + "VORN_HOST_ADDR=" + clh.address);
+    EXPECT_EQ(result.status, 0);
+    const std::vector<std::string> lines = lines_of(result.output);
+    for (size_t i = 0; i < lines.size() && i < expected.size(); i++)
+        EXPECT_EQ(lines[i], expected[i]) << "line " << i + 1;
+    EXPECT_EQ(lines.size(), expected.size()) << result.output;
+}
+
+TEST(OrderProgram, TellsThatItsDefinitionsAreMissing)
+{
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_orders("FDLFILE= SDLFILE64= VORN_HOST_ADDR=" + clh.address);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("no field has the name ORDER_NO"), std::string::npos) << result.output;
+}

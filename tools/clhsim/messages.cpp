@@ -64,11 +64,6 @@ static std::string_view without_trailer(const Header &header, std::string_view d
     return data.substr(0, data.size() - std::min<size_t>(data.size(), xflags & XFLAG_TRAILER_LENGTH));
 }
 
-static bool is_structured(int32_t buftype)
-{
-    return buftype == BUF_STRUCT || buftype == BUF_FIELD;
-}
-
 // Why a call doesn't reach its service; 0 if it does.
 static int32_t call_error(Server &server, const Service *service, const Header &request)
 {
@@ -76,7 +71,7 @@ static int32_t call_error(Server &server, const Service *service, const Header &
         return static_cast<int32_t>(*error);
     if (!service)
         return ERR_NOENT;
-    return service->text_only && is_structured(request.buftype) ? ERR_ITYPE : 0;
+    return type_error(*service, request.buftype);
 }
 
 // The receipt of a TPACALL that waits for it. A call that is refused ends here: its error goes with the
@@ -122,7 +117,7 @@ static void handle_call(Server &server, Client &client, const Header &request, s
     }
     if (!reply)
         return;
-    Answer answer = service->run(server.options, request.buftype, without_trailer(request, data));
+    Answer answer = run_service(*service, server.options, request, without_trailer(request, data));
     Reply result = {.header = reply_header(request, answer.error, answer.rcode),
                     .data = std::move(answer.data),
                     .delay = answer.delay};

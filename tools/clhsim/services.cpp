@@ -1,5 +1,8 @@
 #include "services.h"
 
+#include "fields.h"
+#include "orders.h"
+
 #include <algorithm>
 #include <charconv>
 
@@ -18,7 +21,7 @@ static Answer failed(int32_t error)
     return answer;
 }
 
-static Answer toupper_service(const Options &, int32_t, std::string_view data)
+static Answer toupper_service(const Options &, const Header &, std::string_view data)
 {
     Answer answer;
     answer.data = data;
@@ -29,7 +32,7 @@ static Answer toupper_service(const Options &, int32_t, std::string_view data)
     return answer;
 }
 
-static Answer echo_service(const Options &, int32_t, std::string_view data)
+static Answer echo_service(const Options &, const Header &, std::string_view data)
 {
     Answer answer;
     answer.data = data;
@@ -37,16 +40,16 @@ static Answer echo_service(const Options &, int32_t, std::string_view data)
 }
 
 // A string's text is reversed in front of its NUL; in a byte array every byte counts.
-static Answer reverse_service(const Options &, int32_t buftype, std::string_view data)
+static Answer reverse_service(const Options &, const Header &request, std::string_view data)
 {
     Answer answer;
     answer.data = data;
-    size_t length = buftype == BUF_STRING ? text_of(data).size() : data.size();
+    size_t length = request.buftype == BUF_STRING ? text_of(data).size() : data.size();
     std::reverse(answer.data.begin(), answer.data.begin() + static_cast<std::ptrdiff_t>(length));
     return answer;
 }
 
-static Answer sleep_service(const Options &, int32_t, std::string_view data)
+static Answer sleep_service(const Options &, const Header &, std::string_view data)
 {
     constexpr double LONGEST = 1e6;
     std::string_view text = text_of(data);
@@ -60,7 +63,7 @@ static Answer sleep_service(const Options &, int32_t, std::string_view data)
     return answer;
 }
 
-static Answer fail_service(const Options &, int32_t, std::string_view data)
+static Answer fail_service(const Options &, const Header &, std::string_view data)
 {
     Answer answer;
     answer.error = ERR_SVCFAIL;
@@ -71,7 +74,7 @@ static Answer fail_service(const Options &, int32_t, std::string_view data)
     return answer;
 }
 
-static Answer big_service(const Options &options, int32_t buftype, std::string_view data)
+static Answer big_service(const Options &options, const Header &request, std::string_view data)
 {
     int64_t size = 0;
     if (!parse_number(text_of(data), 0, options.max_data, size))
@@ -80,25 +83,63 @@ static Answer big_service(const Options &options, int32_t buftype, std::string_v
     answer.data.resize(static_cast<size_t>(size));
     for (size_t i = 0; i < answer.data.size(); i++)
         answer.data[i] = static_cast<char>('A' + i % 26);
-    if (buftype == BUF_STRING && size > 0)
+    if (request.buftype == BUF_STRING && size > 0)
         answer.data.back() = '\0';
     return answer;
 }
 
-static Answer ping_service(const Options &, int32_t, std::string_view)
+static Answer ping_service(const Options &, const Header &, std::string_view)
 {
     return {};
 }
 
+// What was said of a field buffer is said in the buffer itself: how many entries came, and who counted.
+constexpr uint32_t FIELD_COUNT = field_key(FIELD_INT, 901);
+constexpr uint32_t FIELD_SERVER = field_key(FIELD_STRING, 902);
+
+static Answer add_field_service(const Options &, const Header &, std::string_view data)
+{
+    int32_t count = 0;
+    size_t offset = FIELD_HEAD_SIZE;
+    FieldEntry entry;
+    while (next_field(data, offset, entry))
+        count++;
+    Answer answer;
+    answer.data = data;
+    add_int(answer.data, FIELD_COUNT, count);
+    add_string(answer.data, FIELD_SERVER, "clhsim");
+    return answer;
+}
+
+// Of a struct that it knows only whole records are records; of others nothing is known but the name.
+static Answer echo_struct_service(const Options &, const Header &request, std::string_view data)
+{
+    if (request.subtype[0] == '\0')
+        return failed(ERR_ITYPE);
+    size_t size = struct_size(request);
+    if (size != 0 && (data.empty() || data.size() % size != 0))
+        return failed(ERR_INVAL);
+    Answer answer;
+    answer.data = data;
+    return answer;
+}
+
 static const Service SERVICES[] = {
-    {"TOUPPER", "the text in capitals (a to z)", true, toupper_service},
-    {"ECHO", "the data as it came, of whatever type", false, echo_service},
-    {"REVERSE", "the text, or the bytes of a CARRAY, from the last to the first", true, reverse_service},
-    {"SLEEP", "the data, after the seconds that it says (\"0.5\")", true, sleep_service},
+    {"TOUPPER", "the text in capitals (a to z)", TAKES_TEXT, toupper_service},
+    {"ECHO", "the data as it came, of whatever type", TAKES_ALL, echo_service},
+    {"REVERSE", "the text, or the bytes of a CARRAY, from the last to the first", TAKES_TEXT,
+     reverse_service},
+    {"SLEEP", "the data, after the seconds that it says (\"0.5\")", TAKES_TEXT, sleep_service},
     {"FAIL", "fails with TPESVCFAIL, the data, and the number it begins with (or 1) as user return code",
-     true, fail_service},
-    {"BIG", "letters, as many as the data says; a STRING ends in a NUL that counts", true, big_service},
-    {".CHK_CONN", "nothing: the connection check of a client", false, ping_service},
+     TAKES_TEXT, fail_service},
+    {"BIG", "letters, as many as the data says; a STRING ends in a NUL that counts", TAKES_TEXT, big_service},
+    {"FBECHO", "the field buffer as it came", TAKES_FIELDS, echo_service},
+    {"FBADD", "the field buffer with the number of its fields added, and a name", TAKES_FIELDS,
+     add_field_service},
+    {"STECHO", "the struct records as they came", TAKES_STRUCTS, echo_struct_service},
+    {"ORDER", "the sum and the status of an order, in fields or in the struct \"order\"",
+     TAKES_FIELDS | TAKES_STRUCTS, order_service},
+    {".CHK_CONN", "nothing: the connection check of a client", TAKES_ALL, ping_service},
 };
 
 const Service *find_service(std::string_view name)
@@ -108,6 +149,27 @@ const Service *find_service(std::string_view name)
             return &service;
     }
     return nullptr;
+}
+
+static uint32_t kind_of(int32_t buftype)
+{
+    if (buftype == BUF_FIELD)
+        return TAKES_FIELDS;
+    return buftype == BUF_STRUCT ? TAKES_STRUCTS : TAKES_TEXT;
+}
+
+int32_t type_error(const Service &service, int32_t buftype)
+{
+    return service.takes & kind_of(buftype) ? 0 : ERR_ITYPE;
+}
+
+// A service that takes all data takes it as bytes.
+Answer run_service(const Service &service, const Options &options, const Header &request,
+                   std::string_view data)
+{
+    if (service.takes != TAKES_ALL && request.buftype == BUF_FIELD && !is_field_buffer(data))
+        return failed(ERR_INVAL);
+    return service.run(options, request, data);
 }
 
 std::string services_help()

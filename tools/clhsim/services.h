@@ -14,14 +14,25 @@ struct Answer {
     Clock::duration delay = {};
 };
 
+// The kinds of data that a service can do something with.
+constexpr uint32_t TAKES_TEXT = 0x1;  // strings, byte arrays, and no data at all
+constexpr uint32_t TAKES_STRUCTS = 0x2;
+constexpr uint32_t TAKES_FIELDS = 0x4;
+constexpr uint32_t TAKES_ALL = TAKES_TEXT | TAKES_STRUCTS | TAKES_FIELDS;
+
 struct Service {
     const char *name;
     const char *help;
-    bool text_only;  // it can't do anything with structures and field buffers
-    Answer (*run)(const Options &options, int32_t buftype, std::string_view data);
+    uint32_t takes;
+    Answer (*run)(const Options &options, const Header &request, std::string_view data);
 };
 
 const Service *find_service(std::string_view name);
+// What is wrong with data of this type for the service; 0 if nothing is.
+int32_t type_error(const Service &service, int32_t buftype);
+// Runs it; field data that isn't in order doesn't reach a service that reads fields.
+Answer run_service(const Service &service, const Options &options, const Header &request,
+                   std::string_view data);
 std::string services_help();
 
 }  // namespace clhsim

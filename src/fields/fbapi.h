@@ -1,0 +1,83 @@
+// The frame of the field calls: that of runtime/thrapi.h, with fberror in place of tperrno. No session is
+// needed, and the error cell is cleared at the entry.
+#ifndef VORN_FIELDS_FBAPI_H
+#define VORN_FIELDS_FBAPI_H
+
+#include "runtime/thrapi.h"
+#include "vorn/errors.h"
+
+#include <atomic>
+
+extern "C" {
+
+// Texts of calls that give a number and fail with -1 or with 0, that give an address, and that give a string.
+#define FB_TEXT(function, arguments) API_TEXT(function, arguments)
+#define FB_ZERO_TEXT(function, arguments) \
+    { \
+        function, function arguments, function " = %d", function " = 0 [%d : %s]" \
+    }
+#define FB_POINTER_TEXT(function, arguments) \
+    { \
+        function, function arguments, function " = %#x", function " = NULL [%d : %s]" \
+    }
+#define FB_STRING_TEXT(function, arguments) \
+    { \
+        function, function arguments, function " = \"%s\"", function " = NULL [%d : %s]" \
+    }
+
+// The cell of the caller's row. It is written with an atomic store because threads without a row share that of
+// row 0.
+inline void put_fberror(wthr_elem *row, int code)
+{
+    std::atomic_ref<int32_t>(row->fberror).store(code, std::memory_order_relaxed);
+}
+
+inline void set_fberror(int code)
+{
+    wthr_elem *row = current_row();
+    if (row != nullptr)
+        put_fberror(row, code);
+}
+
+inline bool fb_clear_error(const api_frame *frame)
+{
+    put_fberror(frame->row, 0);
+    return true;
+}
+
+// Row, block and entry trace, and fberror 0. False without tables: the call then returns its failure value.
+#define FB_ENTER(frame, text, ...) \
+    (API_ENTER(frame, text __VA_OPT__(, ) __VA_ARGS__) && fb_clear_error(frame))
+
+// Exits. fb_error reports what stands in fberror, fb_fail sets it first; both give -1. The forms for an
+// address give null.
+inline int fb_return(const api_text *text, int result)
+{
+    _vorn_trace(text->name, 1, TRACE_RESULT, text->result, result);
+    return result;
+}
+
+inline char *fb_return_pointer(const api_text *text, char *result)
+{
+    _vorn_trace(text->name, 1, TRACE_RESULT, text->result, result);
+    return result;
+}
+
+int fb_error(const api_text *text);
+int fb_fail(const api_text *text, int code);
+char *fb_null_error(const api_text *text);
+char *fb_null(const api_text *text, int code);
+
+// An exit for a result that tells by itself whether the call failed: negative, or null.
+inline int fb_result(const api_text *text, int result)
+{
+    return result < 0 ? fb_error(text) : fb_return(text, result);
+}
+
+inline char *fb_pointer_result(const api_text *text, char *result)
+{
+    return result == nullptr ? fb_null_error(text) : fb_return_pointer(text, result);
+}
+}
+
+#endif
