@@ -112,9 +112,8 @@ int fbdelall(FBUF *fbuf, int key);
 
 /* --- Reading. `*len` is the room at `value`, 0 for enough, and becomes the length of the value; for numbers
  * it isn't touched. Whether the room counts depends on the switch FDL_LEN of VORN_SEMANTICS: with TRU longer
- * values are cut to it, with ERR they fail with FBENOSPACE, otherwise they are delivered whole. The
- * length of a string includes its NUL. `len` may be null, except for a carray (FBEINVAL). With a null
- * `value` nothing is delivered but the length. */
+ * values are cut to it, with ERR they fail with FBENOSPACE, otherwise they are delivered whole. The length of
+ * a string includes its NUL. `len` may be null. With a null `value` nothing is delivered but the length. */
 
 /* Delivers the first unread occurrence, and marks it as read. 1, or -1: FBENOENT (no unread one),
  * FBENOSPACE, FBETYPE. */
@@ -152,9 +151,9 @@ int fbispres(FBUF *fbuf, int key, int nth); /* 1 if the occurrence exists, 0 if 
 
 /* The value, `len` bytes of it for a carray, as `to_type`. `*outlen` becomes the result's length (a string's
  * with its NUL) and may be null. The result stands in the context, or is `value` itself (text to text): it is
- * valid until the context's next conversion, so threads that share a context must not convert at the same
- * time. Numbers in `value` have their sign; real ones are written with six digits behind the point. Null
- * also: FBEINVAL (a null value). */
+ * valid until the context's next conversion, by whatever call. Threads that share a context, or that have
+ * none, share that place: they take addresses of results only one at a time. Numbers in `value` have their
+ * sign; real ones are written with six digits behind the point. Null also: FBEINVAL (a null value). */
 char *fbtypecvt(int *outlen, int to_type, char *value, int from_type, int len);
 
 /* Delivers occurrence 0 as `type`, without a mark: fbget_tut with `nth` 0. */
@@ -209,9 +208,10 @@ char *fbgetalloc_tut(FBUF *fbuf, int key, int nth, int type, int *extra);
 /* The entry behind occurrence `*nth` of `*key` (the first one with `*key` 0), whatever its key, which becomes
  * `*key` and `*nth`. 1; 0 at the end, with nothing changed; -1: FBEINVAL (the position isn't there),
  * FBENOSPACE (`*len` is below the value's length, whatever FDL_LEN says). `*len` becomes that length, which
- * for a string doesn't count its NUL: the room has to be one byte more. A value that is 0 or empty isn't
- * delivered: `value` keeps what it held. `value` and `len` may be null. A key that carries the read mark is
- * given as it stands, and `*nth` then counts those with the mark. */
+ * for a string doesn't count its NUL and for a long is 4, though 8 bytes are delivered: the room has to be
+ * that much larger. A value that is 0 or empty isn't delivered: `value` keeps what it held. `value` and `len`
+ * may be null. A key that carries the read mark is given as it stands, and `*nth` then counts those with the
+ * mark. */
 int fbnext_tu(FBUF *fbuf, int *key, int *nth, char *value, int *len);
 
 /* The text of a string field, in the buffer itself; a constant "" if the occurrence isn't there or the key

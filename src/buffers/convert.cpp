@@ -31,10 +31,19 @@ msg_header *_vorn_encode_odata(msg_header *message)
     msg_header *encoded = (msg_header *)encode_data(message, &length);
     if (encoded == nullptr)
         return nullptr;
-    memcpy(encoded, message, sizeof *encoded);
-    encoded->datalen = length;
+    // The header goes on telling the old block's size, up to which a buffer is written once the data has been
+    // turned back in place.
+    int32_t bufsize = message->bufsize;
+    size_t size = (size_t)(bufsize > length ? bufsize : length) + BLOCK_OVERHEAD;
+    msg_header *grown = bufsize > length ? (msg_header *)realloc(encoded, size) : encoded;
+    if (grown == nullptr) {
+        free(encoded);
+        return nullptr;
+    }
+    memcpy(grown, message, sizeof *grown);
+    grown->datalen = length;
     free(message);
-    return encoded;
+    return grown;
 }
 
 // A block with the header of `message` and room for `bufsize` bytes of data, their terminator and a trailer;
@@ -72,6 +81,8 @@ msg_header *_vorn_decode_idata(msg_header *message)
 {
     if (!has_wire_form(message))
         return message;
+    if (message->datalen < 0)
+        return nullptr;
     int host = 1, net = 1;
     if (message->buftype == BUF_STRUCT && _get_host_nw_stsize(message->subtype, &host, &net) < 0)
         return nullptr;

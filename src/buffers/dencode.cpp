@@ -231,10 +231,12 @@ static int32_t trailer_length(const msg_header *message)
     return (message->xflags & XFLAG_TRAILER) != 0 ? (int32_t)(message->xflags & XFLAG_TRAILER_LENGTH) : 0;
 }
 
-// True if the data can be in the block; a control record may have been put in front without being counted.
+// True if the data can be in the block; a control record may have been put in front without being counted. A
+// header that tells no size was made by somebody who knows what stands behind it.
 static bool is_in_block(const msg_header *message, int32_t control)
 {
-    return message->datalen >= 0 && (int64_t)message->datalen - control <= message->bufsize;
+    return message->datalen >= 0 &&
+           (message->bufsize == 0 || (int64_t)message->datalen - control <= message->bufsize);
 }
 
 static field_parts parts_of(const msg_header *message)
@@ -307,10 +309,11 @@ char *_ntoh_data_fdl(msg_header *message, char *from, char *to)
         return bad_length("CSC6406", parts.fields);
     const char *fields = from + parts.control;
     char *out = to + parts.control;
-    int64_t used = 0;
+    // A server may give the trailer's mark back without the trailer, so the fields may take its place.
+    int64_t used = 0, room = parts.fields + parts.trailer;
     if (parts.fields > 0) {
         used = (int32_t)get_word(fields + 4);
-        if (!is_used_length(used, parts.fields))
+        if (!is_used_length(used, room))
             return bad_length("CSC6406", used);
         int bad_type;
         if (!turn_entries(fields + FB_HEAD_SIZE, out + FB_HEAD_SIZE, fields + used, true, &bad_type))
@@ -318,7 +321,7 @@ char *_ntoh_data_fdl(msg_header *message, char *from, char *to)
     }
     if (from != to) {
         memcpy(to, from, (size_t)parts.control);
-        memcpy(out + used, fields + used, (size_t)(parts.fields - used + parts.trailer));
+        memcpy(out + used, fields + used, (size_t)(room - used));
     }
     if (used > 0) {
         fb_head head = {get_word(fields), (int32_t)used};
@@ -382,6 +385,8 @@ char *_ntoh_data_sdl(msg_header *message, char *from, char *to, int *outlen)
     char *out = from == to ? apart : to;
     if (out == nullptr)
         return nullptr;
+    if (from != to)
+        memset(to, 0, (size_t)length);  // gaps between members must not show what the heap held
     for (int64_t i = 0; i < records; i++)
         _sdl_decode(sizes.index, from + i * sizes.wire, out + i * sizes.host);
     if (apart != nullptr)

@@ -7,6 +7,7 @@
 #include "buffers/sdli.h"
 
 #include "buffers/double.h"
+#include "runtime/deffile.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
 #include "wire/msgheader.h"
@@ -16,7 +17,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 extern "C" {
 
@@ -80,21 +80,13 @@ static bool read_short(sdl_load *load, const char *code, int64_t got, int64_t wa
     return false;
 }
 
-// True if the file can't have the bytes: a count that lies must not become an allocation, whose failure would
-// be fatal. What isn't a regular file tells nothing in advance.
-static bool is_too_short(FILE *file, int64_t bytes)
-{
-    struct stat status;
-    return fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_size - ftell(file) < bytes;
-}
-
 // Reads `count` rows behind the `have` rows of a table, which moves. False if the load has failed.
 static bool append_rows(sdl_load *load, const sdl_section *section, char **table, int32_t have, int32_t count)
 {
     int64_t bytes = (int64_t)count * section->width, before = (int64_t)have * section->width;
-    if (count < 0 || before + bytes > INT32_MAX || is_too_short(load->file, bytes))
-        return read_short(load, section->short_read, 0, bytes);
+    int64_t there = bytes_left(load->file);
+    if (count < 0 || before + bytes > INT32_MAX || there < bytes)
+        return read_short(load, section->short_read, there < bytes ? there : 0, bytes);
     bool growing = *table != nullptr;
     size_t size = (size_t)(before + bytes);
     char *grown = (char *)(growing ? realloc(*table, size + 1) : malloc(size + 1));
@@ -131,8 +123,7 @@ static void rebase_members(sdl_load *load, int32_t count)
 static bool load_file(sdl_load *load, const char *path, bool possible)
 {
     int32_t head[3];  // magic, structs, members
-    errno = ENAMETOOLONG;
-    load->file = possible ? fopen(path, "rb") : nullptr;
+    load->file = open_path(path, possible);
     if (load->file == nullptr) {
         abandon(load);
         VORN_LOG(1, LEVEL_ERROR, "CLI0116", "0010 file open error : %s", path);
@@ -160,21 +151,14 @@ static bool load_file(sdl_load *load, const char *path, bool possible)
     return true;
 }
 
-// The files of a list, in order. Empty items vanish.
+// The files of a list, in order.
 static bool load_list(sdl_load *load, const char *list)
 {
-    while (*list != '\0' && load->files < MOST_PATHS) {
-        char path[PATH_MAX];
-        size_t length = strcspn(list, ",");
-        bool possible = length < sizeof path;
-        size_t kept = possible ? length : sizeof path - 1;
-        memcpy(path, list, kept);
-        path[kept] = '\0';
-        if (length > 0 && !load_file(load, path, possible))
+    char path[PATH_MAX];
+    bool possible;
+    while (load->files < MOST_PATHS && next_path(&list, path, &possible))
+        if (!load_file(load, path, possible))
             return false;
-        list += length;
-        list += strspn(list, ",");
-    }
     return true;
 }
 

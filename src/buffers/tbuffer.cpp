@@ -220,6 +220,14 @@ long tptypes(char *ptr, char *type, char *subtype)
     return header->bufsize;
 }
 
+void free_buffer(msg_header *header)
+{
+    if (header->buftype == BUF_FIELD)
+        _clear_fcache(message_data(header));
+    header->magic = 0;
+    free(header);
+}
+
 void tpfree(char *ptr)
 {
     if (ptr == nullptr)
@@ -227,11 +235,7 @@ void tpfree(char *ptr)
     _vorn_trace("tpfree", 1, TRACE_ENTRY, "tpfree(%#x)", ptr);
     if (!is_typed_buffer(ptr))
         return;
-    msg_header *header = message_of(ptr);
-    if (header->buftype == BUF_FIELD)
-        _clear_fcache(ptr);
-    header->magic = 0;
-    free(header);
+    free_buffer(message_of(ptr));
 }
 
 int tpgetasize(char *ptr)

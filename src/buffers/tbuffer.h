@@ -21,6 +21,9 @@ int _get_type_idx(const char *name, const char *subtype, int *struct_size);  // 
 int _get_idx_from_typeno(int typeno);                 // first row with the number, or -1
 int _get_subtype_len(const char *subtype, int *out);  // host size of the struct, or -1
 
+// Frees a buffer's block. Its cached field positions go with it: the address may be another buffer's soon.
+void free_buffer(msg_header *header);
+
 // True for a user pointer with a live header in front of it. Null and unaligned pointers aren't looked at.
 bool is_typed_buffer(const char *data);
 // True if VORN_STRING_NULL asks for a terminator's byte in string buffers.

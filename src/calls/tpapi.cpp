@@ -264,7 +264,7 @@ static bool collect_stored(int *index, msg_header *buffer, msg_header **reply, w
     }
     _thread_mutex_unlock(&block->msg_mutex);
     if (*reply != nullptr)
-        free(buffer);
+        free_buffer(buffer);
     return stored >= 0;
 }
 

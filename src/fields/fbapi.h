@@ -25,11 +25,13 @@ extern "C" {
         function, function arguments, function " = \"%s\"", function " = NULL [%d : %s]" \
     }
 
-// The cell of the caller's row. It is written with an atomic store because threads without a row share that of
-// row 0.
+// The cell of the caller's row. It is atomic because threads without a row share that of row 0, and only written
+// when it changes: rows of other threads lie in the same cache line.
 inline void put_fberror(wthr_elem *row, int code)
 {
-    std::atomic_ref<int32_t>(row->fberror).store(code, std::memory_order_relaxed);
+    std::atomic_ref<int32_t> cell(row->fberror);
+    if (cell.load(std::memory_order_relaxed) != code)
+        cell.store(code, std::memory_order_relaxed);
 }
 
 inline void set_fberror(int code)
@@ -53,13 +55,13 @@ inline bool fb_clear_error(const api_frame *frame)
 // address give null.
 inline int fb_return(const api_text *text, int result)
 {
-    _vorn_trace(text->name, 1, TRACE_RESULT, text->result, result);
+    VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, result);
     return result;
 }
 
 inline char *fb_return_pointer(const api_text *text, char *result)
 {
-    _vorn_trace(text->name, 1, TRACE_RESULT, text->result, result);
+    VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, result);
     return result;
 }
 

@@ -130,6 +130,8 @@ static int insert_before(wthr_var *block, FBUF *fbuf, int key, int nth, const ch
         return refused(FBENOSPACE);
     if (type == FB_CARRAY && len < 1)
         return refused(FBEINVAL);
+    if (type < FIELD_TYPE_FIRST || type > FIELD_TYPE_LAST)
+        return refused(FBETYPE);
     char *entry = find_entry(block, fbuf, key, nth);
     if (entry == nullptr)
         return refused(FBENOENT);  // threads of one context have mixed up the count
@@ -153,23 +155,13 @@ int fbinsert(FBUF *fbuf, int key, int nth, char *value, int len)
     return fb_result(&FBINSERT, insert_before(frame.block, fbuf, key, nth, value, len));
 }
 
-// Makes the entry as large as the value needs it. Only texts and byte arrays change in size.
-static int resize(wthr_var *block, FBUF *fbuf, entry_walk at, const char **value, int len)
+// Size of the entry with the new value. Only texts and byte arrays change in size. A length below 1, refused
+// once the entry has its new size, leaves no less than the key and the old length.
+static int64_t updated_size(const entry_walk *at, const char *value, int len)
 {
-    int type = type_of_key(get_int32(at.entry));
-    int64_t size = size_of_value(type, *value, len);
-    // A length below 1, refused once the entry has its new size, leaves no less than the key and the old
-    // length.
-    if (size < FIELD_ENTRY_UNIT)
-        size = FIELD_ENTRY_UNIT;
-    if (size == at.size)
-        return 1;
-    int64_t used = at.end - bytes_of(fbuf);
-    if (used + size - at.size > capacity_of(fbuf))
-        return refused(FBENOSPACE);
-    forget_buffer(block, fbuf);
-    move_tail(fbuf, at.entry + at.size, size - at.size, value);
-    return 1;
+    int type = type_of_key(get_int32(at->entry));
+    int64_t size = size_of_value(type, value, len);
+    return size < FIELD_ENTRY_UNIT ? FIELD_ENTRY_UNIT : size;
 }
 
 int fbupdate(FBUF *fbuf, int key, int nth, char *value, int len)
@@ -182,10 +174,20 @@ int fbupdate(FBUF *fbuf, int key, int nth, char *value, int len)
     char *entry = find_entry(frame.block, fbuf, key, nth);
     if (entry == nullptr)
         return fb_fail(&FBUPDATE, FBENOENT);
+    entry_walk at = walk_from(entry, entries_end(fbuf));
+    int64_t growth = updated_size(&at, value, len) - at.size;
+    if (at.end - bytes_of(fbuf) + growth > capacity_of(fbuf))
+        return fb_fail(&FBUPDATE, FBENOSPACE);
+    if (growth != 0)
+        forget_buffer(frame.block, fbuf);
     const char *from = value;
-    if (resize(frame.block, fbuf, walk_from(entry, entries_end(fbuf)), &from, len) < 0)
-        return fb_error(&FBUPDATE);
-    return fb_result(&FBUPDATE, _put_fld_to_fbuf(entry, key, from, len, 1));
+    if (growth > 0)
+        move_tail(fbuf, entry + at.size, growth, &from);
+    int result = _put_fld_to_fbuf(entry, key, from, len, 1);
+    // What follows a shorter value moves up behind it: the value may have stood in the old one.
+    if (growth < 0)
+        move_tail(fbuf, entry + at.size, growth, &from);
+    return fb_result(&FBUPDATE, result);
 }
 
 int fbdelete(FBUF *fbuf, int key, int nth)
@@ -279,7 +281,6 @@ static int deliver_number(char *value, const char *stored, size_t width, bool wi
 int _get_fbval_to_usrloc(const char *entry, char *value, int *len)
 {
     const char *stored = entry + FIELD_VALUE;
-    field_length_mode();
     switch (type_of_key(get_int32(entry))) {
     case FB_CHAR:
         return deliver_number(value, stored, 1, false);

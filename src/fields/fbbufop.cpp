@@ -146,7 +146,7 @@ int _update_unchecked(flist_item *list, flist_item *other)
 
 // The n-th occurrences of a key in both lists become partners. Two things are remembered, so that lists of
 // many occurrences, or in the same order, don't take the square of their length: below `low` everything has a
-// partner, and below `from` of a key's row all items of that key.
+// partner, and below `from` of a key's row all items of that key: at the end, none of them is left.
 static void pair_lists(flist_item *list, flist_item *others)
 {
     constexpr uint32_t ROWS = 128;
@@ -154,14 +154,14 @@ static void pair_lists(flist_item *list, flist_item *others)
         int32_t key;
         int32_t from;
     } places[ROWS] = {};
-    int low = 0;
+    int low = 0, end = 0;
+    while (list[end].key != 0)
+        end++;
     for (flist_item *other = others; other->key != 0; other++) {
         uint32_t row = ((uint32_t)other->key ^ (uint32_t)other->key >> 22) % ROWS;
         int from = places[row].key == other->key && places[row].from > low ? places[row].from : low;
         int found = pair_item(list, from, other);
-        if (found < 0)
-            continue;
-        places[row] = {other->key, found + 1};
+        places[row] = {other->key, found < 0 ? end : found + 1};
         while (list[low].checked != 0)
             low++;
     }

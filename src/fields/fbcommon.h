@@ -34,10 +34,10 @@ constexpr int32_t FIELD_KEY_SIZE = 4;
 constexpr int32_t FIELD_TYPE_SHIFT = 26;
 constexpr int32_t FIELD_READ_MARK = 0x01000000;
 constexpr int32_t FIELD_NUMBER_MASK = 0xffffff;
-constexpr int32_t FIELD_VALUE = 4;         // offset of the value of most types
-constexpr int32_t FIELD_WIDE_VALUE = 8;    // that of a double and a carray
+constexpr int32_t FIELD_VALUE = 4;          // offset of the value of most types
+constexpr int32_t FIELD_WIDE_VALUE = 8;     // that of a double and a carray
 constexpr int32_t FIELD_CARRAY_LENGTH = 4;  // offset of a carray's length
-constexpr int32_t FIELD_ENTRY_UNIT = 8;    // entries fill a multiple of this
+constexpr int32_t FIELD_ENTRY_UNIT = 8;     // entries fill a multiple of this
 constexpr int32_t FIELD_TYPE_FIRST = FB_CHAR, FIELD_TYPE_LAST = FB_CARRAY;
 
 // --- Words of a buffer, wherever it stands.
@@ -69,9 +69,10 @@ inline const fb_head *head_of(const FBUF *fbuf)
     return (const fb_head *)fbuf;
 }
 
+// The one question that is also asked of addresses that may be no buffer's, aligned or not.
 inline bool has_magic(const FBUF *fbuf)
 {
-    return head_of(fbuf)->magic == FIELD_BUFFER_MAGIC;
+    return (uint32_t)get_int32(fbuf) == FIELD_BUFFER_MAGIC;
 }
 
 inline int32_t capacity_of(const FBUF *fbuf)
@@ -187,12 +188,12 @@ int64_t size_of_value(int type, const char *value, int len);
 int _calc_falign_len(int n);
 int _get_alen_from_type(int type, const char *value, int len);
 int _get_alen_from_curpos(const char *entry);
-int _get_fldlen_from_curpos(const char *entry);             // -1 with FBEBADFLD: unknown type
-int _get_fldlen_from_type(int type, const char *entry);     // room that the value needs as `type`; as above
+int _get_fldlen_from_curpos(const char *entry);          // -1 with FBEBADFLD: unknown type
+int _get_fldlen_from_type(int type, const char *entry);  // room that the value needs as `type`; as above
 char *_get_valuep_from_curpos(char *entry);
-int _is_value_null(const char *entry);                      // 1: zero, empty, or of an unknown type
+int _is_value_null(const char *entry);                           // 1: zero, empty, or of an unknown type
 int _value_comp(const char *entry, const char *value, int len);  // below, at or above 0
-int _getnth_from_curpos(FBUF *fbuf, const char *entry);     // occurrence number; -1 if a walk doesn't meet it
+int _getnth_from_curpos(FBUF *fbuf, const char *entry);  // occurrence number; -1 if a walk doesn't meet it
 
 // Zeros of each type.
 extern const char ncv;

@@ -5,16 +5,24 @@
 #include <limits.h>
 #include <stdlib.h>
 
-// Slots are read and written word by word; `fbuf` last, so that the rest of a slot that names a buffer has
-// been written.
+// Whoever changes a slot claims it first; who can't does without, as a miss costs a walk and nothing else. A
+// buffer is one thread's at a time, so a slot that names it before and after its words were read was whole in
+// between.
 template <typename Word> static Word load(Word &word)
 {
-    return std::atomic_ref<Word>(word).load(std::memory_order_relaxed);
+    return std::atomic_ref<Word>(word).load(std::memory_order_acquire);
 }
 
 template <typename Word> static void store(Word &word, Word value)
 {
-    std::atomic_ref<Word>(word).store(value, std::memory_order_relaxed);
+    std::atomic_ref<Word>(word).store(value, std::memory_order_release);
+}
+
+static FBUF *const CLAIMED = (FBUF *)1;
+
+static bool claim(fcache_slot *slot, FBUF *held)
+{
+    return held != CLAIMED && std::atomic_ref<FBUF *>(slot->fbuf).compare_exchange_strong(held, CLAIMED);
 }
 
 extern "C" {
@@ -51,32 +59,36 @@ static int enter(wthr_var *block, FBUF *fbuf, int key, int nth, int offset)
         return -1;
     uint32_t number = slot_number(fbuf, key);
     fcache_slot *slot = &table[number];
-    bool same_buffer = load(slot->fbuf) == fbuf;
-    if (same_buffer && load(slot->key) != key)
+    FBUF *held = load(slot->fbuf);
+    if (held == fbuf && load(slot->key) != key)
         return -1;  // the older entry stays
+    if (!claim(slot, held))
+        return -1;
     store(slot->key, key);
     store(slot->nth, nth);
     store(slot->offset, offset);
-    if (!same_buffer) {
-        std::atomic_ref<FBUF *>(slot->fbuf).store(fbuf, std::memory_order_release);
+    if (held != fbuf)
         mark_live(block, number);
-    }
+    store(slot->fbuf, fbuf);
     return (int)number;
 }
 
-// The slot that serves a search for occurrence `nth`; null if there is none.
-static fcache_slot *serving_slot(wthr_var *block, const FBUF *fbuf, int key, int nth)
+// The place that serves a search for occurrence `nth`, as it stands in its slot; `fbuf` is null if there is
+// none.
+static fcache_slot serving_slot(wthr_var *block, const FBUF *fbuf, int key, int nth)
 {
+    fcache_slot none = {};
     fcache_slot *table = block->fcache.load(std::memory_order_acquire);
     if (table == nullptr)
-        return nullptr;
+        return none;
     fcache_slot *slot = &table[slot_number(fbuf, key)];
-    bool serves = std::atomic_ref<FBUF *>(slot->fbuf).load(std::memory_order_acquire) == fbuf &&
-                  load(slot->key) == key && load(slot->nth) <= nth;
-    return serves ? slot : nullptr;
+    if (load(slot->fbuf) != fbuf)
+        return none;
+    fcache_slot place = {load(slot->key), load(slot->nth), load(slot->offset), load(slot->fbuf)};
+    return place.fbuf == fbuf && place.key == key && place.nth <= nth ? place : none;
 }
 
-void forget_buffer(wthr_var *block, const void *fbuf)
+static void clear_places(wthr_var *block, const void *fbuf)
 {
     fcache_slot *table = block->fcache.load(std::memory_order_acquire);
     if (table == nullptr)
@@ -85,21 +97,43 @@ void forget_buffer(wthr_var *block, const void *fbuf)
         uint64_t live = block->fcache_live[word].load(std::memory_order_relaxed);
         for (; live != 0; live &= live - 1) {
             uint32_t number = (uint32_t)(word * 64 + __builtin_ctzll(live));
-            if (load(table[number].fbuf) != fbuf)
+            if (load(table[number].fbuf) != fbuf || !claim(&table[number], (FBUF *)fbuf))
                 continue;
-            store(table[number].fbuf, (FBUF *)nullptr);
             block->fcache_live[word].fetch_and(~(1ull << number % 64));
-            if (load(table[number].fbuf) != nullptr)
-                mark_live(block, number);  // another thread has taken the slot in between
+            store(table[number].fbuf, (FBUF *)nullptr);
         }
     }
 }
 
+// A buffer that a program has used before its session, or will use behind it, has places with the fall-back
+// block too.
+static wthr_var *fallback_beside(const wthr_var *block)
+{
+    return _main_wthrv != block ? _main_wthrv : nullptr;
+}
+
+void forget_buffer(wthr_var *block, const void *fbuf)
+{
+    clear_places(block, fbuf);
+    if (wthr_var *fallback = fallback_beside(block))
+        clear_places(fallback, fbuf);
+}
+
+static void clear_behind(wthr_var *block, FBUF *fbuf, int key, const char *entry)
+{
+    fcache_slot place = serving_slot(block, fbuf, key, INT_MAX);
+    if (place.fbuf == nullptr || place.offset <= entry - first_entry(fbuf))
+        return;
+    fcache_slot *slot = &block->fcache.load(std::memory_order_relaxed)[slot_number(fbuf, key)];
+    if (claim(slot, fbuf))
+        store(slot->fbuf, (FBUF *)nullptr);
+}
+
 void forget_behind(wthr_var *block, FBUF *fbuf, int key, const char *entry)
 {
-    fcache_slot *slot = serving_slot(block, fbuf, key, INT_MAX);
-    if (slot != nullptr && load(slot->offset) > entry - first_entry(fbuf))
-        store(slot->fbuf, (FBUF *)nullptr);
+    clear_behind(block, fbuf, key, entry);
+    if (wthr_var *fallback = fallback_beside(block))
+        clear_behind(fallback, fbuf, key, entry);
 }
 
 // Where a search begins, and with which count.
@@ -113,11 +147,11 @@ struct search_start {
 static search_start start_of(wthr_var *block, FBUF *fbuf, const char *end, int key, int nth)
 {
     search_start start = {first_entry(fbuf), 0, false};
-    fcache_slot *slot = serving_slot(block, fbuf, key, nth);
-    if (slot == nullptr)
+    fcache_slot place = serving_slot(block, fbuf, key, nth);
+    if (place.fbuf == nullptr)
         return start;
-    int32_t offset = load(slot->offset), cached_nth = load(slot->nth);
-    if (offset < 0 || offset > end - start.entry - FIELD_ENTRY_UNIT || cached_nth < 0 || cached_nth > nth)
+    int32_t offset = place.offset, cached_nth = place.nth;
+    if (offset < 0 || offset > end - start.entry - FIELD_ENTRY_UNIT || cached_nth < 0)
         return start;
     char *entry = start.entry + offset;
     if ((get_int32(entry) & ~FIELD_READ_MARK) != (key & ~FIELD_READ_MARK))
@@ -170,20 +204,22 @@ char *_find_matching_fldkey(FBUF *fbuf, int key, int nth)
 int _clear_fcache(const void *fbuf)
 {
     wthr_var *block = current_block();
-    if (block == nullptr || block->fcache.load(std::memory_order_relaxed) == nullptr)
+    if (block == nullptr)
         return -1;
     forget_buffer(block, fbuf);
-    return 1;
+    return block->fcache.load(std::memory_order_relaxed) != nullptr ? 1 : -1;
 }
 
 int _srch_fcache(FBUF *fbuf, int key, int nth, int *nth_out, int *offset_out)
 {
     wthr_var *block = current_block();
-    fcache_slot *slot = block == nullptr ? nullptr : serving_slot(block, fbuf, key, nth);
-    if (slot == nullptr)
+    fcache_slot place = {};
+    if (block != nullptr)
+        place = serving_slot(block, fbuf, key, nth);
+    if (place.fbuf == nullptr)
         return -1;
-    *nth_out = load(slot->nth);
-    *offset_out = load(slot->offset);
+    *nth_out = place.nth;
+    *offset_out = place.offset;
     return (int)slot_number(fbuf, key);
 }
 

@@ -5,8 +5,10 @@
 // ended. Those places stand in a direct-mapped table of the context, `fcache`: a miss costs a walk, nothing
 // else. An append leaves them right; whatever moves entries must clear them.
 //
-// Threads of one context share the table without a lock. A slot that two of them have mixed up may give a
-// wrong count; it can't lead outside the buffer, because an entry is used only if it has the key.
+// Threads of one context, and all threads without one, share the table without a lock: whoever changes a slot
+// claims it for the moment, and a place only counts if an entry of the key stands there. A buffer that went from
+// a context to another may have places in both; only those of its present one, and of the fall-back block, are
+// cleared.
 #ifndef VORN_FIELDS_FBCOMMON2_H
 #define VORN_FIELDS_FBCOMMON2_H
 

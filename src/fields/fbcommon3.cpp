@@ -3,6 +3,7 @@
 
 #include "fields/fbapi.h"
 #include "fields/fbcommon.h"
+#include "runtime/deffile.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
 
@@ -12,7 +13,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 extern "C" {
 
@@ -83,22 +83,12 @@ static bool short_file(fdl_load *load, const char *code, int64_t items, int64_t 
     return false;
 }
 
-// True if the rest of a regular file is shorter: a count that lies must not become an allocation. Other files
-// tell nothing in advance.
-static bool file_lacks(FILE *file, int64_t bytes)
-{
-    struct stat status;
-    if (fstat(fileno(file), &status) < 0 || !S_ISREG(status.st_mode))
-        return false;
-    return bytes > status.st_size - ftell(file);
-}
-
 // Reads the next `count` rows of the file behind the rows that `*table` has. False if the load has failed.
 static bool append_section(fdl_load *load, const fdl_section *section, char **table, int32_t count)
 {
     int64_t before = load->rows * section->width, bytes = count * section->width;
     errno = 0;  // a file that is too short isn't an error of the system
-    if (count < 0 || before + bytes > INT_MAX || file_lacks(load->file, bytes))
+    if (count < 0 || before + bytes > INT_MAX || bytes_left(load->file) < bytes)
         return short_file(load, section->short_read, count, bytes);
     bool first = load->files == 0;
     size_t size = (size_t)(before + bytes);
@@ -135,14 +125,7 @@ static void add_to_mask(int32_t rows)
     _fname_hash_mask = (int32_t)((uint32_t)_fname_hash_mask + (uint32_t)rows);
 }
 
-// `path` is null for one that is too long for any file.
-static FILE *open_table(const char *path)
-{
-    errno = ENAMETOOLONG;
-    return path != nullptr ? fopen(path, "rb") : nullptr;
-}
-
-static bool read_header(fdl_load *load, const char *shown_path)
+static bool read_header(fdl_load *load, const char *path)
 {
     errno = 0;
     size_t items = fread(&_fhdr, 1, sizeof _fhdr, load->file);
@@ -156,21 +139,21 @@ static bool read_header(fdl_load *load, const char *shown_path)
     }
     if (_fhdr.count == 0) {
         release(load);
-        VORN_LOG(0, LEVEL_ERROR, "FDL0505", "4507 FDL table size is zero : %s", shown_path);
+        VORN_LOG(0, LEVEL_ERROR, "FDL0505", "4507 FDL table size is zero : %s", path);
         return false;
     }
     return true;
 }
 
-static bool read_table(fdl_load *load, const char *path, const char *shown_path)
+static bool read_table(fdl_load *load, const char *path, bool possible)
 {
-    load->file = open_table(path);
+    load->file = open_path(path, possible);
     if (load->file == nullptr) {
         release(load);
-        VORN_LOG(1, LEVEL_ERROR, "FDL0502", "0010 file open error : %s", shown_path);
+        VORN_LOG(1, LEVEL_ERROR, "FDL0502", "0010 file open error : %s", path);
         return false;
     }
-    if (!read_header(load, shown_path))
+    if (!read_header(load, path))
         return false;
     int32_t count = _fhdr.count;
     if (!append_section(load, &NAMES, &load->names, count) ||
@@ -186,20 +169,14 @@ static bool read_table(fdl_load *load, const char *path, const char *shown_path)
     return true;
 }
 
-// The files of the list, in order; empty items vanish.
+// The files of the list, in order.
 static bool read_tables(fdl_load *load, const char *list)
 {
-    for (list += strspn(list, ","); *list != '\0'; list += strspn(list, ",")) {
-        char path[PATH_MAX];
-        size_t length = strcspn(list, ",");
-        bool possible = length < sizeof path;
-        size_t kept = possible ? length : sizeof path - 1;
-        memcpy(path, list, kept);
-        path[kept] = '\0';
-        if (!read_table(load, possible ? path : nullptr, path))
+    char path[PATH_MAX];
+    bool possible;
+    while (next_path(&list, path, &possible))
+        if (!read_table(load, path, possible))
             return false;
-        list += length;
-    }
     return true;
 }
 

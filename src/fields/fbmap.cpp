@@ -204,6 +204,7 @@ int fbftos(FBUF *fbuf, char *cstruct, char *name)
     int index = find_struct(name);
     if (index < 0)
         return fb_fail(&FBFTOS, FBEBADSTRUCT);
+    conversion_area area(frame.block);
     for (int32_t n = _sdl_table[index].first; n <= _sdl_table[index].last; n++)
         fill_member(fbuf, &_sdl_field_table[n], cstruct);
     return fb_return(&FBFTOS, 1);

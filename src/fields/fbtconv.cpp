@@ -16,6 +16,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+conversion_area::conversion_area(wthr_var *owner) : block(owner)
+{
+    _thread_mutex_lock(&block->cvt_mutex);
+}
+
+conversion_area::~conversion_area()
+{
+    _thread_mutex_unlock(&block->cvt_mutex);
+}
+
 extern "C" {
 
 static constexpr api_text FBTYPECVT = FB_POINTER_TEXT("fbtypecvt", "(%#x, %d, %#x, %d, %d)");
@@ -71,8 +81,10 @@ static void free_large_scratch(wthr_var *block)
 void _free_large_carray_buf(void)
 {
     wthr_var *block = current_block();
-    if (block != nullptr)
-        free_large_scratch(block);
+    if (block == nullptr)
+        return;
+    conversion_area area(block);
+    free_large_scratch(block);
 }
 
 // Bytes as a text in the scratch block, which has room for them; they may stand there already.
@@ -256,7 +268,7 @@ int _typcvt_update(char *out, int to_type, int *len, char *entry)
     wthr_var *block = current_block();
     if (block == nullptr)
         return -1;
-    field_length_mode();
+    conversion_area area(block);
     int type = type_of_key(get_int32(entry)), enough = 0;
     int stored_len = type == FB_CARRAY ? get_int32(entry + FIELD_CARRAY_LENGTH) : 0;
     char *scratch = scratch_for(block, type, stored_len);
@@ -332,6 +344,7 @@ char *fbtypecvt(int *outlen, int to_type, char *value, int from_type, int len)
         return nullptr;
     if (value == nullptr || (from_type == FB_CARRAY && len < 1))
         return fb_null(&FBTYPECVT, FBEINVAL);
+    conversion_area area(frame.block);
     char *scratch = scratch_for(frame.block, from_type, len);
     if (scratch == nullptr)
         return fb_null(&FBTYPECVT, FBENOSPACE);
@@ -366,6 +379,7 @@ int fbputt(FBUF *fbuf, int key, char *value, int len, int type)
     int length = 0;
     if (!FB_ENTER(&frame, FBPUTT, fbuf, key, value, len, type))
         return -1;
+    conversion_area area(frame.block);
     char *converted = fbtypecvt(&length, type_of_key(key), value, type, len);
     if (converted == nullptr)
         return fb_error(&FBPUTT);
@@ -398,6 +412,7 @@ char *fbgetvalt(FBUF *fbuf, int key, int nth, int *len, int type)
     int length = 0;
     if (!FB_ENTER(&frame, FBGETVALT, fbuf, key, nth, len, type))
         return nullptr;
+    conversion_area area(frame.block);
     char *value = fbgetval(fbuf, key, nth, &length);
     if (value == nullptr)
         return fb_null_error(&FBGETVALT);
@@ -407,11 +422,11 @@ char *fbgetvalt(FBUF *fbuf, int key, int nth, int *len, int type)
     char *result = fbtypecvt(&length, type, value, stored, length);
     if (result == nullptr)
         return fb_null_error(&FBGETVALT);
-    if (len != nullptr)
-        *len = length;
     result = rescue_result(frame.block, result, length);
     if (result == nullptr)
         return fb_null(&FBGETVALT, FBENOSPACE);
+    if (len != nullptr)
+        *len = length;
     return fb_return_pointer(&FBGETVALT, result);
 }
 
@@ -421,6 +436,7 @@ int fbgetntht(FBUF *fbuf, int key, char *value, int len, int type)
     int length = 0;
     if (!FB_ENTER(&frame, FBGETNTHT, fbuf, key, value, len, type))
         return -1;
+    conversion_area area(frame.block);
     char *converted = fbtypecvt(&length, type_of_key(key), value, type, len);
     if (converted == nullptr)
         return fb_error(&FBGETNTHT);

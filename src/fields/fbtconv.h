@@ -3,6 +3,17 @@
 #ifndef VORN_FIELDS_FBTCONV_H
 #define VORN_FIELDS_FBTCONV_H
 
+struct wthr_var;
+
+// Holds the block's conversion area until the end of the scope: around a conversion and the use of its result.
+struct conversion_area {
+    wthr_var *block;
+    explicit conversion_area(wthr_var *owner);
+    ~conversion_area();
+    conversion_area(const conversion_area &) = delete;
+    conversion_area &operator=(const conversion_area &) = delete;
+};
+
 extern "C" {
 
 // Delivers the value of an entry as `to_type`; `*len` as at fbget, set to the width for a number. 1, or -1 with

@@ -53,6 +53,7 @@ int fbchg_tut(FBUF *fbuf, int key, int nth, char *value, int len, int type)
         return -1;
     if (fbuf == nullptr || value == nullptr)
         return fb_fail(&FBCHG_TUT, FBEINVAL);
+    conversion_area area(frame.block);
     int length = 0;
     char *converted = fbtypecvt(&length, type_of_key(key), value, type, len);
     if (converted == nullptr)

@@ -162,6 +162,7 @@ wthr_var *_wthr_var_init(wthr_elem *row)
     _thread_mutex_init(&block->roll_mutex);
     _thread_cond_init(&block->roll_cond);
     _thread_mutex_init(&block->msg_mutex);
+    block->cvt_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     _thread_cond_init(&block->reader_cond);
     _thread_cond_init(&block->offer_done_cond);
     context->variables = block;
@@ -254,9 +255,9 @@ void bind_row(wthr_elem *row)
 
 void free_field_memory(wthr_var *block)
 {
-    free(block->fcache.exchange(nullptr));
     for (auto &word : block->fcache_live)
         word = 0;
+    free(block->fcache.exchange(nullptr));
     free(block->cvt_buf);
     block->cvt_buf = nullptr;
     block->cvt_buf_size = 0;
@@ -277,6 +278,7 @@ static void free_block(wthr_var *block)
     free(block->subscr);
     free_field_memory(block);
     _thread_mutex_destroy(&block->msg_mutex);
+    _thread_mutex_destroy(&block->cvt_mutex);
     _thread_cond_destroy(&block->reader_cond);
     _thread_cond_destroy(&block->offer_done_cond);
     _thread_cond_destroy(&block->roll_cond);
@@ -371,7 +373,6 @@ bool renew_hint(void)
     _thread_unlock();
     return true;
 }
-
 
 bool current_context_number(int *number)
 {

@@ -145,7 +145,7 @@ struct wthr_var {
     int32_t rq_pending;  // requests whose TPRQS reply is still due
     char last_svc[32];
     std::atomic<fcache_slot *> fcache;  // positions of looked-up fields; null until the first
-    char server_name[32];  // service name from the tail of the start reply
+    char server_name[32];               // service name from the tail of the start reply
     std::atomic<void *> crypt_sess;
 
     pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
@@ -170,7 +170,10 @@ struct wthr_var {
     int32_t waiting;                           // their number; waiter_count also counts those on their way
     read_ahead ahead;
 
-    // Results of field type conversions, valid until the next one in the context.
+    // Results of field type conversions, valid until the next one in the context. cvt_mutex, which is recursive,
+    // is held while a conversion runs and its result is used inside the library: the block of row 0 serves all
+    // threads without a row, and none may write to a text block that another gives back.
+    pthread_mutex_t cvt_mutex;
     int16_t cvt_short;
     int32_t cvt_int;
     int64_t cvt_long;

@@ -121,31 +121,35 @@ int _vorn_read_semantics(void)
     return result;
 }
 
-// How the environment ended when this thread last found no VORN_SEMANTICS in it. A variable that is added
-// moves the vector, or the end of it, or stands in its last place.
-struct environment_end {
-    char **first;
-    char *last;
-    size_t count;
+// The environment in which this thread last found no VORN_SEMANTICS. A variable that has been added since is
+// one address more, or another one: the sum of all tells.
+struct searched_environment {
+    char **first;  // null: none
+    uintptr_t sum;
 };
-static constinit thread_local environment_end searched __attribute__((tls_model("initial-exec"))) = {
-    nullptr, nullptr, 0};
+static constinit thread_local searched_environment searched
+    __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+
+static searched_environment present_environment(void)
+{
+    uintptr_t sum = 0;
+    for (char **entry = environ; entry != nullptr && *entry != nullptr; entry++)
+        sum += (uintptr_t)*entry;
+    return {environ, sum};
+}
 
 static bool nothing_was_added(void)
 {
-    return searched.first != nullptr && environ == searched.first &&
-           environ[searched.count - 1] == searched.last && environ[searched.count] == nullptr;
+    if (searched.first == nullptr || searched.first != environ)
+        return false;
+    return searched.sum == present_environment().sum;
 }
 
 static void remember_environment(void)
 {
-    searched = {nullptr, nullptr, 0};
-    if (environ == nullptr || environ[0] == nullptr || getenv("VORN_SEMANTICS") != nullptr)
-        return;
-    size_t count = 1;
-    while (environ[count] != nullptr)
-        count++;
-    searched = {environ, environ[count - 1], count};
+    searched = {nullptr, 0};
+    if (getenv("VORN_SEMANTICS") == nullptr)
+        searched = present_environment();
 }
 
 static int32_t load_flag(int32_t *flag)

@@ -39,7 +39,7 @@ api_context api_open_context(api_frame *frame)
 
 int api_return(const api_text *text, int result)
 {
-    _vorn_trace(text->name, 1, TRACE_RESULT, text->result, result);
+    VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, result);
     return result;
 }
 

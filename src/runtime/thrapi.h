@@ -44,7 +44,7 @@ inline bool api_find(api_frame *frame)
 // api_find, and the entry trace.
 #define API_ENTER(frame, text, ...) \
     (api_find(frame) && \
-     (_vorn_trace((text).name, 1, TRACE_ENTRY, (text).enter __VA_OPT__(, ) __VA_ARGS__), true))
+     (VORN_TRACE((text).name, 1, TRACE_ENTRY, (text).enter __VA_OPT__(, ) __VA_ARGS__), true))
 
 // The starting form of the session check: a call that may open a session by itself goes on only on API_GO_ON.
 enum api_context { API_GO_ON, API_NOTHING_TO_DO, API_NO_CONTEXT };

@@ -406,12 +406,12 @@ static msg_header *put_into(msg_header *message, msg_header *want, wthr_var *blo
         free(message);
         return nullptr;
     }
+    if (want->buftype == BUF_FIELD || message->buftype == BUF_FIELD)
+        _clear_fcache(message_data(want));
     if (message->bufsize > want->bufsize) {
         free(want);
         return message;
     }
-    if (want->buftype == BUF_FIELD || message->buftype == BUF_FIELD)
-        _clear_fcache(message_data(want));
     int32_t bufsize = want->bufsize;
     // A text that lacks its terminator brings the one that the framing put behind it; the reserve has room
     // for it.

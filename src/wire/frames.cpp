@@ -11,6 +11,7 @@
 #include "buffers/dencode.h"
 #include "buffers/sdli.h"
 #include "calls/cscommon.h"
+#include "fields/fbcommon.h"
 #include "kexcli.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
@@ -363,9 +364,13 @@ static frame_result convert_struct(frame_reader *reader)
 static frame_result convert_data(frame_reader *reader)
 {
     msg_header *message = (msg_header *)reader->bytes;
-    if (message->datalen == 0)
-        return FRAME_MESSAGE;
     char *data = message_data(message);
+    if (message->datalen == 0) {
+        if (message->buftype == BUF_FIELD)
+            init_field_buffer(
+                data);  // in the reserve, if need be: the block may become the application's buffer
+        return FRAME_MESSAGE;
+    }
     switch (message->buftype) {
     case BUF_STRUCT:
         return convert_struct(reader);

@@ -4,6 +4,7 @@
 #define VORN_TESTS_BUFFERS_FIELDBYTES_H
 
 #include <stdint.h>
+#include <algorithm>
 #include <stdlib.h>
 #include <string.h>
 

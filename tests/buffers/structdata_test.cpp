@@ -1,5 +1,5 @@
-// The wire form of struct data: records one after the other, trailers, and decoding in place. Also the turning
-// of a single floating-point number.
+// The wire form of struct data: records one after the other, trailers, and decoding in place. Also the
+// turning of a single floating-point number.
 #include "buffers/dencode.h"
 #include "buffers/double.h"
 #include "buffers/fieldbytes.h"

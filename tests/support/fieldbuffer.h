@@ -61,8 +61,8 @@ inline field a_carray(int32_t number, const std::string &bytes)
 
 std::ostream &operator<<(std::ostream &stream, const field &one);
 
-int32_t size_of(const field &one);                   // of its entry
-std::string entry(const field &one);                 // with zeros where nothing is meant
+int32_t size_of(const field &one);    // of its entry
+std::string entry(const field &one);  // with zeros where nothing is meant
 std::string entries(const list &fields);
 std::string image(const list &fields);               // head and entries
 bool parse(const std::string &image, list *fields);  // false if it isn't an exact sequence of known entries
@@ -90,8 +90,8 @@ struct Buffer {
     ~Buffer();
     operator fbuf *() const { return it; }
     char *bytes() const { return (char *)it; }
-    void fill(const list &fields);     // replaces the content by hand; the cache doesn't learn of it
-    void tighten(int32_t spare = 0);   // capacity becomes what is used and `spare`
+    void fill(const list &fields);    // replaces the content by hand; the cache doesn't learn of it
+    void tighten(int32_t spare = 0);  // capacity becomes what is used and `spare`
     bool reserve_is_untouched() const;
 
   private:
