@@ -2,10 +2,7 @@
 #ifndef VORN_RUNTIME_SEMANTICS_H
 #define VORN_RUNTIME_SEMANTICS_H
 
-#include <atomic>
-#include <stddef.h>
 #include <stdint.h>
-#include <unistd.h>
 
 extern "C" {
 
@@ -30,33 +27,9 @@ extern int32_t _vorn_crypt_sw;  // 1: sessions are enciphered
 // Any thread. Does nothing once the switches are applied, so callers needn't test the flag. 1, or -1 for a
 // value with an unknown key or a bad form; the switches are then as they were.
 int _vorn_read_semantics(void);
-// _vorn_flen_flag, read first if need be. For calls that ask at each text: while VORN_SEMANTICS isn't there they
-// pay for a look over the addresses of the environment, not for a search through it.
-//
-// How the environment ended when this thread last found no VORN_SEMANTICS in it. A variable that is added moves the
-// vector, or the end of it, or stands in its last place.
-struct environment_end {
-    char **first;
-    char *last;
-    size_t count;
-};
-extern constinit thread_local environment_end searched_environment
-    __attribute__((tls_model("initial-exec"), visibility("hidden")));
-void search_environment(void);
-
-inline bool nothing_was_added(void)
-{
-    const environment_end *end = &searched_environment;
-    return end->first != nullptr && environ == end->first && environ[end->count - 1] == end->last &&
-           environ[end->count] == nullptr;
-}
-
-inline int32_t field_length_mode(void)
-{
-    if (std::atomic_ref<int32_t>(_vorn_semantics_flag).load(std::memory_order_acquire) == 0 && !nothing_was_added())
-        search_environment();
-    return std::atomic_ref<int32_t>(_vorn_flen_flag).load(std::memory_order_acquire);
-}
+// _vorn_flen_flag, read first if need be. For calls that ask at each value: while VORN_SEMANTICS isn't there
+// they pay for a look at the environment's ends, not for a search through it.
+int32_t field_length_mode(void);
 void _vorn_init_semantics(void);  // switches off; the values in the rows stay
 // Steps of the reading. They write to _vorn_sem; -1 on a bad token.
 int _get_sem_value(char *token);
