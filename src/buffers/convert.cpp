@@ -5,6 +5,7 @@
 #include "buffers/payload.h"
 #include "buffers/sdli.h"
 #include "calls/cscommon.h"
+#include "fields/fbcommon2.h"
 #include "runtime/thrapi.h"
 #include "session/cliapi.h"
 #include "vorn/buffers.h"
@@ -168,10 +169,14 @@ static int typed_buffer(const msg_header *head, char *from, msg_header **made)
     int host = 1, net = 1, error = 0;
     bool known = head->buftype != BUF_STRUCT || _get_host_nw_stsize(head->subtype, &host, &net) > 0;
     int64_t length = larger(head->datalen, (int64_t)head->datalen / net * host);  // records may grow
-    msg_header *block = block_for(head, larger(length, head->bufsize));
+    bool empty_fields = head->buftype == BUF_FIELD && head->datalen == 0;
+    msg_header *block = block_for(head, larger(empty_fields ? FB_HEAD_SIZE : length, head->bufsize));
     if (block == nullptr)
         return TPEOS;
-    if (!has_wire_form(head)) {
+    if (empty_fields) {
+        init_field_buffer(message_data(block));
+        _clear_fcache(message_data(block));
+    } else if (!has_wire_form(head)) {
         memcpy(message_data(block), from, (size_t)head->datalen);
         // A text without its terminator ends here and not in what follows the block.
         message_data(block)[head->datalen] = '\0';

@@ -120,3 +120,29 @@ TEST(WholeMessage, MayBearATrailersMarkWithoutATrailer)
     free(block);
     tpfree(message_data(message));
 }
+
+// There is no field data on the wire, yet the result is a buffer to use.
+TEST(WholeMessage, FieldMessageWithoutDataComesBackAsAnEmptyFieldBuffer)
+{
+    msg_header header = {};
+    _init_header(&header);
+    header.buftype = BUF_FIELD;
+    for (int32_t bufsize : {0, 4, 8, 2000}) {
+        header.bufsize = bufsize;
+        char wire[HEADER_SIZE];
+        memcpy(wire, &header, sizeof wire);
+        _hton_header((msg_header *)wire, (msg_header *)wire);
+        char *dirt = (char *)malloc(4096);
+        memset(dirt, 0x77, 4096);
+        free(dirt);
+        char *back = nullptr;
+        long length = -1;
+        ASSERT_EQ(tpntoh(wire, sizeof wire, &back, &length), 1);
+        EXPECT_EQ(length, 0);
+        FBUF *fields = (FBUF *)back;
+        EXPECT_EQ(fbisfbuf(fields), 1);
+        EXPECT_EQ(fbfldcount(fields), 0);
+        EXPECT_GE(fbget_fbsize(fields), fbget_used(fields));
+        tpfree(back);
+    }
+}
