@@ -108,9 +108,11 @@ TEST_F(FieldReplies, BufferChangedInASessionIsSearchedAfreshAfterIt)
         ASSERT_EQ(fbinsert(fields, WANTED, 0, (char *)&i, 0), 1);
     peer.play([&] {
         peer.expect(wire::TPEND);
-        peer.hang_up();
+        peer.reply();
+        peer.expect_end();
     });
     ASSERT_EQ(tpend(), 1);
+    peer.done();
     EXPECT_EQ(fbkeyoccur(fields, WANTED), 8);
     EXPECT_EQ(fbgetvall_tu(fields, WANTED, 3), 0);
     EXPECT_EQ(fbgetvall_tu(fields, WANTED, 6), 6);
