@@ -37,7 +37,7 @@ std::string field_data(int others)
 // A stored reply takes the buffer's place and may move to an address where another buffer was searched before.
 TEST_F(FieldReplies, StoredOnesAreSearchedAfreshWhereverTheyStand)
 {
-    constexpr int ROUNDS = 150;
+    constexpr int ROUNDS = 60;
     ASSERT_TRUE(start());
     FBUF *fields = fballoc(0, 3000);
     char *ignored = tpalloc((char *)"STRING", nullptr, 0);
