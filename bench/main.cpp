@@ -27,12 +27,17 @@ static constexpr scenario SCENARIOS[] = {
     {"window-unpinned", "tpacall, a window of 16, unpinned", window, placement::anywhere},
     {"buffers", "tpalloc and tpfree", buffers, placement::one_core},
     {"frames", "the frame of a call that does nothing", frames, placement::one_core},
+    {"fields-calls", "field buffers: single calls", field_calls, placement::one_core},
+    {"fields-records", "field buffers: a record of 20 fields", field_records, placement::one_core},
+    {"fields-loops", "field buffers: loops over occurrences", field_loops, placement::one_core},
+    {"fields-wire", "field buffers: wire form of 64 KiB", field_wire, placement::one_core},
+    {"fields-threads", "field buffers: threads with a buffer each", field_threads, placement::anywhere},
 };
 
 static void usage(FILE *to)
 {
     fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
-          "  --quick        short rounds, some 20 seconds in all; without it three minutes\n"
+          "  --quick        short rounds, some 40 seconds in all; without it four minutes\n"
           "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
           "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
           "scenarios:\n",

@@ -15,6 +15,12 @@ void threads(const settings &chosen, placement where);
 // What doesn't talk to the server runs on one core, wherever it is asked to.
 void buffers(const settings &chosen, placement where);
 void frames(const settings &chosen, placement where);
+// Field buffers: single calls, a record beside protobuf and flatbuffers, occurrences, the wire form, threads.
+void field_calls(const settings &chosen, placement where);
+void field_records(const settings &chosen, placement where);
+void field_loops(const settings &chosen, placement where);
+void field_wire(const settings &chosen, placement where);
+void field_threads(const settings &chosen, placement where);
 
 // Steps that they share. All of them end the program on an error.
 void open_session(long flags);

@@ -22,12 +22,40 @@
 #include <stdlib.h>
 #include <string.h>
 
+// How turn_run below sees entries of one kind: by vectors of 32 bytes.
+struct run_test {
+    __m256i order;      // where each byte comes from
+    __m256i low, span;  // of the keys, in all words
+    int keys;           // a bit for each of the 8 words: it is a key
+};
+
+// Turns so many vectors of entries, and stores them if all are of the kind.
+template <int VECTORS>
+__attribute__((target("avx2"), always_inline)) static inline bool turn_block(const char *from, char *to,
+                                                                             bool decode,
+                                                                             const run_test *test)
+{
+    __m256i turned[VECTORS], above = _mm256_setzero_si256();
+    for (int i = 0; i < VECTORS; i++) {
+        __m256i given = _mm256_loadu_si256((const __m256i *)from + i);
+        turned[i] = _mm256_shuffle_epi8(given, test->order);
+        above = _mm256_max_epu32(above, _mm256_sub_epi32(decode ? turned[i] : given, test->low));
+    }
+    __m256i right = _mm256_cmpeq_epi32(_mm256_max_epu32(above, test->span), test->span);
+    if ((~_mm256_movemask_ps(_mm256_castsi256_ps(right)) & test->keys) != 0)
+        return false;
+    for (int i = 0; i < VECTORS; i++)
+        _mm256_storeu_si256((__m256i *)to + i, turned[i]);
+    return true;
+}
+
 extern "C" {
 
 // --- Entries.
 
 constexpr int ENTRY_UNIT = FIELD_ENTRY_UNIT;
-constexpr int64_t SHORT_TEXT = 64;  // bytes up to which a text is copied word by word
+constexpr int64_t SHORT_COPY = 64;  // bytes up to which a copy is made without a call
+constexpr int64_t NEAR_TEXT = 256;  // bytes within which the end of a text is looked for without one
 
 static inline uint64_t load_unit(const char *from)
 {
@@ -68,7 +96,7 @@ static inline void copy_units(const char *from, char *to, int64_t size)
 {
     if (from == to)
         return;
-    if (size > SHORT_TEXT) {
+    if (size > SHORT_COPY) {
         memcpy(to, from, (size_t)size);
         return;
     }
@@ -87,13 +115,16 @@ static inline int64_t copy_text(const char *from, char *to, const char *end, uin
     if (has_zero_byte(unit | key_half))
         return ENTRY_UNIT;
     int64_t size = ENTRY_UNIT, room = end - from;
-    int64_t near = room < SHORT_TEXT ? room : SHORT_TEXT;
-    while (size < near) {
-        unit = load_unit(from + size);
-        store_unit(to + size, unit);
-        size += ENTRY_UNIT;
-        if (has_zero_byte(unit))
-            return size;
+    // By two units, of which the second one may be the next entry's: that entry puts all of its own behind.
+    for (; size < NEAR_TEXT && room - size >= 2 * ENTRY_UNIT; size += 2 * ENTRY_UNIT) {
+        __m128i units = _mm_loadu_si128((const __m128i *)(from + size));
+        _mm_storeu_si128((__m128i *)(to + size), units);
+        int zeros = _mm_movemask_epi8(_mm_cmpeq_epi8(units, _mm_setzero_si128()));
+        // Branches, because a size that were computed would keep the next entry waiting.
+        if (__builtin_expect((zeros & 0xff) != 0, 0))
+            return size + ENTRY_UNIT;
+        if (zeros != 0)
+            return size + 2 * ENTRY_UNIT;
     }
     const char *nul = (const char *)memchr(from + size, '\0', (size_t)(room - size));
     if (nul == nullptr)
@@ -104,27 +135,28 @@ static inline int64_t copy_text(const char *from, char *to, const char *end, uin
 }
 
 // Most entries of most buffers are numbers, many of one size in a row. Where the processor can reorder the
-// bytes of 32 at once, turn_run turns such entries by blocks of 64 bytes, and stops at the first block that
+// bytes of 32 at once, turn_run turns such entries by blocks of 128 and 64 bytes, and stops at the first that
 // holds another type; elsewhere they go one by one, at an eighth of the speed.
 //
 // `order` tells for each of 16 bytes, which hold one entry or two, where it comes from; -1 is a zero. The
-// types run from `type_low` to `type_high`.
+// keys run from `key_low`, as unsigned numbers, over `key_span` more.
+constexpr int RUN_BLOCK = 64;
 struct run_kind {
     char order[16];
-    int type_low, type_high;
-    int keys;  // a bit for each of the 8 words of 32 bytes: it is a key
+    uint32_t key_low, key_span;
+    int keys;        // a bit for each of the 8 words of 32 bytes: it is a key
+    int last_entry;  // offset in a block
 };
-static constexpr run_kind WORD_RUN = {
-    {3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12}, FB_INT, FB_FLOAT, 0x55};
-static constexpr run_kind DOUBLE_RUN = {
-    {3, 2, 1, 0, -1, -1, -1, -1, 15, 14, 13, 12, 11, 10, 9, 8}, FB_DOUBLE, FB_DOUBLE, 0x11};
-
-__attribute__((target("avx2"))) static inline __m256i is_of_kind(__m256i host, const run_kind *kind)
-{
-    __m256i types = _mm256_srai_epi32(host, FIELD_TYPE_SHIFT);
-    __m256i above = _mm256_cmpgt_epi32(types, _mm256_set1_epi32(kind->type_low - 1));
-    return _mm256_and_si256(above, _mm256_cmpgt_epi32(_mm256_set1_epi32(kind->type_high + 1), types));
-}
+static constexpr run_kind WORD_RUN = {{3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12},
+                                      FB_INT << FIELD_TYPE_SHIFT,
+                                      (3 << FIELD_TYPE_SHIFT) - 1,
+                                      0x55,
+                                      RUN_BLOCK - ENTRY_UNIT};
+static constexpr run_kind DOUBLE_RUN = {{3, 2, 1, 0, -1, -1, -1, -1, 15, 14, 13, 12, 11, 10, 9, 8},
+                                        FB_DOUBLE << FIELD_TYPE_SHIFT,
+                                        (1 << FIELD_TYPE_SHIFT) - 1,
+                                        0x11,
+                                        RUN_BLOCK - 2 * ENTRY_UNIT};
 
 // The first entry that was left.
 __attribute__((target("avx2"), noinline)) static const char *turn_run(const char *from, char *to,
@@ -132,28 +164,28 @@ __attribute__((target("avx2"), noinline)) static const char *turn_run(const char
                                                                       const run_kind *kind)
 {
     __m256i order = _mm256_broadcastsi128_si256(_mm_loadu_si128((const __m128i *)kind->order));
-    for (; end - from >= 64; from += 64, to += 64) {
-        __m256i first = _mm256_loadu_si256((const __m256i *)from);
-        __m256i second = _mm256_loadu_si256((const __m256i *)(from + 32));
-        __m256i first_turned = _mm256_shuffle_epi8(first, order);
-        __m256i second_turned = _mm256_shuffle_epi8(second, order);
-        __m256i right = _mm256_and_si256(is_of_kind(decode ? first_turned : first, kind),
-                                         is_of_kind(decode ? second_turned : second, kind));
-        if ((_mm256_movemask_ps(_mm256_castsi256_ps(right)) & kind->keys) != kind->keys)
-            break;
-        _mm256_storeu_si256((__m256i *)to, first_turned);
-        _mm256_storeu_si256((__m256i *)(to + 32), second_turned);
+    __m256i low = _mm256_set1_epi32((int)kind->key_low), span = _mm256_set1_epi32((int)kind->key_span);
+    run_test test = {order, low, span, kind->keys};
+    while (end - from >= 2 * RUN_BLOCK && turn_block<4>(from, to, decode, &test)) {
+        from += 2 * RUN_BLOCK;
+        to += 2 * RUN_BLOCK;
+    }
+    while (end - from >= RUN_BLOCK && turn_block<2>(from, to, decode, &test)) {
+        from += RUN_BLOCK;
+        to += RUN_BLOCK;
     }
     return from;
 }
 
-// Goes on behind an entry of `size` bytes, which the caller turns, with a run of its kind, if one begins
-// there and `kind` isn't null. The number of bytes that are done, that entry included.
+// Goes on behind an entry of `size` bytes, which the caller turns, with a run of its kind, if one seems to
+// begin there and `kind` isn't null. The number of bytes that are done, that entry included.
 static inline int64_t with_run(const char *from, char *to, const char *end, bool decode, const run_kind *kind,
                                int64_t size)
 {
-    if (kind == nullptr || end - from < 64 + size ||
-        ((load_unit(from) ^ load_unit(from + size)) & (decode ? 0xfc : 0xfc000000)) != 0)
+    if (kind == nullptr || end - from < RUN_BLOCK + size)
+        return size;
+    uint32_t key = (uint32_t)get_int32(from + size + kind->last_entry);
+    if ((decode ? __builtin_bswap32(key) : key) - kind->key_low > kind->key_span)
         return size;
     return turn_run(from + size, to + size, end, decode, kind) - from;
 }

@@ -25,8 +25,8 @@ extern "C" {
         function, function arguments, function " = \"%s\"", function " = NULL [%d : %s]" \
     }
 
-// The cell of the caller's row. It is atomic because threads without a row share that of row 0, and only written
-// when it changes: rows of other threads lie in the same cache line.
+// The cell of the caller's row. It is atomic because threads without a row share that of row 0, and only
+// written when it changes: rows of other threads lie in the same cache line.
 inline void put_fberror(wthr_elem *row, int code)
 {
     std::atomic_ref<int32_t> cell(row->fberror);
@@ -41,6 +41,12 @@ inline void set_fberror(int code)
         put_fberror(row, code);
 }
 
+inline int refused(int code)
+{
+    set_fberror(code);
+    return -1;
+}
+
 inline bool fb_clear_error(const api_frame *frame)
 {
     put_fberror(frame->row, 0);
@@ -50,6 +56,17 @@ inline bool fb_clear_error(const api_frame *frame)
 // Row, block and entry trace, and fberror 0. False without tables: the call then returns its failure value.
 #define FB_ENTER(frame, text, ...) \
     (API_ENTER(frame, text __VA_OPT__(, ) __VA_ARGS__) && fb_clear_error(frame))
+
+// All that the frame does while the thread's hint holds and nobody traces: fberror 0. True if so, and the
+// call is then its work alone, whose result tells by itself whether it failed. This is for the calls of which
+// a record takes one for each field.
+inline bool fb_enter_untraced(void)
+{
+    if (!hint_holds() || is_traced())
+        return false;
+    put_fberror(current_hint.row, 0);
+    return true;
+}
 
 // Exits. fb_error reports what stands in fberror, fb_fail sets it first; both give -1. The forms for an
 // address give null.

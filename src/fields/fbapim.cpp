@@ -19,13 +19,25 @@ static constexpr api_text FBGETC = FB_TEXT("fbgetc", "(%#x, %d, %#x, %#x, %#x, %
 
 // --- Writing.
 
-static int refused(int code)
+// Copies a text or byte array, which may overlap its new place. Short ones, as most are, go through
+// registers.
+static inline void copy_value(char *to, const char *from, size_t size)
 {
-    set_fberror(code);
-    return -1;
+    struct part {
+        char bytes[16];
+    } head, tail;
+    if (size < sizeof head || size > sizeof head + sizeof tail) {
+        memmove(to, from, size);
+        return;
+    }
+    memcpy(&head, from, sizeof head);
+    memcpy(&tail, from + size - sizeof tail, sizeof tail);
+    memcpy(to, &head, sizeof head);
+    memcpy(to + size - sizeof tail, &tail, sizeof tail);
 }
 
-int _put_fld_to_fbuf(char *position, int key, const char *value, int len, int wide_long)
+// _put_fld_to_fbuf for a text whose size, NUL included, is known; it doesn't count for other types.
+static inline int put_value(char *position, int key, const char *value, int len, size_t text_size)
 {
     put_int32(position, key);
     switch (type_of_key(key)) {
@@ -38,7 +50,6 @@ int _put_fld_to_fbuf(char *position, int key, const char *value, int len, int wi
     case FB_LONG:
         // The low half of a wide one comes first on this kind of host.
         static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-        (void)wide_long;
         [[fallthrough]];
     case FB_INT:
     case FB_FLOAT:
@@ -48,25 +59,37 @@ int _put_fld_to_fbuf(char *position, int key, const char *value, int len, int wi
         memcpy(position + FIELD_WIDE_VALUE, value, sizeof(double));
         return 1;
     case FB_STRING:
-        memmove(position + FIELD_VALUE, value, strlen(value) + 1);
+        copy_value(position + FIELD_VALUE, value, text_size);
         return 1;
     case FB_CARRAY:
         if (len < 1)
             return refused(FBEINVAL);
         put_int32(position + FIELD_CARRAY_LENGTH, len);
-        memmove(position + FIELD_WIDE_VALUE, value, (size_t)len);
+        copy_value(position + FIELD_WIDE_VALUE, value, (size_t)len);
         return 1;
     }
     return refused(FBETYPE);
 }
 
-// Appends a value. The key of a value that is then refused isn't written: a full buffer has no room for it.
-static int append(FBUF *fbuf, int key, const char *value, int len, int wide_long)
+// 0 for what is no text.
+static inline size_t size_of_text(int type, const char *value)
 {
-    if (fbuf == nullptr || value == nullptr)
-        return refused(FBEINVAL);
+    return type == FB_STRING ? strlen(value) + 1 : 0;
+}
+
+int _put_fld_to_fbuf(char *position, int key, const char *value, int len, int wide_long)
+{
+    (void)wide_long;
+    return put_value(position, key, value, len, size_of_text(type_of_key(key), value));
+}
+
+// Appends a value of any type. The key of a value that is then refused isn't written: a full buffer has no
+// room for it.
+static int append_any(FBUF *fbuf, int key, const char *value, int len)
+{
     int type = type_of_key(key);
-    int64_t size = size_of_value(type, value, len);
+    size_t text_size = size_of_text(type, value);
+    int64_t size = type == FB_STRING ? size_with_key((int64_t)text_size) : size_of_value(type, value, len);
     char *end = entries_end(fbuf);
     int64_t used = end - bytes_of(fbuf);
     if (capacity_of(fbuf) < used + size)
@@ -75,23 +98,48 @@ static int append(FBUF *fbuf, int key, const char *value, int len, int wide_long
         return refused(FBEINVAL);
     if (type < FIELD_TYPE_FIRST || type > FIELD_TYPE_LAST)
         return refused(FBETYPE);
-    int result = _put_fld_to_fbuf(end, key, value, len, wide_long);
+    int result = put_value(end, key, value, len, text_size);
     set_used(fbuf, used + size);
     return result;
 }
 
-int fbput(FBUF *fbuf, int key, char *value, int len)
+// The same; the numbers of 32 bits, which most values are, take the short way.
+static inline int append(FBUF *fbuf, int key, const char *value, int len)
+{
+    static_assert(FB_LONG == FB_INT + 1 && FB_FLOAT == FB_INT + 2);
+    if (fbuf == nullptr || value == nullptr)
+        return refused(FBEINVAL);
+    if ((uint32_t)(type_of_key(key) - FB_INT) > FB_FLOAT - FB_INT)
+        return append_any(fbuf, key, value, len);
+    char *end = entries_end(fbuf);
+    int64_t used = end - bytes_of(fbuf);
+    if (capacity_of(fbuf) < used + FIELD_ENTRY_UNIT)
+        return refused(FBENOSPACE);
+    put_int32(end, key);
+    memcpy(end + FIELD_VALUE, value, sizeof(int32_t));
+    set_used(fbuf, used + FIELD_ENTRY_UNIT);
+    return 1;
+}
+
+__attribute__((noinline)) static int put_in_frame(FBUF *fbuf, int key, char *value, int len)
 {
     api_frame frame;
     if (!FB_ENTER(&frame, FBPUT, fbuf, key, value, len))
         return -1;
-    return fb_result(&FBPUT, append(fbuf, key, value, len, 1));
+    return fb_result(&FBPUT, append(fbuf, key, value, len));
+}
+
+int fbput(FBUF *fbuf, int key, char *value, int len)
+{
+    if (fb_enter_untraced())
+        return append(fbuf, key, value, len);
+    return put_in_frame(fbuf, key, value, len);
 }
 
 int _fbput(FBUF *fbuf, int key, char *value, int len)
 {
     set_fberror(0);
-    return append(fbuf, key, value, len, 0);
+    return append(fbuf, key, value, len);
 }
 
 // Moves what begins at `from` by `distance` bytes, with the used length. A value that the caller took from the
@@ -238,16 +286,16 @@ int deliver_text(char *value, const char *text, int length, int *given)
 {
     int room = *given;
     *given = length + 1;
-    int mode = field_length_mode();
-    bool cut = room != 0 && room <= length && (mode == FLEN_TRUNCATE || mode == FLEN_ERROR);
-    if (cut && mode == FLEN_ERROR)
+    int mode = room != 0 && room <= length ? field_length_mode() : FLEN_UNSET;
+    bool cut = mode == FLEN_TRUNCATE || mode == FLEN_ERROR;
+    if (mode == FLEN_ERROR)
         return refused(FBENOSPACE);
     int delivered = length + 1;
     if (cut)
         *given = delivered = room < 0 ? 0 : room;
     if (value == nullptr || delivered == 0)
         return 1;
-    memcpy(value, text, (size_t)delivered - 1);
+    copy_value(value, text, (size_t)delivered - 1);
     value[delivered - 1] = '\0';
     return 1;
 }
@@ -256,9 +304,9 @@ int deliver_bytes(char *value, const char *bytes, int length, int *given)
 {
     int room = *given == 0 ? length : *given;
     *given = length;
-    int mode = field_length_mode();
-    bool cut = room < length && (mode == FLEN_TRUNCATE || mode == FLEN_ERROR);
-    if (cut && mode == FLEN_ERROR)
+    int mode = room < length ? field_length_mode() : FLEN_UNSET;
+    bool cut = mode == FLEN_TRUNCATE || mode == FLEN_ERROR;
+    if (mode == FLEN_ERROR)
         return refused(FBENOSPACE);
     if (cut)
         *given = length = room < 0 ? 0 : room;
@@ -295,7 +343,7 @@ int _get_fbval_to_usrloc(const char *entry, char *value, int *len)
         return deliver_number(value, entry + FIELD_WIDE_VALUE, 8, false);
     case FB_STRING: {
         int enough = 0;
-        return deliver_text(value, stored, (int)strlen(stored), len != nullptr ? len : &enough);
+        return deliver_text(value, stored, text_length(entry), len != nullptr ? len : &enough);
     }
     case FB_CARRAY:
         if (len == nullptr)

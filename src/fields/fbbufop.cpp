@@ -17,12 +17,6 @@ extern "C" {
 static constexpr api_text FBBUFOP = FB_TEXT("fbbufop", "(%#x, %#x, %d)");
 static constexpr api_text FBBUFOP_PROJ = FB_TEXT("fbbufop_proj", "(%#x, %#x, %#x)");
 
-static int refused(int code)
-{
-    set_fberror(code);
-    return -1;
-}
-
 // Bytes in use, head included.
 static int64_t used_part(FBUF *fbuf)
 {

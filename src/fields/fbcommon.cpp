@@ -34,28 +34,14 @@ void init_field_buffer(char *data)
     memcpy(data, &head, sizeof head);
 }
 
-int64_t long_entry_size(const char *entry, const char *end)
+int64_t long_text_entry_size(const char *entry, const char *end)
 {
-    int64_t room = end - entry, size;
-    if (type_of_key(get_int32(entry)) == FB_STRING) {
-        const char *text = entry + FIELD_VALUE;
-        const void *nul = memchr(text, '\0', (size_t)(end - text));
-        if (nul == nullptr)
-            return 0;
-        size = aligned_entry((const char *)nul + 1 - entry);
-    } else {
-        int32_t length = get_int32(entry + FIELD_CARRAY_LENGTH);
-        if (length < 0)
-            return 0;
-        size = aligned_entry(FIELD_WIDE_VALUE + (int64_t)length);
-    }
-    return size <= room ? size : 0;
-}
-
-static int falign(int64_t n)
-{
-    int64_t size = aligned_entry(n + FIELD_KEY_SIZE);
-    return size > INT_MAX ? INT_MAX : (int)size;
+    const char *text = entry + FIELD_VALUE;
+    const void *nul = memchr(text, '\0', (size_t)(end - text));
+    if (nul == nullptr)
+        return 0;
+    int64_t size = aligned_entry((const char *)nul + 1 - entry);
+    return size <= end - entry ? size : 0;
 }
 
 int64_t size_of_value(int type, const char *value, int len)
@@ -64,16 +50,16 @@ int64_t size_of_value(int type, const char *value, int len)
     case FB_DOUBLE:
         return 2 * FIELD_ENTRY_UNIT;
     case FB_STRING:
-        return falign((int64_t)strlen(value) + 1);
+        return size_with_key((int64_t)strlen(value) + 1);
     case FB_CARRAY:
-        return falign((int64_t)len + 4);
+        return size_with_key((int64_t)len + 4);
     }
     return FIELD_ENTRY_UNIT;
 }
 
 int _calc_falign_len(int n)
 {
-    return falign(n);
+    return (int)size_with_key(n);
 }
 
 int _get_alen_from_type(int type, const char *value, int len)

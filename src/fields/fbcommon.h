@@ -112,9 +112,38 @@ inline int64_t aligned_entry(int64_t bytes)
     return (bytes + FIELD_ENTRY_UNIT - 1) & ~(int64_t)(FIELD_ENTRY_UNIT - 1);
 }
 
-// Size of the entries of a string or carray; 0 if it doesn't end by `end`, or a string has no NUL by then. The
-// first `FIELD_ENTRY_UNIT` bytes are there.
-int64_t long_entry_size(const char *entry, const char *end);
+// Marks of the zero bytes among 8 bytes of a text; `others` are bytes that don't count. The lowest set bit is
+// the highest one of the first zero byte.
+inline uint64_t zero_bytes(const char *from, uint64_t others)
+{
+    uint64_t word;
+    memcpy(&word, from, sizeof word);
+    word |= others;
+    return (word - 0x0101010101010101) & ~word & 0x8080808080808080;
+}
+constexpr uint64_t KEY_BYTES = 0xffffffff;  // of an entry's first unit
+
+// Most texts are short: they are looked through by units, and only what goes on beyond these by memchr.
+constexpr int64_t SHORT_TEXT_ENTRY = 8 * FIELD_ENTRY_UNIT;
+int64_t long_text_entry_size(const char *entry, const char *end);
+
+// Size of the entry of a string, of which at least the first unit is there; 0 if it has no NUL by `end`.
+inline int64_t text_entry_size(const char *entry, const char *end)
+{
+    if (zero_bytes(entry, KEY_BYTES) != 0)
+        return FIELD_ENTRY_UNIT;
+    for (int64_t size = 2 * FIELD_ENTRY_UNIT; size <= SHORT_TEXT_ENTRY && size <= end - entry;
+         size += FIELD_ENTRY_UNIT)
+        if (zero_bytes(entry + size - FIELD_ENTRY_UNIT, 0) != 0)
+            return size;
+    return long_text_entry_size(entry, end);
+}
+
+inline int64_t carray_entry_size(const char *entry, const char *end)
+{
+    int64_t length = get_int32(entry + FIELD_CARRAY_LENGTH), size = aligned_entry(FIELD_WIDE_VALUE + length);
+    return length >= 0 && size <= end - entry ? size : 0;
+}
 
 // Size of the entry; 0 if it doesn't end by `end`: the walk is then over.
 inline int64_t entry_size(const char *entry, const char *end)
@@ -125,8 +154,9 @@ inline int64_t entry_size(const char *entry, const char *end)
     case FB_DOUBLE:
         return end - entry < 2 * FIELD_ENTRY_UNIT ? 0 : 2 * FIELD_ENTRY_UNIT;
     case FB_STRING:
+        return text_entry_size(entry, end);
     case FB_CARRAY:
-        return long_entry_size(entry, end);
+        return carray_entry_size(entry, end);
     }
     return FIELD_ENTRY_UNIT;
 }
@@ -162,6 +192,18 @@ inline char *value_of(char *entry)
     return entry + (type == FB_DOUBLE || type == FB_CARRAY ? FIELD_WIDE_VALUE : FIELD_VALUE);
 }
 
+// Length of the text of a string's entry.
+inline int32_t text_length(const char *entry)
+{
+    uint64_t zeros = zero_bytes(entry, KEY_BYTES);
+    if (zeros != 0)
+        return __builtin_ctzll(zeros) / 8 - FIELD_VALUE;
+    for (int32_t unit = FIELD_ENTRY_UNIT; unit < SHORT_TEXT_ENTRY; unit += FIELD_ENTRY_UNIT)
+        if ((zeros = zero_bytes(entry + unit, 0)) != 0)
+            return unit + __builtin_ctzll(zeros) / 8 - FIELD_VALUE;
+    return (int32_t)strlen(entry + FIELD_VALUE);
+}
+
 // Field length of an entry of a known type.
 inline int32_t length_of(const char *entry)
 {
@@ -173,11 +215,18 @@ inline int32_t length_of(const char *entry)
     case FB_DOUBLE:
         return 8;
     case FB_STRING:
-        return (int32_t)strlen(entry + FIELD_VALUE);
+        return text_length(entry);
     case FB_CARRAY:
         return get_int32(entry + FIELD_CARRAY_LENGTH);
     }
     return 4;
+}
+
+// Size of an entry for `bytes` bytes behind the key; INT32_MAX for more.
+inline int64_t size_with_key(int64_t bytes)
+{
+    int64_t size = aligned_entry(FIELD_KEY_SIZE + bytes);
+    return size > INT32_MAX ? INT32_MAX : size;
 }
 
 // Entry size that a value would take; INT32_MAX for more. The length counts for a carray only.

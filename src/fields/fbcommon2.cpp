@@ -5,24 +5,16 @@
 #include <limits.h>
 #include <stdlib.h>
 
-// Whoever changes a slot claims it first; who can't does without, as a miss costs a walk and nothing else. A
-// buffer is one thread's at a time, so a slot that names it before and after its words were read was whole in
-// between.
+// Slots are read and written word by word, and nobody owns one: a place counts only if its seal fits, which
+// one that two threads have mixed up doesn't. That costs a walk and nothing else.
 template <typename Word> static Word load(Word &word)
 {
-    return std::atomic_ref<Word>(word).load(std::memory_order_acquire);
+    return std::atomic_ref<Word>(word).load(std::memory_order_relaxed);
 }
 
 template <typename Word> static void store(Word &word, Word value)
 {
-    std::atomic_ref<Word>(word).store(value, std::memory_order_release);
-}
-
-static FBUF *const CLAIMED = (FBUF *)1;
-
-static bool claim(fcache_slot *slot, FBUF *held)
-{
-    return held != CLAIMED && std::atomic_ref<FBUF *>(slot->fbuf).compare_exchange_strong(held, CLAIMED);
+    std::atomic_ref<Word>(word).store(value, std::memory_order_relaxed);
 }
 
 extern "C" {
@@ -33,23 +25,57 @@ static uint32_t slot_number(const FBUF *fbuf, int key)
     return (((address & 0xfff00u) >> 10) + (uint32_t)key) % FCACHE_SLOTS;
 }
 
+// Behind its slots the table has generations. A buffer's places are of the generation in the row of its
+// address, and all are forgotten at once when that goes up; with them those of the buffers that share the row.
+// Neighbours on the heap don't, and neither do, mostly, the first ones of several threads' heaps. A generation
+// that has places is odd: those of buffers that are filled and not searched don't go up, since that costs more
+// than ten puts.
+constexpr size_t GENERATIONS = 1024;
+constexpr size_t TABLE_SIZE = FCACHE_SLOTS * sizeof(fcache_slot) + GENERATIONS * sizeof(uint32_t);
+
+static std::atomic_ref<uint32_t> generation_of(fcache_slot *table, const void *fbuf)
+{
+    uintptr_t address = (uintptr_t)fbuf, row = (address >> 3 ^ (address >> 26) * 0x9e3779b1) % GENERATIONS;
+    return std::atomic_ref<uint32_t>(((uint32_t *)(table + FCACHE_SLOTS))[row]);
+}
+
+static bool has_places(uint32_t generation)
+{
+    return generation % 2 != 0;
+}
+
+// What can't be had from the words of another place, or from this one's in another generation.
+static uint32_t seal_of(const fcache_slot *place, uint32_t generation)
+{
+    uint64_t words = (uint64_t)(uint32_t)place->key << 32 | (uint32_t)place->nth;
+    uint64_t where = (uint64_t)(uint32_t)place->offset << 32 ^ (uint64_t)(uintptr_t)place->fbuf;
+    uint64_t mixed = (words ^ where * 0x9e3779b97f4a7c15) * 0xd6e8feb86659fd93;
+    return (uint32_t)(mixed >> 32) + generation;
+}
+
 // The table, made if there is none. Of two threads that make it at once one gives its own back.
 static fcache_slot *table_of(wthr_var *block)
 {
     fcache_slot *table = block->fcache.load(std::memory_order_acquire);
     if (table != nullptr)
         return table;
-    fcache_slot *made = (fcache_slot *)calloc(FCACHE_SLOTS, sizeof(fcache_slot));
+    fcache_slot *made = (fcache_slot *)calloc(1, TABLE_SIZE);
     if (made == nullptr || block->fcache.compare_exchange_strong(table, made))
         return made;
     free(made);
     return table;
 }
 
-// Marks the slot as one that a clearing has to look at.
-static void mark_live(wthr_var *block, uint32_t number)
+// What the slot holds of the buffer; `fbuf` is null for nothing.
+static inline fcache_slot place_in(fcache_slot *table, fcache_slot *slot, const FBUF *fbuf)
 {
-    block->fcache_live[number / 64].fetch_or(1ull << number % 64);
+    if (load(slot->fbuf) != fbuf)
+        return {};
+    uint32_t generation = generation_of(table, fbuf).load(std::memory_order_relaxed);
+    fcache_slot place = {load(slot->key), load(slot->nth), load(slot->offset), load(slot->seal),
+                         (FBUF *)fbuf};
+    bool whole = has_places(generation) && seal_of(&place, generation) == place.seal;
+    return whole ? place : fcache_slot{};
 }
 
 static int enter(wthr_var *block, FBUF *fbuf, int key, int nth, int offset)
@@ -59,33 +85,29 @@ static int enter(wthr_var *block, FBUF *fbuf, int key, int nth, int offset)
         return -1;
     uint32_t number = slot_number(fbuf, key);
     fcache_slot *slot = &table[number];
-    FBUF *held = load(slot->fbuf);
-    if (held == fbuf && load(slot->key) != key)
+    if (load(slot->key) != key && place_in(table, slot, fbuf).fbuf != nullptr)
         return -1;  // the older entry stays
-    if (!claim(slot, held))
-        return -1;
+    std::atomic_ref<uint32_t> row = generation_of(table, fbuf);
+    uint32_t generation = row.load(std::memory_order_relaxed);
+    if (!has_places(generation))
+        generation = row.fetch_or(1, std::memory_order_relaxed) | 1;
+    fcache_slot place = {key, nth, offset, 0, fbuf};
     store(slot->key, key);
     store(slot->nth, nth);
     store(slot->offset, offset);
-    if (held != fbuf)
-        mark_live(block, number);
+    store(slot->seal, seal_of(&place, generation));
     store(slot->fbuf, fbuf);
     return (int)number;
 }
 
-// The place that serves a search for occurrence `nth`, as it stands in its slot; `fbuf` is null if there is
-// none.
-static fcache_slot serving_slot(wthr_var *block, const FBUF *fbuf, int key, int nth)
+// The place that serves a search for occurrence `nth`; `fbuf` is null if there is none.
+static inline fcache_slot serving_slot(wthr_var *block, const FBUF *fbuf, int key, int nth)
 {
-    fcache_slot none = {};
     fcache_slot *table = block->fcache.load(std::memory_order_acquire);
     if (table == nullptr)
-        return none;
-    fcache_slot *slot = &table[slot_number(fbuf, key)];
-    if (load(slot->fbuf) != fbuf)
-        return none;
-    fcache_slot place = {load(slot->key), load(slot->nth), load(slot->offset), load(slot->fbuf)};
-    return place.fbuf == fbuf && place.key == key && place.nth <= nth ? place : none;
+        return {};
+    fcache_slot place = place_in(table, &table[slot_number(fbuf, key)], fbuf);
+    return place.key == key && place.nth <= nth ? place : fcache_slot{};
 }
 
 static void clear_places(wthr_var *block, const void *fbuf)
@@ -93,16 +115,14 @@ static void clear_places(wthr_var *block, const void *fbuf)
     fcache_slot *table = block->fcache.load(std::memory_order_acquire);
     if (table == nullptr)
         return;
-    for (int word = 0; word < FCACHE_WORDS; word++) {
-        uint64_t live = block->fcache_live[word].load(std::memory_order_relaxed);
-        for (; live != 0; live &= live - 1) {
-            uint32_t number = (uint32_t)(word * 64 + __builtin_ctzll(live));
-            if (load(table[number].fbuf) != fbuf || !claim(&table[number], (FBUF *)fbuf))
-                continue;
-            block->fcache_live[word].fetch_and(~(1ull << number % 64));
-            store(table[number].fbuf, (FBUF *)nullptr);
-        }
-    }
+    std::atomic_ref<uint32_t> row = generation_of(table, fbuf);
+    if (!has_places(row.load(std::memory_order_relaxed)))
+        return;
+    if (row.fetch_add(1, std::memory_order_relaxed) != UINT32_MAX)
+        return;
+    // The row begins anew: nothing may be left of the first time.
+    for (int i = 0; i < FCACHE_SLOTS; i++)
+        store(table[i].fbuf, (FBUF *)nullptr);
 }
 
 // A buffer that a program has used before its session, or will use behind it, has places with the fall-back
@@ -124,9 +144,7 @@ static void clear_behind(wthr_var *block, FBUF *fbuf, int key, const char *entry
     fcache_slot place = serving_slot(block, fbuf, key, INT_MAX);
     if (place.fbuf == nullptr || place.offset <= entry - first_entry(fbuf))
         return;
-    fcache_slot *slot = &block->fcache.load(std::memory_order_relaxed)[slot_number(fbuf, key)];
-    if (claim(slot, fbuf))
-        store(slot->fbuf, (FBUF *)nullptr);
+    store(block->fcache.load(std::memory_order_relaxed)[slot_number(fbuf, key)].fbuf, (FBUF *)nullptr);
 }
 
 void forget_behind(wthr_var *block, FBUF *fbuf, int key, const char *entry)
@@ -144,13 +162,12 @@ struct search_start {
 };
 
 // The cached place only counts if an entry of the key stands there, read or unread.
-static search_start start_of(wthr_var *block, FBUF *fbuf, const char *end, int key, int nth)
+static search_start start_of(const fcache_slot *place, FBUF *fbuf, const char *end, int key)
 {
     search_start start = {first_entry(fbuf), 0, false};
-    fcache_slot place = serving_slot(block, fbuf, key, nth);
-    if (place.fbuf == nullptr)
+    if (place->fbuf == nullptr)
         return start;
-    int32_t offset = place.offset, cached_nth = place.nth;
+    int32_t offset = place->offset, cached_nth = place->nth;
     if (offset < 0 || offset > end - start.entry - FIELD_ENTRY_UNIT || cached_nth < 0)
         return start;
     char *entry = start.entry + offset;
@@ -159,10 +176,10 @@ static search_start start_of(wthr_var *block, FBUF *fbuf, const char *end, int k
     return {entry, cached_nth, true};
 }
 
-char *find_entry(wthr_var *block, FBUF *fbuf, int key, int nth)
+static char *search_entry(wthr_var *block, FBUF *fbuf, const fcache_slot *place, int key, int nth)
 {
     char *end = entries_end(fbuf);
-    search_start start = start_of(block, fbuf, end, key, nth);
+    search_start start = start_of(place, fbuf, end, key);
     int count = start.nth;
     for (entry_walk walk = walk_from(start.entry, end); walk.size > 0; next_entry(&walk)) {
         if (get_int32(walk.entry) != key)
@@ -177,11 +194,24 @@ char *find_entry(wthr_var *block, FBUF *fbuf, int key, int nth)
     return nullptr;
 }
 
+char *find_entry(wthr_var *block, FBUF *fbuf, int key, int nth)
+{
+    char *first = first_entry(fbuf), *end = entries_end(fbuf);
+    fcache_slot place = serving_slot(block, fbuf, key, nth);
+    // Most searches end here: this occurrence was looked up before, and its entry stands where it stood.
+    bool known = place.fbuf != nullptr && place.nth == nth && nth >= 0 && place.offset >= 0 &&
+                 place.offset <= end - first - FIELD_ENTRY_UNIT && get_int32(first + place.offset) == key;
+    if (known && entry_size(first + place.offset, end) > 0)
+        return first + place.offset;
+    return search_entry(block, fbuf, &place, key, nth);
+}
+
 int count_entries(wthr_var *block, FBUF *fbuf, int key)
 {
     constexpr int BOOKMARK_DISTANCE = 10;
     char *end = entries_end(fbuf);
-    search_start start = start_of(block, fbuf, end, key, INT_MAX);
+    fcache_slot place = serving_slot(block, fbuf, key, INT_MAX);
+    search_start start = start_of(&place, fbuf, end, key);
     int count = start.nth, bookmark = start.nth;
     for (entry_walk walk = walk_from(start.entry, end); walk.size > 0; next_entry(&walk)) {
         if (get_int32(walk.entry) != key)

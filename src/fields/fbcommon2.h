@@ -5,10 +5,10 @@
 // ended. Those places stand in a direct-mapped table of the context, `fcache`: a miss costs a walk, nothing
 // else. An append leaves them right; whatever moves entries must clear them.
 //
-// Threads of one context, and all threads without one, share the table without a lock: whoever changes a slot
-// claims it for the moment, and a place only counts if an entry of the key stands there. A buffer that went from
-// a context to another may have places in both; only those of its present one, and of the fall-back block, are
-// cleared.
+// Threads of one context, and all threads without one, share the table without a lock: what two of them mix
+// up in a slot is no place, and a place only counts if an entry of the key stands there. A buffer that went
+// from a context to another may have places in both; only those of its present one, and of the fall-back
+// block, are cleared.
 #ifndef VORN_FIELDS_FBCOMMON2_H
 #define VORN_FIELDS_FBCOMMON2_H
 
@@ -19,6 +19,7 @@ struct fcache_slot {
     int32_t key;
     int32_t nth;
     int32_t offset;  // of the entry, from the first one
+    uint32_t seal;   // of the other words and the buffer's generation
     FBUF *fbuf;      // null: free
 };
 static_assert(sizeof(fcache_slot) == 24);

@@ -81,18 +81,30 @@ int fbdelall_tu(FBUF *fbuf, int *keys)
 
 // --- Reading an occurrence.
 
-int fbget_tu(FBUF *fbuf, int key, int nth, char *value, int *len)
+static int get_occurrence(wthr_var *block, FBUF *fbuf, int key, int nth, char *value, int *len)
+{
+    if (fbuf == nullptr)
+        return refused(FBEINVAL);
+    char *entry = find_entry(block, fbuf, key, nth);
+    if (entry == nullptr)
+        return refused(FBENOENT);
+    int enough = 0;
+    return _get_fbval_to_usrloc(entry, value, len != nullptr ? len : &enough);
+}
+
+__attribute__((noinline)) static int get_in_frame(FBUF *fbuf, int key, int nth, char *value, int *len)
 {
     api_frame frame;
     if (!FB_ENTER(&frame, FBGET_TU, fbuf, key, nth, value, len))
         return -1;
-    if (fbuf == nullptr)
-        return fb_fail(&FBGET_TU, FBEINVAL);
-    char *entry = find_entry(frame.block, fbuf, key, nth);
-    if (entry == nullptr)
-        return fb_fail(&FBGET_TU, FBENOENT);
-    int enough = 0;
-    return fb_result(&FBGET_TU, _get_fbval_to_usrloc(entry, value, len != nullptr ? len : &enough));
+    return fb_result(&FBGET_TU, get_occurrence(frame.block, fbuf, key, nth, value, len));
+}
+
+int fbget_tu(FBUF *fbuf, int key, int nth, char *value, int *len)
+{
+    if (fb_enter_untraced())
+        return get_occurrence(current_hint.block, fbuf, key, nth, value, len);
+    return get_in_frame(fbuf, key, nth, value, len);
 }
 
 int fbget_tut(FBUF *fbuf, int key, int nth, char *out, int *len, int type)

@@ -255,8 +255,6 @@ void bind_row(wthr_elem *row)
 
 void free_field_memory(wthr_var *block)
 {
-    for (auto &word : block->fcache_live)
-        word = 0;
     free(block->fcache.exchange(nullptr));
     free(block->cvt_buf);
     block->cvt_buf = nullptr;

@@ -84,7 +84,6 @@ struct read_ahead {
 };
 
 constexpr int FCACHE_SLOTS = 1019;
-constexpr int FCACHE_WORDS = (FCACHE_SLOTS + 63) / 64;
 
 typedef void unsol_function(char *data, long len, long flags);
 
@@ -182,8 +181,6 @@ struct wthr_var {
     double cvt_double;
     int32_t cvt_buf_size;  // bytes at cvt_buf
     char *cvt_buf;         // text, on the heap; null until the first conversion
-
-    std::atomic<uint64_t> fcache_live[FCACHE_WORDS];  // bit n: slot n of fcache may be in use
 };
 
 extern wthr_elem *_wthr;

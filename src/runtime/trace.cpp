@@ -11,7 +11,7 @@ __attribute__((noinline)) int _vorn_trace(const char *, int, int, const char *, 
     return 1;
 }
 
-int idle_trace(const char *, int, int, const char *, ...) __attribute__((alias("_vorn_trace")));
+int idle_trace(const char *, int, int, const char *, ...) __attribute__((alias("_vorn_trace"), nothrow));
 
 int _trace_dbg(void)
 {

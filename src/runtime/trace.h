@@ -10,15 +10,18 @@ extern "C" {
 
 enum trace_phase { TRACE_ENTRY = 1, TRACE_RESULT = 2, TRACE_ERROR = 4 };
 
-// The library's own _vorn_trace by a name that nobody replaces. Null in a program that brings one of its own and is
-// linked with the archive.
+// The library's own _vorn_trace by a name that nobody replaces. Null in a program that brings one of its own
+// and is linked with the archive.
 int idle_trace(const char *function, int one, int phase, const char *format, ...)
-    __attribute__((weak, visibility("hidden")));
+    __attribute__((weak, nothrow, visibility("hidden")));
 
-// The call of the hook, left out where the hook is the library's own: handing over the arguments costs more than
-// most field calls do for their user.
-#define VORN_TRACE(...) \
-    (__builtin_expect(_vorn_trace != idle_trace, 0) ? (void)_vorn_trace(__VA_ARGS__) : (void)0)
+// The call of the hook, left out where the hook is the library's own: handing over the arguments costs more
+// than most field calls do for their user.
+inline bool is_traced(void)
+{
+    return __builtin_expect(_vorn_trace != idle_trace, 0);
+}
+#define VORN_TRACE(...) (is_traced() ? (void)_vorn_trace(__VA_ARGS__) : (void)0)
 
 // The rest of the facility, as empty as the hook: 1, and 0 from _get_spec.
 int _trace_dbg(void);
