@@ -20,6 +20,11 @@ static constexpr scenario SCENARIOS[] = {
     {"calls-unpinned", "tpcall against the responder, unpinned", calls, placement::anywhere},
     {"clhsim-pinned", "tpcall against clhsim, both on one core", calls_to_clhsim, placement::one_core},
     {"clhsim-unpinned", "tpcall against clhsim, unpinned", calls_to_clhsim, placement::anywhere},
+    {"turns-pinned", "a conversation's turns, both on one core", turns, placement::one_core},
+    {"turns-two-cores", "a conversation's turns, each on a core of its own", turns, placement::two_cores},
+    {"transactions-pinned", "transactions of one call, both on one core", transactions, placement::one_core},
+    {"transactions-two-cores", "transactions of one call, each on a core of its own", transactions,
+     placement::two_cores},
     {"threads-pinned", "threads, 4 bytes, all on one core", threads, placement::one_core},
     {"threads-two-cores", "threads, 4 bytes, the responder on another core", threads, placement::two_cores},
     {"threads-unpinned", "threads, 4 bytes, unpinned", threads, placement::anywhere},
@@ -37,13 +42,13 @@ static constexpr scenario SCENARIOS[] = {
 static void usage(FILE *to)
 {
     fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
-          "  --quick        short rounds, some 40 seconds in all; without it four minutes\n"
+          "  --quick        short rounds, some 50 seconds in all; without it five minutes\n"
           "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
           "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
           "scenarios:\n",
           to);
     for (const scenario &one : SCENARIOS)
-        fprintf(to, "  %-18s %s\n", one.name, one.title);
+        fprintf(to, "  %-22s %s\n", one.name, one.title);
 }
 
 static std::string clhsim_beside_this()

@@ -10,6 +10,9 @@ void calls(const settings &chosen, placement where);
 void calls_to_clhsim(const settings &chosen, placement where);
 // A window of asynchronous calls.
 void window(const settings &chosen, placement where);
+// A conversation's turns, and transactions of one call.
+void turns(const settings &chosen, placement where);
+void transactions(const settings &chosen, placement where);
 // 1 to 16 threads, on one connection and on one each.
 void threads(const settings &chosen, placement where);
 // What doesn't talk to the server runs on one core, wherever it is asked to.

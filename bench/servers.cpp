@@ -27,7 +27,9 @@ enum header_offset : size_t {
     AT_CD = 108,
     AT_SESSID = 112
 };
-constexpr uint32_t START = 1, INIT = 21, REPLY = 1000;
+constexpr uint32_t START = 1, CONNECT = 5, SEND = 6, DISCON = 8, INIT = 21, REPLY = 1000;
+constexpr uint32_t HANDS_OVER = 0x1000;   // mark of a conversation's message: the other side may send now
+constexpr uint32_t CONVERSATION = 12345;  // descriptor of each conversation: a connection has one at a time
 constexpr uint32_t ACALL_ROWS = 256, CONVERSATION_ROWS = 64, BLOCK_SECONDS = 60, TRANSACTION_SECONDS = 60;
 constexpr size_t LONGEST_MESSAGE = 1 << 20;
 
@@ -114,14 +116,20 @@ static void fill_start_reply(char *head)
     set_word(head + AT_DATALEN, 0);
 }
 
-// Turns the request at the front of `bytes` into its reply; the reply's size.
-static size_t turn_into_reply(char *bytes, size_t size)
+// Turns the message at the front of `bytes` into its answer; the answer's size, 0 where none is due.
+static size_t turn_into_answer(char *bytes, size_t size)
 {
     uint32_t type = word_at(bytes + AT_MSGTYPE);
+    if (type == SEND)  // goes back as it came, with the right to send
+        return (word_at(bytes + AT_FLAGS) & HANDS_OVER) != 0 ? size : 0;
+    if (type == DISCON)
+        return 0;
     set_word(bytes + AT_MSGTYPE, type + REPLY);
     set_word(bytes + AT_FLAGS, 0);
+    if (type == CONNECT)
+        set_word(bytes + AT_CD, CONVERSATION);
     if (type != START && type != INIT)
-        return size;
+        return size;  // calls, and commits: their result is the request's rcode, which is 0
     fill_start_reply(bytes);
     return MESSAGE_HEAD;
 }
@@ -146,8 +154,8 @@ static void answer_protocol(int fd)
             there += (size_t)got;
             continue;
         }
-        size_t reply = turn_into_reply(buffer.data(), wanted);
-        if (!reply_all(fd, buffer.data(), reply))
+        size_t answer = turn_into_answer(buffer.data(), wanted);
+        if (!reply_all(fd, buffer.data(), answer))
             return;
         there -= wanted;
         memmove(buffer.data(), buffer.data() + wanted, there);

@@ -1,9 +1,10 @@
 // The other ends: the leanest blocking responder, which is the measure of the library, and clhsim.
 //
-// The responder is a process of its own, with a thread that does nothing but recv and send for each connection. On one
-// port it answers bare bytes: a client tells the size of a message once, then each message comes back as it is. On
-// the other it speaks the protocol with a codec of its own: it lets every start in, and turns each call into its reply
-// in place, so the bytes of a call and of its reply are as many as those of a bare message of that size.
+// The responder is a process of its own, with a thread that does nothing but recv and send for each connection.
+// On one port it answers bare bytes: a client tells the size of a message once, then each message comes back as
+// it is. On the other it speaks the protocol with a codec of its own: it lets every start in, turns each call
+// into its reply in place, commits every transaction, and sends each message of a conversation back, with the
+// right to send. So the bytes there and back are as many as those of a bare message of that size.
 #ifndef VORN_BENCH_SERVERS_H
 #define VORN_BENCH_SERVERS_H
 

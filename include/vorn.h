@@ -5,13 +5,16 @@
 #include "vorn/buffers.h"
 #include "vorn/calls.h"
 #include "vorn/context.h"
+#include "vorn/conversation.h"
 #include "vorn/environment.h"
 #include "vorn/errors.h"
+#include "vorn/events.h"
 #include "vorn/fields.h"
 #include "vorn/flags.h"
 #include "vorn/log.h"
 #include "vorn/session.h"
 #include "vorn/structs.h"
 #include "vorn/tx.h"
+#include "vorn/unsol.h"
 
 #endif

@@ -56,11 +56,11 @@ char *tpgetsubtype(char *ptr);
  * host can take, header and data in wire order. No session is needed. */
 
 /* Makes a block of the buffer `data`, of which `len` bytes count (by the rules of a call: a struct counts
- * whole records, a field buffer what is used, a string its NUL; null gives a header alone). `*out` takes the
- * block, which the caller frees with free(), and `*outlen` its length in bytes. The buffer's data stays; its
- * hidden header is made that of a request, so no call may be waiting with this buffer meanwhile. 1, or -1 with
- * tperrno: TPEINVAL (`out` or `outlen` is null, `len` is beyond the buffer), TPEITYPE (no typed buffer,
- * unknown struct), TPESYSTEM (no memory), 0 (the data can't be encoded). */
+ * whole records, a field buffer what is used, a string its NUL; null gives a header alone). `*out` takes
+ * the block, which the caller frees with free(), and `*outlen` its length in bytes. The buffer's data
+ * stays; its hidden header is made that of a request, so no call may be waiting with this buffer
+ * meanwhile. 1, or -1 with tperrno: TPEINVAL (`out` or `outlen` is null, `len` is beyond the buffer),
+ * TPEITYPE (no typed buffer, unknown struct), TPESYSTEM (no memory), 0 (the data can't be encoded). */
 int tphton(char *data, long len, char **out, long *outlen);
 
 /* The way back: makes a typed buffer of the `inlen` bytes at `in`, which stay as they are. `*out` takes the

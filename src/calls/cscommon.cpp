@@ -340,6 +340,8 @@ int _create_conv_entry(int cd, uint32_t flags, wthr_var *block)
     for (int walked = 0, i = start; walked < size && found < 0; walked++, i = i + 1 == size ? 0 : i + 1) {
         if ((block->conv[i].flags & CONV_RECLAIMABLE) == 0)
             continue;
+        free_nodes_and_messages(block->conv[i].head);
+        block->conv[i].head = nullptr;
         release_conv_row(&block->conv[i], block);
         found = i;
     }
@@ -347,6 +349,18 @@ int _create_conv_entry(int cd, uint32_t flags, wthr_var *block)
         fill_conv_row(&block->conv[found], cd, flags, block);
     _thread_mutex_unlock(&block->msg_mutex);
     return found;
+}
+
+int release_conversation(int index, wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    if (index >= 0 && index < block->conv_size) {
+        free_nodes_and_messages(block->conv[index].head);
+        block->conv[index].head = nullptr;
+        release_conv_row(&block->conv[index], block);
+    }
+    _thread_mutex_unlock(&block->msg_mutex);
+    return 1;
 }
 
 int _make_conv_cd_invalid(int index, wthr_var *block)

@@ -32,9 +32,9 @@ constexpr uint32_t CONV_ENDED_BY_PEER = 0x1, CONV_REPLY_3007 = 0x4, CONV_REPLY_1
 
 struct conv_elem {
     shared_int32 cd;  // given by the server; -1: free, 0 while tpconnect waits
-    uint32_t flags;
-    uint32_t event;
-    int32_t urcode;
+    std::atomic<uint32_t> flags;
+    std::atomic<uint32_t> event;  // written under msg_mutex, as the list is
+    shared_int32 urcode;
     msg_node *head, *tail;
 };
 static_assert(offsetof(conv_elem, cd) == 0);
@@ -71,6 +71,7 @@ int oldest_ready(const wthr_var *block);         // the same; expects msg_mutex
 // Conversations.
 int _create_conv_entry(int cd, uint32_t flags, wthr_var *block);  // row, not descriptor, or -1
 int _make_conv_cd_invalid(int index, wthr_var *block);
+int release_conversation(int index, wthr_var *block);  // the same, and frees the messages that were stored
 int _make_all_convout_cd_invalid(wthr_var *block);
 int _make_tran_convout_cd_invalid(wthr_var *block);
 int _get_active_tran_conv(wthr_var *block);
@@ -94,6 +95,16 @@ int _is_tipsvc(const char *svcname, wthr_var *block);
 int _isexist_nodename_fld(char *data);
 int _get_mysvgno_from_nodename(const char *svcname, char *data, wthr_var *block);
 int _check_tipsvc(msg_header *message, wthr_var *block);
+
+// What the calls of several families begin with.
+inline bool has_flags_outside(long flags, uint32_t mask)
+{
+    return (flags & ~(long)mask) != 0;
+}
+// Seconds of the block time; 0, no limit, inside a transaction and with one of `unlimited` in the flags.
+int wait_limit(const wthr_var *block, long flags, long unlimited);
+// Sends a request; a header-only one, made for a call without data, is freed. As _send_csmsg_to_clh.
+int send_request(msg_header *message, const char *data, wthr_var *block);
 
 // The message to send, or null with tperrno set: opens a session if there is none, checks data and
 // transaction, fills the header in front of the data. A header-only message is the caller's to free.

@@ -12,6 +12,7 @@
 #include "vorn/fields.h"
 #include "vorn/flags.h"
 #include "vorn/session.h"
+#include "wire/clhio.h"
 #include "wire/msgheader.h"
 
 #include <stdlib.h>
@@ -173,5 +174,20 @@ int next_seqno(wthr_var *block)
     int seqno = _vorn_set_seqno(block);
     _thread_mutex_unlock(&block->msg_mutex);
     return seqno;
+}
+
+int wait_limit(const wthr_var *block, long flags, long unlimited)
+{
+    if (in_transaction(block) || block->block_time <= 0 || (flags & unlimited) != 0)
+        return 0;
+    return block->block_time;
+}
+
+int send_request(msg_header *message, const char *data, wthr_var *block)
+{
+    int sent = _send_csmsg_to_clh(message, block);
+    if (data == nullptr)
+        free(message);
+    return sent;
 }
 }

@@ -94,7 +94,9 @@ void _clr_tx_timer(wthr_var *block)
 void _vorn_sig_alarm2(int signal, wthr_var *block)
 {
     (void)signal;
-    if (block->tx_timer_on == 0 || time(nullptr) < block->tx_deadline)
+    // The deadline is read first, and once: the timer may be cleared or set on another thread meanwhile.
+    int64_t deadline = block->tx_deadline;
+    if (deadline == 0 || block->tx_timer_on == 0 || time(nullptr) < deadline)
         return;
     set_tx_state(block, TX_STATE_TIMED_OUT);
     block->tx_timer_on = 0;

@@ -31,11 +31,6 @@ static constexpr api_text TPACALL = API_TEXT("tpacall", "(\"%s\", %#x, %d, %d)")
 static constexpr api_text TPGETRPLY = API_TEXT("tpgetrply", "(%#x, %#x, %#x, %d)");
 static constexpr api_text TPCANCEL = API_TEXT("tpcancel", "(%d)");
 
-static bool has_flags_outside(long flags, uint32_t mask)
-{
-    return (flags & ~(long)mask) != 0;
-}
-
 // A request takes the next number, and the priority that was set for it; the one after it has the default
 // again.
 static void number_request(msg_header *message, int32_t cd, wthr_var *block)
@@ -45,23 +40,6 @@ static void number_request(msg_header *message, int32_t cd, wthr_var *block)
     message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
     message->prio = block->next_prio.exchange(block->default_prio);
     block->last_prio = message->prio;
-}
-
-// Seconds of the block time; 0, no limit, inside a transaction and with one of `unlimited` in the flags.
-static int wait_limit(const wthr_var *block, long flags, long unlimited)
-{
-    if (in_transaction(block) || block->block_time <= 0 || (flags & unlimited) != 0)
-        return 0;
-    return block->block_time;
-}
-
-// Sends a request; a header-only one, made for a call without data, is freed.
-static int send_request(msg_header *message, const char *data, wthr_var *block)
-{
-    int sent = _send_csmsg_to_clh(message, block);
-    if (data == nullptr)
-        free(message);
-    return sent;
 }
 
 // Hands what a reply tells to the caller, data or not. The reply's error number, which is the caller's now.

@@ -142,8 +142,8 @@ int _fbput(FBUF *fbuf, int key, char *value, int len)
     return append(fbuf, key, value, len);
 }
 
-// Moves what begins at `from` by `distance` bytes, with the used length. A value that the caller took from the
-// moved part moves with it.
+// Moves what begins at `from` by `distance` bytes, with the used length. A value that the caller took from
+// the moved part moves with it.
 static void move_tail(FBUF *fbuf, char *from, int64_t distance, const char **value)
 {
     char *end = entries_end(fbuf);

@@ -3,13 +3,12 @@
 // A field buffer is the data of a typed buffer: a head of 8 bytes, then entries, one behind the other, in the
 // order in which they were put. Its capacity is `bufsize` of the header in front of it.
 //
-//   entry    0  key (type in the top 6 bits, read mark in bit 24, number below)
-//            4  value of a char, short, int, long (32 bits), float; a string's text with its NUL;
-//               a carray's length
-//            8  value of a double; a carray's bytes
+// entry    0  key (type in the top 6 bits, read mark in bit 24, number below) 4  value of a char, short, int,
+// long (32 bits), float; a string's text with its NUL; a carray's length 8  value of a double; a carray's
+// bytes
 //
-// Each entry fills a multiple of 8 bytes. A buffer may come from a hostile server or a file: its used length is
-// never taken for more than the capacity, and an entry that runs past the end ends every walk.
+// Each entry fills a multiple of 8 bytes. A buffer may come from a hostile server or a file: its used length
+// is never taken for more than the capacity, and an entry that runs past the end ends every walk.
 #ifndef VORN_FIELDS_FBCOMMON_H
 #define VORN_FIELDS_FBCOMMON_H
 
@@ -161,7 +160,8 @@ inline int64_t entry_size(const char *entry, const char *end)
     return FIELD_ENTRY_UNIT;
 }
 
-// The loop over the entries of a buffer: for (entry_walk walk = walk_of(fbuf); walk.size > 0; next_entry(&walk))
+// The loop over the entries of a buffer: for (entry_walk walk = walk_of(fbuf); walk.size > 0;
+// next_entry(&walk))
 struct entry_walk {
     char *entry;
     char *end;

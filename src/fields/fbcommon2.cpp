@@ -26,10 +26,10 @@ static uint32_t slot_number(const FBUF *fbuf, int key)
 }
 
 // Behind its slots the table has generations. A buffer's places are of the generation in the row of its
-// address, and all are forgotten at once when that goes up; with them those of the buffers that share the row.
-// Neighbours on the heap don't, and neither do, mostly, the first ones of several threads' heaps. A generation
-// that has places is odd: those of buffers that are filled and not searched don't go up, since that costs more
-// than ten puts.
+// address, and all are forgotten at once when that goes up; with them those of the buffers that share the
+// row. Neighbours on the heap don't, and neither do, mostly, the first ones of several threads' heaps. A
+// generation that has places is odd: those of buffers that are filled and not searched don't go up, since
+// that costs more than ten puts.
 constexpr size_t GENERATIONS = 1024;
 constexpr size_t TABLE_SIZE = FCACHE_SLOTS * sizeof(fcache_slot) + GENERATIONS * sizeof(uint32_t);
 

@@ -1,7 +1,7 @@
 // Searches by key, and the cache of positions that shortens them.
 //
-// The n-th occurrence of a key is the n-th entry whose whole key word is that key: an entry with the read mark
-// has left the count. A search walks from the first entry, or from where an earlier one for the same key
+// The n-th occurrence of a key is the n-th entry whose whole key word is that key: an entry with the read
+// mark has left the count. A search walks from the first entry, or from where an earlier one for the same key
 // ended. Those places stand in a direct-mapped table of the context, `fcache`: a miss costs a walk, nothing
 // else. An append leaves them right; whatever moves entries must clear them.
 //

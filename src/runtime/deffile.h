@@ -9,9 +9,9 @@
 
 extern "C" {
 
-// The next item of a list that commas separate, of which `*list` is what is left; empty items vanish. False at
-// the end. `path` has room for PATH_MAX bytes; an item that is longer is cut, and `*possible` is false: the
-// beginning of a name would be another file.
+// The next item of a list that commas separate, of which `*list` is what is left; empty items vanish. False
+// at the end. `path` has room for PATH_MAX bytes; an item that is longer is cut, and `*possible` is false:
+// the beginning of a name would be another file.
 bool next_path(const char **list, char *path, bool *possible);
 
 // Opens the item for reading; null with errno, also for one that isn't possible.

@@ -169,9 +169,9 @@ struct wthr_var {
     int32_t waiting;                           // their number; waiter_count also counts those on their way
     read_ahead ahead;
 
-    // Results of field type conversions, valid until the next one in the context. cvt_mutex, which is recursive,
-    // is held while a conversion runs and its result is used inside the library: the block of row 0 serves all
-    // threads without a row, and none may write to a text block that another gives back.
+    // Results of field type conversions, valid until the next one in the context. cvt_mutex, which is
+    // recursive, is held while a conversion runs and its result is used inside the library: the block of row
+    // 0 serves all threads without a row, and none may write to a text block that another gives back.
     pthread_mutex_t cvt_mutex;
     int16_t cvt_short;
     int32_t cvt_int;

@@ -2,9 +2,8 @@
 #include "tx/tx.h"
 
 #include "runtime/errlog.h"
-#include "runtime/thrapi.h"
+#include "runtime/mthr.h"
 #include "vorn/errors.h"
-#include "vorn/tx.h"
 #include "wire/msgheader.h"
 
 #include <atomic>
@@ -54,6 +53,12 @@ int _txinfo_end(wthr_var *block)
 {
     txinfo_elem *table = block->txinfo;
     block->txinfo = nullptr;  // before it goes: an alarm may come in between
+    std::atomic_ref<txinfo_elem *> last(_internal_txinfo);
+    txinfo_elem *made = last.load(std::memory_order_relaxed);
+    if (made != nullptr && table >= made && table < made + TXINFO_ROWS) {
+        table = made;  // the row in use need not be the first
+        last.compare_exchange_strong(made, nullptr);
+    }
     free(table);
     return 1;
 }
@@ -64,11 +69,25 @@ bool in_transaction(const wthr_var *block)
            std::atomic_ref<int32_t>(block->txinfo->tx_stage).load(std::memory_order_relaxed) != TX_STAGE_NONE;
 }
 
+static bool move_stage(wthr_var *block, int32_t from, int32_t to)
+{
+    return block->txinfo != nullptr &&
+           std::atomic_ref<int32_t>(block->txinfo->tx_stage).compare_exchange_strong(from, to);
+}
+
+bool begin_record(wthr_var *block)
+{
+    return move_stage(block, TX_STAGE_NONE, TX_STAGE_BEGUN);
+}
+
 bool begin_to_run(wthr_var *block)
 {
-    int32_t begun = TX_STAGE_BEGUN;
-    return block->txinfo != nullptr &&
-           std::atomic_ref<int32_t>(block->txinfo->tx_stage).compare_exchange_strong(begun, TX_STAGE_RUNNING);
+    return move_stage(block, TX_STAGE_BEGUN, TX_STAGE_RUNNING);
+}
+
+bool leave_unsent(wthr_var *block)
+{
+    return move_stage(block, TX_STAGE_BEGUN, TX_STAGE_NONE);
 }
 
 int32_t tx_state_of(const wthr_var *block)
@@ -118,19 +137,5 @@ int _tx_timeout_check(const msg_header *message)
     if (message != nullptr && (message->msgtype == MSG_TX_COMMIT || message->msgtype == MSG_TX_ROLLBACK))
         return 0;
     return tx_state_of(block) == TX_STATE_TIMED_OUT ? -TPETIME : 0;
-}
-
-static constexpr api_text TX_SET_TIMEOUT = API_TEXT("tx_set_transaction_timeout", "(%d)");
-
-int tx_set_transaction_timeout(long seconds)
-{
-    api_frame frame;
-    if (!API_ENTER(&frame, TX_SET_TIMEOUT, (int)seconds))
-        return TX_FAIL;
-    set_tperrno(0);
-    if (frame.block->txinfo == nullptr)
-        return api_return(&TX_SET_TIMEOUT, TX_PROTOCOL_ERROR);
-    frame.block->txinfo->transaction_timeout = (int32_t)seconds;
-    return api_return(&TX_SET_TIMEOUT, TX_OK);
 }
 }

@@ -44,8 +44,10 @@ int _init_txinfo_elem(txinfo_elem *row);  // 1
 
 // True while a transaction is open on the context.
 bool in_transaction(const wthr_var *block);
-// True for the one request, of all threads, that is the first of a transaction; it runs from then on.
-bool begin_to_run(wthr_var *block);
+// The three moves of a transaction's stage. Of threads that try the same one at once, one is told true.
+bool begin_record(wthr_var *block);  // opens it, if none is open
+bool begin_to_run(wthr_var *block);  // for the first of its requests; it runs from then on
+bool leave_unsent(wthr_var *block);  // ends it, if no request has been sent
 // Marks the open transaction rollback-only, if `mark` isn't 0 and one is open; 1.
 int _check_tx_state(int msgtype, int mark, wthr_var *block);
 int _check_rollback(wthr_var *block);

@@ -42,12 +42,16 @@ bool has_waiter(const msg_header *message)
 {
     switch (message->msgtype) {
     case MSG_TPCALL:
+    case MSG_TPCONNECT:
+    case MSG_TPPOST:
     case MSG_TPACALL_BLOCK:
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
         return true;
     case MSG_TPACALL:
         return (message->seqno & SEQNO_SHARED_CALL) != 0 || (message->flags & TPBLOCK) != 0;
+    case MSG_TPNOTIFY:
+        return (message->flags & TPNOTIFYACK) != 0;
     }
     return false;
 }

@@ -17,9 +17,10 @@ int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd);
 // Turns a failed write into tperrno; always 1. Expects msg_mutex.
 int _clh_write_error(int result, int expected, wthr_var *block);
 
-// True for a message whose sender will wait for the answer and is counted in waiter_count from the send on:
-// a TPCALL, a marked TPACALL, a TPACALL with TPBLOCK, a commit or rollback. As a template of a wait a
-// TPACALL_BLOCK counts too: it stands for the TPACALL with TPBLOCK that waits for its receipt.
+// True for a message whose sender will wait for the answer and is counted in waiter_count from the send on: a
+// TPCALL, a marked TPACALL, a TPACALL with TPBLOCK, a commit or rollback, a TPCONNECT, a TPPOST, a TPNOTIFY
+// that is to be acknowledged. Another thread may read the answer before its waiter comes. As a template of a
+// wait a TPACALL_BLOCK counts too: it stands for the TPACALL with TPBLOCK that waits for its receipt.
 bool has_waiter(const msg_header *message);
 
 // The running count of a call identity: 1 to 0x7ff, never 0 after the first step. Expects msg_mutex.

@@ -1,6 +1,7 @@
 // What becomes of a message that the reader took from the stream.
 #include "wire/clhmatch.h"
 
+#include "buffers/tbuffer.h"
 #include "calls/convapi.h"
 #include "calls/cscommon.h"
 #include "calls/unsolapi.h"
@@ -183,35 +184,6 @@ static int store_acall_reply(msg_header *message, wthr_var *block)
     return 1;
 }
 
-static int store_conversation_message(msg_header *message, wthr_var *block)
-{
-    int index = _get_conv_cd_ind(message->cd, block);
-    if (index < 0)
-        return drop(message, block);
-    conv_elem *row = &block->conv[index];
-    int32_t msgtype = message->msgtype;
-    if (append_msg_node(&row->head, &row->tail, message) < 0) {
-        free(message);
-        set_tperrno(TPEOS);
-        return -1;
-    }
-    if (msgtype == MSG_TPRECV + REPLY)
-        row->event |= CONV_REPLY_1007;
-    else if (msgtype == MSG_TPRECV + ERROR_REPLY2)
-        row->event |= CONV_REPLY_3007;
-    return 1;
-}
-
-static int end_conversation_row(msg_header *message, wthr_var *block)
-{
-    int index = _get_conv_cd_ind(message->cd, block);
-    if (index >= 0) {
-        block->conv[index].event |= CONV_ENDED_BY_PEER;
-        block->conv[index].urcode = message->rcode;
-    }
-    return drop(message, block);
-}
-
 static int late_connect(msg_header *message, wthr_var *block)
 {
     int32_t cd = message->cd;
@@ -244,44 +216,23 @@ static int setting(msg_header *message, wthr_var *block)
     return drop(message, block);
 }
 
-static void acknowledge_notification(const msg_header *message, wthr_var *block)
-{
-    msg_header *answer = _header_msg_make(MSG_TPNOTIFY + REPLY, 0);
-    if (answer == nullptr)
-        return;
-    answer->cd = message->srcid;
-    _send_csmsg_to_clh(answer, block);
-    free(answer);
-}
-
 // The acknowledgement goes out before anybody looks at the message. The handler runs on the reading thread,
 // inside the reader role; its data is freed once it returns.
 static int unsolicited(msg_header *message, wthr_var *block)
 {
     if (message->msgtype == MSG_TPNOTIFY && (message->flags & TPNOTIFYACK) != 0)
         acknowledge_notification(message, block);
-    if (block->unsol_mode == UNSOL_MODE_IGNORE)
+    int64_t mode = unsolicited_mode(block);
+    if (mode == UNSOL_MODE_IGNORE)
         return drop(message, block);
-    if (block->unsol_mode == UNSOL_MODE_HANDLER) {
-        if (block->unsol_handler != nullptr)
-            block->unsol_handler(message_data(message), message->datalen, message->flags);
-        return drop(message, block);
+    if (mode == UNSOL_MODE_HANDLER) {
+        unsol_function *handler = unsolicited_handler(block);
+        if (handler != nullptr)
+            handler(message_data(message), message->datalen, message->flags);
+        free_buffer(message);  // the handler may have searched its fields
+        return 1;
     }
-    unsol_node *node = (unsol_node *)calloc(1, sizeof *node);
-    if (node == nullptr) {
-        free(message);
-        set_tperrno(TPESYSTEM);
-        return -1;
-    }
-    node->kind = unsol_kind(message->msgtype);
-    node->msg = message;
-    if (block->unsol_tail == nullptr)
-        block->unsol_head = node;
-    else
-        block->unsol_tail->next = node;
-    block->unsol_tail = node;
-    block->unsol_count++;
-    return 1;
+    return store_unsolicited(message, unsol_kind(message->msgtype), block);
 }
 
 static int to_consumer(msg_header *message, wthr_var *block)
@@ -317,7 +268,7 @@ struct type_treatment {
 // In ascending order of types; what isn't listed is unknown.
 static const type_treatment treatments[] = {
     {6, 6, store_conversation_message},
-    {8, 8, end_conversation_row},
+    {8, 8, note_conversation_end},
     {12, 14, unsolicited},
     {19, 19, unsolicited},
     {130, 130, setting},
@@ -339,8 +290,8 @@ static const type_treatment treatments[] = {
     {1508, 1510, late_service_message},
     {2003, 2003, late_call},
     {2004, 2004, store_acall_reply},
-    {2005, 2005, end_conversation_row},
-    {2007, 2007, end_conversation_row},
+    {2005, 2005, note_conversation_end},
+    {2007, 2007, note_conversation_end},
     {2012, 2012, drop},
     {2017, 2018, drop},
     {2025, 2025, store_queue_reply},

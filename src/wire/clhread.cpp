@@ -8,14 +8,16 @@
 // stands on offer until they have looked at it. What nobody wants goes to clhmatch. Whoever has its message
 // gives the role to the thread that has waited longest.
 //
-// Subtle: the stored reply of an asynchronous call and a waiter for it can't miss each other, because a
-// waiter looks into the table under msg_mutex before it waits, and the reader looks for a waiter under
-// msg_mutex before it stores. msg_mutex is never held across a read of the socket, nor while a message is
-// looked after.
+// Subtle: a stored message (the reply of an asynchronous call, one of a conversation, an unsolicited one) and
+// a waiter for it can't miss each other, because a waiter looks into the table or list under msg_mutex before
+// it waits, and the reader looks for a waiter under msg_mutex before it stores. msg_mutex is never held
+// across a read of the socket, nor while a message is looked after.
 #include "wire/clhread.h"
 
 #include "buffers/payload.h"
+#include "calls/convapi.h"
 #include "calls/cscommon.h"
+#include "calls/unsolapi.h"
 #include "fields/fbcommon2.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
@@ -185,6 +187,7 @@ static read_waiter *give_message(msg_header *message, wthr_var *block)
         if (waiter->want == nullptr || !_is_msgtype_matched(waiter->want, message, block))
             continue;
         leave_waiters(waiter, block);
+        name_conversation(waiter->want, message, block);
         waiter->message = message;
         return waiter;
     }
@@ -225,6 +228,7 @@ static msg_header *look_at_offer(const msg_header *want, wthr_var *block)
         return nullptr;
     msg_header *offer = block->offer_msg;
     if (offer != nullptr && _is_msgtype_matched(want, offer, block)) {
+        name_conversation(want, offer, block);
         block->offer_msg = nullptr;
         block->offer_left = 0;
         _thread_cond_signal(&block->offer_done_cond);
@@ -236,9 +240,14 @@ static msg_header *look_at_offer(const msg_header *want, wthr_var *block)
     return nullptr;
 }
 
-// The reply of a call that was stored while its caller was on the way here.
+// What was stored for the caller while he was on the way here: the reply of a call, a message of a
+// conversation, an unsolicited one.
 static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
 {
+    if (want->msgtype == MSG_TPRECV)
+        return take_conversation_message(want, block);
+    if (want->msgtype == MSG_TPGETUNSOL)
+        return take_unsolicited(want->cd, block);
     if (want->msgtype != MSG_TPACALL || has_waiter(want))
         return nullptr;
     int index = (want->flags & TPGETANY) != 0 ? oldest_ready(block) : _get_acall_cd_ind(want->cd, block);
@@ -601,6 +610,7 @@ static msg_header *read_for_all(read_wait *wait)
             return message;
         }
         if (_is_msgtype_matched(wait->want, message, block)) {
+            name_conversation(wait->want, message, block);
             release_role(wait);
             return deliver(message, wait->want, block);
         }

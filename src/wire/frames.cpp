@@ -320,6 +320,7 @@ static frame_result read_envelope(frame_reader *reader)
         step->datalen = length;
         step->bufsize = length;
         memcpy(message_data(step), payload, (size_t)length);
+        message_data(step)[length] = '\0';  // it may come to the application, as a text
         replace_block(reader, bytes, size);
         return FRAME_NEGOTIATION;
     }

@@ -10,8 +10,11 @@ TEST(ClhsimControl, HelpNamesEveryCommand)
 {
     Simulator server;
     std::string help = server.command("help");
-    for (const char *name : {"help", "services", "clients", "stats", "delay", "drop", "refuse", "giveback",
-                             "truncate", "clear", "close", "reset", "warn", "post", "set", "login", "quit"})
+    for (const char *name :
+         {"help",     "services",      "clients",      "stats",    "delay",        "drop",
+          "refuse",   "giveback",      "truncate",     "clear",    "close",        "reset",
+          "warn",     "post",          "set",          "login",    "quit",         "result",
+          "converse", "conversations", "transactions", "accounts", "subscriptions"})
         EXPECT_NE(help.find(std::string("  ") + name + " "), std::string::npos) << name;
     EXPECT_NE(server.command("services").find("  TOUPPER "), std::string::npos);
 }
@@ -33,6 +36,9 @@ TEST(ClhsimControl, WrongLinesAreErrorsAndHarmless)
                              "refuse TOUPPER 0",
                              "refuse TOUPPER 99999999999",
                              "truncate TOUPPER",
+                             "result _tx_commit",
+                             "result _tx_commit 1001",
+                             "converse 1 all",
                              "close",
                              "close 1",
                              "close x",
@@ -77,8 +83,9 @@ TEST(ClhsimControl, ClientsAreListed)
     bob.start("bob", "till\n4");
     bob.exchange(string_call("TOUPPER", "a"));
     Link nobody = server.log_in();
-    EXPECT_EQ(server.command("clients"), "  1 tcp user \"bob\" name \"till\\x0a4\" calls 1 acknowledged 0\n"
-                                         "  2 tcp user \"\" name \"\" calls 0 acknowledged 0\nok 2 clients");
+    EXPECT_EQ(server.command("clients"),
+              "  1 tcp user \"bob\" name \"till\\x0a4\" calls 1 acknowledged 0 identity 1\n"
+              "  2 tcp user \"\" name \"\" calls 0 acknowledged 0 identity 2\nok 2 clients");
 }
 
 TEST(ClhsimControl, StatsCount)

@@ -222,6 +222,68 @@ TEST(OrderProgram, PrintsOrdersAndTheirAnswers)
     EXPECT_EQ(lines.size(), expected.size()) << result.output;
 }
 
+static outcome run_example(const std::string &program, const server &clh)
+{
+    return run_program(build_tree(), BUILD_DIR + "/bin/" + program, "VORN_HOST_ADDR=" + clh.address);
+}
+
+TEST(ConversationProgram, ReadsAListAndTalks)
+{
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_example("conversation", clh);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "message 1\n"
+                             "message 2\n"
+                             "message 3\n"
+                             "3 messages, the service said 3\n"
+                             "good morning -> good morning\n"
+                             "two teas, please -> two teas, please\n"
+                             "end -> 2 turns\n"
+                             "ended after 2 turns\n");
+}
+
+TEST(TransactionProgram, MovesMoneyWhollyOrNotAtAll)
+{
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const outcome result = run_example("transaction", clh);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "  ann has 100\n"
+                             "  bob has 0\n"
+                             "ann gives bob 70\n"
+                             "  committed\n"
+                             "  ann has 30\n"
+                             "  bob has 70\n"
+                             "ann gives bob 50\n"
+                             "  service failure(TPESVCFAIL): rolling back\n"
+                             "  ann has 30\n"
+                             "  bob has 70\n");
+}
+
+// The subscriber says on its first line who it is, and ends when the publisher has notified it.
+TEST(EventPrograms, SubscriberGetsWhatThePublisherPosts)
+{
+    server clh;
+    ASSERT_NE(clh.address, "");
+    const std::string bin = BUILD_DIR + "/bin/";
+    temp_dir dir;
+    const std::string heard = (dir.path / "heard").string();
+    const outcome result =
+        run("export VORN_HOST_ADDR=" + clh.address + " LD_LIBRARY_PATH=" + LIBRARY_DIR + "\nmkfifo " + heard +
+            "\n" + bin + "subscriber 'price.*' >" + heard + " &\nexec 3<" + heard +
+            "\nread -r who rest <&3\n" + bin + "publisher $who\nwait $! && echo \"$who $rest\" && cat <&3");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "price.tea: 1 receivers\n"
+                             "price.cups: 1 receivers\n"
+                             "stock.tea: 0 receivers\n"
+                             "1 has heard it\n"
+                             "1 waits for price.*\n"
+                             "notified: that was all\n"
+                             "event: tea 2.50\n"
+                             "event: cups 1.25\n");
+}
+
 TEST(OrderProgram, TellsThatItsDefinitionsAreMissing)
 {
     server clh;

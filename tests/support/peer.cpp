@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -357,7 +358,11 @@ static int accept_within(int listener, int seconds)
 {
     if (listener < 0 || !readable_until(listener, steady::now() + std::chrono::seconds(seconds)))
         return -1;
-    return accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    int on = 1;  // a script that sends twice in a row mustn't wait for the client's acknowledgement; local sockets refuse
+    if (fd >= 0)
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return fd;
 }
 
 bool Peer::accept(where place)

@@ -210,8 +210,10 @@ TEST_F(Send, WaitersAreCountedFromTheSendOn)
         {MSG_TPACALL, 0, 5 | 0x40000000, true},
         {MSG_TX_COMMIT, 0, 5, true},
         {MSG_TX_ROLLBACK, 0, 5, true},
-        {MSG_TPCONNECT, 0, 5, false},
-        {MSG_TPPOST, 0, 5, false},
+        {MSG_TPCONNECT, 0, 5, true},
+        {MSG_TPPOST, 0, 5, true},
+        {MSG_TPNOTIFY, 0, 5, false},
+        {MSG_TPNOTIFY, TPNOTIFYACK, 5, true},
         {MSG_TPEND, 0, 0, false},
     };
     int32_t waiters = 0;

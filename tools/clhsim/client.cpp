@@ -23,7 +23,7 @@ static size_t unsent(const Client &client)
     return client.output.size() - client.written;
 }
 
-static bool congested(const Client &client)
+bool congested(const Client &client)
 {
     return unsent(client) + client.held > CONGESTED;
 }
@@ -241,6 +241,18 @@ static void write_output(Server &server, Client &client)
         std::string().swap(client.output);
 }
 
+// Others hear of its end only here, where nobody has a hand on anything of the client's.
+static void take_leave(Server &server, Client &client)
+{
+    if (client.gone)
+        return;
+    client.gone = true;
+    client.conversations.clear();
+    client.subscriptions.clear();
+    abandon_transaction(server, client);
+    abandon_notices(server, client);
+}
+
 static void settle_client(Server &server, Client &client)
 {
     if (client.life == Life::OPEN || client.life == Life::FLUSHING)
@@ -276,6 +288,8 @@ void settle(Server &server)
         client.settling = false;
         if (client.life != Life::DEAD)
             settle_client(server, client);
+        if (client.life != Life::OPEN)
+            take_leave(server, client);
         if (client.life == Life::DEAD && !client.settling)
             forget_client(server, client);
     }

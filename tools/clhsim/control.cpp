@@ -15,6 +15,7 @@ constexpr size_t LONGEST_LINE = 64 * 1024;
 constexpr size_t LARGEST_BACKLOG = 1024 * 1024;  // of answers that nobody fetches
 constexpr int64_t LONGEST_DELAY_MS = 1000LL * 1000 * 1000;
 constexpr int64_t HIGHEST_ERROR = 1000;
+constexpr int64_t LOWEST_RESULT = -1000;
 constexpr int32_t DOWN_WARNING = 217;
 
 using Words = std::vector<std::string_view>;
@@ -70,9 +71,30 @@ static std::string clients_command(Server &server, const Words &)
                      ? " user \"" + printable(client->user) + "\" name \"" + printable(client->name) + "\""
                      : std::string(" not logged in")) +
                 " calls " + std::to_string(client->calls) + " acknowledged " +
-                std::to_string(client->acknowledged) + "\n";
+                std::to_string(client->acknowledged) + " identity " +
+                std::to_string(identity_of(server, *client)) + "\n";
     }
     return text + counted(count, "client");
+}
+
+static std::string conversations_command(Server &server, const Words &)
+{
+    return list_conversations(server) + "ok\n";
+}
+
+static std::string transactions_command(Server &server, const Words &)
+{
+    return list_transactions(server) + "ok\n";
+}
+
+static std::string accounts_command(Server &server, const Words &)
+{
+    return list_accounts(server) + "ok\n";
+}
+
+static std::string subscriptions_command(Server &server, const Words &)
+{
+    return list_subscriptions(server) + "ok\n";
 }
 
 static std::string services_command(Server &, const Words &)
@@ -102,6 +124,18 @@ static const StatRow STATS[] = {
     {"truncated", &Stats::truncated},
     {"ignored", &Stats::ignored},
     {"broken", &Stats::broken},
+    {"conversations", &Stats::conversations},
+    {"conversation_faults", &Stats::conversation_faults},
+    {"disconnected", &Stats::disconnected},
+    {"begun", &Stats::begun},
+    {"committed", &Stats::committed},
+    {"rolled_back", &Stats::rolled_back},
+    {"transaction_faults", &Stats::transaction_faults},
+    {"posts", &Stats::posts},
+    {"broadcasts", &Stats::broadcasts},
+    {"notifications", &Stats::notifications},
+    {"delivered", &Stats::delivered},
+    {"undelivered", &Stats::undelivered},
 };
 // clang-format on
 
@@ -122,15 +156,17 @@ struct FaultRow {
     const char *command;
     FaultKind kind;
     bool has_value;
+    int64_t lowest;
     int64_t highest;
 };
 // clang-format off
 static const FaultRow FAULTS[] = {
-    {"delay", FaultKind::DELAY, true, LONGEST_DELAY_MS},
-    {"drop", FaultKind::DROP, false, 0},
-    {"refuse", FaultKind::REFUSE, true, HIGHEST_ERROR},
-    {"giveback", FaultKind::GIVE_BACK, false, 0},
-    {"truncate", FaultKind::TRUNCATE, true, INT32_MAX},
+    {"delay", FaultKind::DELAY, true, 0, LONGEST_DELAY_MS},
+    {"drop", FaultKind::DROP, false, 0, 0},
+    {"refuse", FaultKind::REFUSE, true, 1, HIGHEST_ERROR},
+    {"giveback", FaultKind::GIVE_BACK, false, 0, 0},
+    {"truncate", FaultKind::TRUNCATE, true, 0, INT32_MAX},
+    {"result", FaultKind::RESULT, true, LOWEST_RESULT, HIGHEST_ERROR},
 };
 // clang-format on
 
@@ -143,8 +179,7 @@ static std::string fault_command(Server &server, const Words &words)
         return wrong("unknown fault");
     Fault fault;
     size_t next = 2;
-    if (row->has_value &&
-        !parse_number(words[next++], row->kind == FaultKind::REFUSE ? 1 : 0, row->highest, fault.value))
+    if (row->has_value && !parse_number(words[next++], row->lowest, row->highest, fault.value))
         return wrong("number out of range");
     if (words.size() > next && !parse_number(words[next], 1, INT32_MAX, fault.left))
         return wrong("count out of range");
@@ -211,9 +246,23 @@ static std::string post_command(Server &server, const Words &words)
             return;
         }
         if (kind->flags & FLAG_NOTIFY_ACK)
-            header.srcid = ++server.last_notification;
+            header.srcid = next_notification(server);
         send_message(server, client, header, text);
     });
+}
+
+static std::string converse_command(Server &server, const Words &words)
+{
+    int64_t cd = -1;
+    if (words[2] != "all" && !parse_number(words[2], 0, INT32_MAX, cd))
+        return wrong("number out of range");
+    if (!is_conversation_kind(words[3]))
+        return wrong("the kinds are " + conversation_kinds());
+    size_t count = 0;
+    for (Client *client : chosen_clients(server, words[1], true))
+        count += converse(server, *client, static_cast<int32_t>(cd), words[3],
+                          words.size() > 4 ? words[4] : std::string_view());
+    return count == 0 && words[2] != "all" ? wrong("no such conversation") : counted(count, "conversation");
 }
 
 static std::string set_command(Server &server, const Words &words)
@@ -265,6 +314,11 @@ static const CommandRow COMMANDS[] = {
     {"services", "", "the services", 1, 1, false, services_command},
     {"clients", "", "who is connected, by client number", 1, 1, false, clients_command},
     {"stats", "", "what has happened so far, a count a line", 1, 1, false, stats_command},
+    {"conversations", "", "who is in conversation with what, by client number and descriptor", 1, 1, false,
+     conversations_command},
+    {"transactions", "", "the open transactions, by client number", 1, 1, false, transactions_command},
+    {"accounts", "", "what is in the accounts of the service DEPOSIT", 1, 1, false, accounts_command},
+    {"subscriptions", "", "who has subscribed to what, by client number", 1, 1, false, subscriptions_command},
     {"delay", "SERVICE MS [N]", "send replies that much later", 3, 4, false, fault_command},
     {"drop", "SERVICE [N]", "send no reply", 2, 3, false, fault_command},
     {"refuse", "SERVICE TPERRNO [N]", "answer with this error, without running the service", 3, 4, false,
@@ -273,6 +327,8 @@ static const CommandRow COMMANDS[] = {
      fault_command},
     {"truncate", "SERVICE BYTES [N]", "cut the reply off after that many bytes, then close", 3, 4, false,
      fault_command},
+    {"result", "SERVICE CODE [N]", "the result of a commit (_tx_commit) or a rollback (_tx_rback)", 3, 4,
+     false, fault_command},
     {"clear", "SERVICE", "forget the faults of a service, with * all of them", 2, 2, false, clear_command},
     {"close", "CLIENT|all", "close the connection", 2, 2, false, close_command},
     {"reset", "CLIENT|all", "break the connection off with a reset", 2, 2, false, reset_command},
@@ -280,6 +336,9 @@ static const CommandRow COMMANDS[] = {
     {"post", "CLIENT|all KIND TEXT",
      "send an unsolicited message: post, broadcast, notify, notifyack, sendtocli, raw", 3, 4, true,
      post_command},
+    {"converse", "CLIENT|all CD|all KIND TEXT",
+     "speak in a conversation: send, give, end, fail, error, disconnect, refuse, reject", 4, 5, true,
+     converse_command},
     {"set", "CLIENT|all CD VALUE", "change a setting: CD 12 block time, 13 transaction time-out", 4, 4, false,
      set_command},
     {"login", "refuse [TPERRNO]|accept", "refuse or accept all logins from now on", 2, 3, false,
@@ -293,13 +352,13 @@ std::string commands_help()
     for (const CommandRow &row : COMMANDS) {
         std::string name = std::string(row.name) + " " + row.arguments;
         char line[200];
-        snprintf(line, sizeof line, "  %-31s %s\n", name.c_str(), row.help);
+        snprintf(line, sizeof line, "  %-37s %s\n", name.c_str(), row.help);
         text += line;
     }
     return text;
 }
 
-static Words split_words(std::string_view line, size_t most)
+std::vector<std::string_view> split_words(std::string_view line, size_t most)
 {
     Words words;
     for (;;) {

@@ -1,5 +1,6 @@
 // What goes wrong on purpose: for each service, and for the exchanges named on the wire ("_tpstart",
-// "_tpend"), the faults that the control socket has set.
+// "_tpend", "_tx_commit", "_tx_rback", "_notify", an event's name), the faults that the control socket has
+// set.
 #ifndef CLHSIM_FAULTS_H
 #define CLHSIM_FAULTS_H
 
@@ -11,7 +12,7 @@
 
 namespace clhsim {
 
-enum class FaultKind { DELAY, DROP, REFUSE, GIVE_BACK, TRUNCATE };
+enum class FaultKind { DELAY, DROP, REFUSE, GIVE_BACK, TRUNCATE, RESULT };
 
 struct Fault {
     int64_t value = 0;

@@ -12,12 +12,14 @@ static int run(int count, char **words)
     std::string problem;
     switch (parse_options(count, words, server.options, problem)) {
     case Parsed::HELP:
-        printf("%s\nservices:\n%s\n"
-               "commands of the control socket, one a line; SERVICE may be * for all, or the exchanges\n"
-               "_tpstart and _tpend, and N says how often (otherwise until it is cleared):\n%s\n"
-               "An answer is any number of lines that begin with two spaces, and then one that begins\n"
-               "with ok or error.\n",
-               help_text().c_str(), services_help().c_str(), commands_help().c_str());
+        printf(
+            "%s\nservices:\n%s\n"
+            "commands of the control socket, one a line; SERVICE may be * for all, an event's name, or the\n"
+            "exchanges _tpstart, _tpend, _tx_commit, _tx_rback and _notify, and N says how often (otherwise\n"
+            "until it is cleared):\n%s\n"
+            "An answer is any number of lines that begin with two spaces, and then one that begins\n"
+            "with ok or error.\n",
+            help_text().c_str(), services_help().c_str(), commands_help().c_str());
         return 0;
     case Parsed::WRONG:
         fprintf(stderr, "clhsim: %s\ntry clhsim --help\n", problem.c_str());

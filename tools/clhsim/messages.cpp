@@ -50,18 +50,29 @@ void send_reply(Server &server, Client &client, Reply reply, std::string_view na
     });
 }
 
-static void send_refusal(Server &server, Client &client, const Header &request, int32_t error)
+void send_refusal(Server &server, Client &client, const Header &request, int32_t error)
 {
     send_reply(server, client, {.header = reply_header(request, error, 0)}, service_name(request));
 }
 
-// The data without the trailer that the transport may have put behind it.
-static std::string_view without_trailer(const Header &header, std::string_view data)
+std::string_view without_trailer(const Header &header, std::string_view data)
 {
     auto xflags = static_cast<uint32_t>(header.xflags);
     if (!(xflags & XFLAG_TRAILER))
         return data;
     return data.substr(0, data.size() - std::min<size_t>(data.size(), xflags & XFLAG_TRAILER_LENGTH));
+}
+
+bool gives_back(Server &server, Client &client, const Header &request, std::string_view data)
+{
+    std::string_view name = service_name(request);
+    if (!strike(server.faults, name, FaultKind::GIVE_BACK))
+        return false;
+    Reply back = {.header = reply_header(request, 0, 0), .data = std::string(data)};
+    back.header.msgtype = request.msgtype + ERROR_REPLY;
+    back.header.xflags = request.xflags | static_cast<int32_t>(XFLAG_GIVEN_BACK);
+    send_reply(server, client, std::move(back), name);
+    return true;
 }
 
 // Why a call doesn't reach its service; 0 if it does.
@@ -96,14 +107,10 @@ static void handle_call(Server &server, Client &client, const Header &request, s
     else
         server.stats.unknown_calls++;
 
-    if (strike(server.faults, name, FaultKind::GIVE_BACK)) {
-        Reply back = {.header = reply_header(request, 0, 0), .data = std::string(data)};
-        back.header.msgtype = request.msgtype + ERROR_REPLY;
-        back.header.xflags = request.xflags | static_cast<int32_t>(XFLAG_GIVEN_BACK);
-        send_reply(server, client, std::move(back), name);
+    if (gives_back(server, client, request, data))
         return;
-    }
 
+    bool in_transaction = join_transaction(server, client, request);
     int32_t error = call_error(server, service, request);
     bool acall = request.msgtype == MSG_ACALL;
     bool receipt = acall && (request.flags & FLAG_BLOCK);
@@ -111,13 +118,15 @@ static void handle_call(Server &server, Client &client, const Header &request, s
     if (receipt)
         send_receipt(server, client, request, error);
     if (error) {
+        doom_transaction(client, in_transaction);
         if (reply && !receipt)
             send_refusal(server, client, request, error);
         return;
     }
+    Answer answer = run_service(*service, server, client, request, without_trailer(request, data));
+    doom_transaction(client, in_transaction && answer.error != 0);
     if (!reply)
         return;
-    Answer answer = run_service(*service, server.options, request, without_trailer(request, data));
     Reply result = {.header = reply_header(request, answer.error, answer.rcode),
                     .data = std::move(answer.data),
                     .delay = answer.delay};
@@ -154,23 +163,10 @@ static void handle_ulogsync(Server &server, Client &client, const Header &, std:
     fdatasync(fileno(server.log));
 }
 
-static void handle_acknowledgement(Server &server, Client &client, const Header &header, std::string_view)
-{
-    server.stats.acknowledged++;
-    client.acknowledged++;
-    say("client %d acknowledged notification %d", client.number, header.cd);
-}
-
 // What this server doesn't do, but whose sender waits for an answer.
 static void handle_unserved(Server &server, Client &client, const Header &request, std::string_view)
 {
     send_refusal(server, client, request, ERR_NOENT);
-}
-
-static void handle_notify(Server &server, Client &client, const Header &request, std::string_view)
-{
-    if (request.flags & FLAG_NOTIFY_ACK)
-        send_refusal(server, client, request, ERR_NOENT);
 }
 
 struct MessageRow {
@@ -191,14 +187,20 @@ static const MessageRow MESSAGES[] = {
     {MSG_ULOGSYNC, "ULOGSYNC", false, false, handle_ulogsync},
     {MSG_NOTIFY + REPLY, "TPNOTIFY_REPLY", false, false, handle_acknowledgement},
     {MSG_NOTIFY, "TPNOTIFY", false, false, handle_notify},
-    {MSG_CONNECT, "TPCONNECT", false, true, handle_unserved},
-    {MSG_POST, "TPPOST", false, true, handle_unserved},
+    {MSG_CONNECT, "TPCONNECT", false, true, handle_connect},
+    {MSG_SEND, "TPSEND", false, false, handle_send},
+    {MSG_DISCON, "TPDISCON", false, false, handle_disconnect},
+    {MSG_POST, "TPPOST", false, true, handle_post},
+    {MSG_BROADCAST, "TPBROADCAST", false, false, handle_broadcast},
+    {MSG_SUBSCRIBE, "TPSUBSCRIBE", false, false, handle_subscribe},
+    {MSG_SUBSCRIBE2, "TPSUBSCRIBE2", false, false, handle_subscribe},
+    {MSG_UNSUBSCRIBE, "TPUNSUBSCRIBE", false, false, handle_unsubscribe},
     {MSG_ENQ, "TPENQ", false, true, handle_unserved},
     {MSG_DEQ, "TPDEQ", false, true, handle_unserved},
     {MSG_QSTAT, "TPQSTAT", false, true, handle_unserved},
     {MSG_REISSUE, "TPREISSUE", false, true, handle_unserved},
-    {MSG_COMMIT, "TX_COMMIT", false, true, handle_unserved},
-    {MSG_ROLLBACK, "TX_ROLLBACK", false, true, handle_unserved},
+    {MSG_COMMIT, "TX_COMMIT", false, true, handle_commit},
+    {MSG_ROLLBACK, "TX_ROLLBACK", false, true, handle_rollback},
     {MSG_MCALL, "TPMCALL", false, true, handle_unserved},
     {MSG_GETSVG, "GETSVG", false, true, handle_unserved},
     {MSG_GETADDR, "GETADDR", false, true, handle_unserved},

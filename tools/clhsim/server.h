@@ -6,8 +6,11 @@
 #ifndef CLHSIM_SERVER_H
 #define CLHSIM_SERVER_H
 
+#include "conversations.h"
+#include "events.h"
 #include "faults.h"
 #include "options.h"
+#include "transactions.h"
 #include "wire.h"
 
 #include <chrono>
@@ -52,6 +55,11 @@ struct Client {
     std::string name;
     uint64_t calls = 0;
     uint64_t acknowledged = 0;  // notifications
+
+    bool gone = false;  // what others kept for it is cleared away
+    std::map<int32_t, Conversation> conversations;
+    Transaction transaction;
+    std::vector<Subscription> subscriptions;
 };
 
 // Somebody on the control socket.
@@ -87,6 +95,18 @@ struct Stats {
     uint64_t truncated = 0;
     uint64_t ignored = 0;
     uint64_t broken = 0;
+    uint64_t conversations = 0;
+    uint64_t conversation_faults = 0;
+    uint64_t disconnected = 0;
+    uint64_t begun = 0;
+    uint64_t committed = 0;
+    uint64_t rolled_back = 0;
+    uint64_t transaction_faults = 0;
+    uint64_t posts = 0;
+    uint64_t broadcasts = 0;
+    uint64_t notifications = 0;
+    uint64_t delivered = 0;
+    uint64_t undelivered = 0;
 };
 
 struct Server {
@@ -109,6 +129,10 @@ struct Server {
     uint64_t last_id = 0;
     int32_t next_number = 0;
     int32_t last_notification = 0;
+    int32_t last_conversation = 0;
+    uint64_t last_transaction = 0;
+    std::map<int32_t, Notice> notices;  // notifications that are to be acknowledged
+    Accounts accounts;
     std::unordered_map<uint64_t, std::unique_ptr<Client>> clients;
     std::map<int32_t, Client *> numbers;
     std::unordered_map<uint64_t, std::unique_ptr<Controller>> controllers;
@@ -131,6 +155,7 @@ void say(const char *format, ...) __attribute__((format(printf, 1, 2)));  // a l
 void add_client(Server &server, int fd, bool local);
 void client_event(Server &server, Client &client, uint32_t events);
 void settle(Server &server);
+bool congested(const Client &client);  // too much waits for it
 // The functions from here on may be called for any client that isn't freed; on one that isn't open they do
 // nothing.
 void send_message(Server &server, Client &client, const Header &header, std::string_view data);
@@ -153,6 +178,13 @@ struct Reply {
     Clock::duration delay = {};
     bool last = false;  // the connection ends behind it
 };
+// Whether a request is handed back, as a server does that is going down. It hasn't happened then, and the
+// reply is sent.
+bool gives_back(Server &server, Client &client, const Header &request, std::string_view data);
+// A reply without data.
+void send_refusal(Server &server, Client &client, const Header &request, int32_t error);
+// The data without the trailer that the transport may have put behind it.
+std::string_view without_trailer(const Header &header, std::string_view data);
 // Sends a reply subject to the faults set for `name`.
 void send_reply(Server &server, Client &client, Reply reply, std::string_view name);
 // The header of the reply to a request: the request's own with the type, the error and the user code of the
@@ -166,6 +198,8 @@ void handle_start(Server &server, Client &client, const Header &request, std::st
 void add_controller(Server &server, int fd);
 void controller_event(Server &server, Controller &controller, uint32_t events);
 std::string commands_help();
+// The words of a line; the last of `most` takes all that is left.
+std::vector<std::string_view> split_words(std::string_view line, size_t most);
 
 // Text from a client as it may be shown: control characters become \xNN.
 std::string printable(std::string_view text);

@@ -8,16 +8,19 @@
 
 namespace clhsim {
 
-// The data of a STRING ends in a NUL that counts in its length; that of a CARRAY need not.
-static std::string_view text_of(std::string_view data)
-{
-    return data.substr(0, std::min(data.find('\0'), data.size()));
-}
-
-static Answer failed(int32_t error)
+Answer failed(int32_t error)
 {
     Answer answer;
     answer.error = error;
+    return answer;
+}
+
+Answer text_answer(const Header &request, std::string_view text)
+{
+    Answer answer;
+    answer.data = text;
+    if (request.buftype == BUF_STRING)
+        answer.data.push_back('\0');
     return answer;
 }
 
@@ -88,6 +91,11 @@ static Answer big_service(const Options &options, const Header &request, std::st
     return answer;
 }
 
+static Answer whoami_service(Server &server, Client &client, const Header &request, std::string_view)
+{
+    return text_answer(request, std::to_string(identity_of(server, client)));
+}
+
 static Answer ping_service(const Options &, const Header &, std::string_view)
 {
     return {};
@@ -139,6 +147,10 @@ static const Service SERVICES[] = {
     {"STECHO", "the struct records as they came", TAKES_STRUCTS, echo_struct_service},
     {"ORDER", "the sum and the status of an order, in fields or in the struct \"order\"",
      TAKES_FIELDS | TAKES_STRUCTS, order_service},
+    {"DEPOSIT", "adds to an account (\"ann 100\", \"ann -30\"), and tells what is in it then", TAKES_TEXT,
+     nullptr, deposit_service},
+    {"BALANCE", "what is in an account (\"ann\")", TAKES_TEXT, nullptr, balance_service},
+    {"WHOAMI", "the caller's identity, for those who want to notify it", TAKES_TEXT, nullptr, whoami_service},
     {".CHK_CONN", "nothing: the connection check of a client", TAKES_ALL, ping_service},
 };
 
@@ -164,12 +176,14 @@ int32_t type_error(const Service &service, int32_t buftype)
 }
 
 // A service that takes all data takes it as bytes.
-Answer run_service(const Service &service, const Options &options, const Header &request,
+Answer run_service(const Service &service, Server &server, Client &client, const Header &request,
                    std::string_view data)
 {
     if (service.takes != TAKES_ALL && request.buftype == BUF_FIELD && !is_field_buffer(data))
         return failed(ERR_INVAL);
-    return service.run(options, request, data);
+    if (service.run_for)
+        return service.run_for(server, client, request, data);
+    return service.run(server.options, request, data);
 }
 
 std::string services_help()
@@ -180,7 +194,7 @@ std::string services_help()
         snprintf(line, sizeof line, "  %-28s %s\n", service.name, service.help);
         text += line;
     }
-    return text;
+    return text + conversation_services_help();
 }
 
 }  // namespace clhsim

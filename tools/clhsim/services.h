@@ -1,5 +1,5 @@
-// The built-in services. A service is a row of a table and a function from a request's data to an answer; it
-// never waits: an answer that is to come later says so.
+// The built-in services that answer a call. A service is a row of a table and a function from a request's
+// data to an answer; it never waits: an answer that is to come later says so.
 #ifndef CLHSIM_SERVICES_H
 #define CLHSIM_SERVICES_H
 
@@ -25,15 +25,24 @@ struct Service {
     const char *help;
     uint32_t takes;
     Answer (*run)(const Options &options, const Header &request, std::string_view data);
+    // In its place, for a service that knows its caller.
+    Answer (*run_for)(Server &server, Client &client, const Header &request, std::string_view data) = nullptr;
 };
+
+Answer failed(int32_t error);
+Answer text_answer(const Header &request, std::string_view text);  // with a NUL for who sent one
+
+// transactions.cpp
+Answer deposit_service(Server &server, Client &client, const Header &request, std::string_view data);
+Answer balance_service(Server &server, Client &client, const Header &request, std::string_view data);
 
 const Service *find_service(std::string_view name);
 // What is wrong with data of this type for the service; 0 if nothing is.
 int32_t type_error(const Service &service, int32_t buftype);
 // Runs it; field data that isn't in order doesn't reach a service that reads fields.
-Answer run_service(const Service &service, const Options &options, const Header &request,
+Answer run_service(const Service &service, Server &server, Client &client, const Header &request,
                    std::string_view data);
-std::string services_help();
+std::string services_help();  // the conversational ones too
 
 }  // namespace clhsim
 

@@ -39,6 +39,27 @@ void set_service_name(Header &header, std::string_view name)
     std::copy_n(name.data(), std::min(name.size(), header.svcname.size() - 1), header.svcname.data());
 }
 
+std::string_view subtype_name(const Header &header)
+{
+    const char *text = header.subtype.data();
+    return {text, strnlen(text, header.subtype.size())};
+}
+
+std::string broadcast_name(const Header &header)
+{
+    std::string area;
+    append_word(area, static_cast<uint32_t>(header.value));
+    for (int32_t word : header.xid)
+        append_word(area, static_cast<uint32_t>(word));
+    area.append(header.subtype.data(), header.subtype.size());
+    return std::string(text_of(area));
+}
+
+std::string_view text_of(std::string_view data)
+{
+    return data.substr(0, std::min(data.find('\0'), data.size()));
+}
+
 uint32_t get_word(const char *bytes)
 {
     auto at = [bytes](int i) { return static_cast<uint32_t>(static_cast<unsigned char>(bytes[i])); };

@@ -27,9 +27,14 @@ enum MessageType : int32_t {
     MSG_CALL = 3,
     MSG_ACALL = 4,
     MSG_CONNECT = 5,
+    MSG_SEND = 6,
+    MSG_RECV = 7,  // never on the wire, but its replies are
+    MSG_DISCON = 8,
     MSG_POST = 12,
     MSG_BROADCAST = 13,
     MSG_NOTIFY = 14,
+    MSG_SUBSCRIBE = 15,
+    MSG_UNSUBSCRIBE = 16,
     MSG_ENQ = 17,
     MSG_DEQ = 18,
     MSG_SENDTOCLI = 19,
@@ -39,6 +44,7 @@ enum MessageType : int32_t {
     MSG_REISSUE = 30,
     MSG_COMMIT = 32,
     MSG_ROLLBACK = 33,
+    MSG_SUBSCRIBE2 = 40,
     MSG_MCALL = 45,
     MSG_GETSVG = 46,
     MSG_USERLOG = 121,
@@ -52,6 +58,7 @@ enum MessageType : int32_t {
 };
 constexpr int32_t REPLY = 1000;        // added to a request's number
 constexpr int32_t ERROR_REPLY = 2000;  // likewise
+constexpr int32_t EVENT_REPLY = 3000;  // likewise: a conversation's end with an event
 
 enum BufferType : int32_t {
     BUF_STRUCT = 1,
@@ -62,8 +69,17 @@ enum BufferType : int32_t {
 };
 
 constexpr int32_t FLAG_NOREPLY = 0x4;
+constexpr int32_t FLAG_NOTRAN = 0x8;
 constexpr int32_t FLAG_BLOCK = 0x200;
+constexpr int32_t FLAG_SENDONLY = 0x800;
+constexpr int32_t FLAG_RECVONLY = 0x1000;
+constexpr int32_t FLAG_TXSTART = 0x4000000;
 constexpr int32_t FLAG_NOTIFY_ACK = 0x8000;
+
+// What a broadcast leaves open.
+constexpr int32_t FLAG_ANY_NODE = 0x100;
+constexpr int32_t FLAG_ANY_USER = 0x200;
+constexpr int32_t FLAG_ANY_CLIENT = 0x400;
 
 constexpr uint32_t XFLAG_TRAILER_LENGTH = 0xff;
 constexpr uint32_t XFLAG_TRAILER = 0x04000000;
@@ -106,6 +122,13 @@ struct Header {
 
 std::string_view service_name(const Header &header);
 void set_service_name(Header &header, std::string_view name);  // cut at 31 characters
+std::string_view subtype_name(const Header &header);
+// The client name of a broadcast. It lies over the value, the identity and the subtype, as plain bytes.
+std::string broadcast_name(const Header &header);
+
+// The text of a message: the data of a STRING ends in a NUL that counts in its length, that of a CARRAY need
+// not.
+std::string_view text_of(std::string_view data);
 
 uint32_t get_word(const char *bytes);
 void put_word(char *bytes, uint32_t word);
