@@ -54,7 +54,7 @@ int tpchkunsol(void);
  * What comes in the meantime and is of another kind is treated by the mode. Also TPNOCHANGE (the message's
  * type must be the buffer's), TPSIGRSTRT, TPNOTIME and TPGETANY, which change nothing. Opens a session if
  * there is none. 1, or -1 with tperrno: TPEINVAL (null arguments, flags, kind), TPEOTYPE (no typed buffer;
- * another type under TPNOCHANGE: the message is lost), TPEBLOCK, TPEPROTO (the session was lost), TPEOS,
+ * another type under TPNOCHANGE: the message is lost), TPEBLOCK, TPESYSTEM (the session was lost), TPEOS,
  * TPECLOSE, TPESYSTEM. */
 int tpgetunsol(int kind, char **data, long *len, long flags);
 

@@ -286,8 +286,8 @@ TEST_F(UnsolThreads, LostConnectionEndsCallAndFetch)
     EXPECT_EQ(fetcher.get(), 0);
 }
 
-// Each of the three may be the one that reads. The answers come once all of them wait: a thread that has posted
-// isn't counted until it waits.
+// Each of the three may be the one that reads. The answers come once all of them wait: a thread that has
+// posted isn't counted until it waits.
 TEST_F(UnsolThreads, PostsNotificationsAndFetchesShareTheConnection)
 {
     constexpr int ROUNDS = 40;
