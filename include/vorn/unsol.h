@@ -55,7 +55,7 @@ int tpchkunsol(void);
  * type must be the buffer's), TPSIGRSTRT, TPNOTIME and TPGETANY, which change nothing. Opens a session if
  * there is none. 1, or -1 with tperrno: TPEINVAL (null arguments, flags, kind), TPEOTYPE (no typed buffer;
  * another type under TPNOCHANGE: the message is lost), TPEBLOCK, TPESYSTEM (the session was lost), TPEOS,
- * TPECLOSE, TPESYSTEM. */
+ * TPECLOSE. */
 int tpgetunsol(int kind, char **data, long *len, long flags);
 
 /* Part of the interface, and zero: nothing here uses them. */
