@@ -1,75 +1,14 @@
-// The lines that the field calls hand to the trace hook. This program has a hook of its own, as an application
-// may, and with it the few functions that stand beside the library's own one.
+// The lines that the field calls hand to the trace hook.
 #include "fields/values.h"
 
 #include "runtime/trace.h"
 #include "support/sdlfile.h"
+#include "trace/hook.h"
 #include "vorn/ffields.h"
 
-#include <stdarg.h>
 #include <stdio.h>
 
 using namespace fv;
-
-namespace {
-
-struct Line {
-    std::string function, text;
-    int one, phase;
-};
-std::vector<Line> lines;
-bool recording = false;  // the other tests of this program don't look
-
-}  // namespace
-
-extern "C" {
-
-int _vorn_trace(const char *function, int one, int phase, const char *format, ...)
-{
-    if (!recording)
-        return 1;
-    char text[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    lines.push_back({function, text, one, phase});
-    return 1;
-}
-
-int _trace_dbg(void)
-{
-    return 1;
-}
-int _chk_trace(void)
-{
-    return 1;
-}
-int _parse_trace(void)
-{
-    return 1;
-}
-int _spel_chk(void)
-{
-    return 1;
-}
-int _internal_call_chk(void)
-{
-    return 1;
-}
-int _get_spec(void)
-{
-    return 1;
-}
-int split_trcfld(char *, char **)
-{
-    return 1;
-}
-int advbrace(char **)
-{
-    return 1;
-}
-}
 
 namespace {
 
@@ -113,12 +52,11 @@ void expect_traced(const traced_call &each)
 {
     SCOPED_TRACE(std::string(each.function) + " " + each.exit);
     Things on;
-    lines.clear();
-    recording = true;
+    take_traced();
     each.run(on);
-    recording = false;
+    std::vector<traced_line> lines = take_traced();
     ASSERT_GE(lines.size(), 2u);
-    const Line &entry = lines.front(), &exit = lines.back();
+    const traced_line &entry = lines.front(), &exit = lines.back();
     EXPECT_EQ(entry.function, each.function);
     EXPECT_EQ(entry.phase, TRACE_ENTRY);
     EXPECT_TRUE(matches(entry.text, std::string(each.function) + "(*")) << entry.text;
@@ -126,7 +64,7 @@ void expect_traced(const traced_call &each)
     EXPECT_EQ(exit.function, each.function);
     EXPECT_EQ(exit.phase, each.exit_phase);
     EXPECT_TRUE(matches(exit.text, told(each.function, each.exit))) << exit.text;
-    for (const Line &line : lines)
+    for (const traced_line &line : lines)
         EXPECT_EQ(line.one, 1);
 }
 
@@ -195,12 +133,10 @@ TEST(FieldTrace, OfWholeBuffersAndStreams)
     };
     for (const traced_call &each : calls)
         expect_traced(each);
-    lines.clear();
     Things on;
-    recording = true;
+    take_traced();
     EXPECT_EQ(fbbufop_proj(nullptr, on.buffer, on.keys), -1);
-    recording = false;
-    EXPECT_EQ(lines.size(), 0u);
+    EXPECT_EQ(take_traced().size(), 0u);
 }
 
 TEST(FieldTrace, OfRecords)

@@ -1,94 +1,26 @@
-// The lines that the calls hand to the trace hook. This program has a hook of its own, as an application
-// may, and with it the few functions that stand beside the library's own one.
+// The lines that the calls hand to the trace hook.
 #include "calls/fixture.h"
+#include "trace/hook.h"
+#include "vorn/conversation.h"
 
-#include "runtime/trace.h"
-
-#include <mutex>
-#include <stdarg.h>
 #include <stdio.h>
-
-namespace {
-
-struct Line {
-    std::string function, text;
-    int one, phase;
-};
-std::mutex lines_lock;
-std::vector<Line> lines;
-
-}  // namespace
-
-extern "C" {
-
-int _vorn_trace(const char *function, int one, int phase, const char *format, ...)
-{
-    char text[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    std::lock_guard<std::mutex> guard(lines_lock);
-    lines.push_back({function, text, one, phase});
-    return 1;
-}
-
-int _trace_dbg(void)
-{
-    return 1;
-}
-int _chk_trace(void)
-{
-    return 1;
-}
-int _parse_trace(void)
-{
-    return 1;
-}
-int _spel_chk(void)
-{
-    return 1;
-}
-int _internal_call_chk(void)
-{
-    return 1;
-}
-int _get_spec(void)
-{
-    return 1;
-}
-int split_trcfld(char *, char **)
-{
-    return 1;
-}
-int advbrace(char **)
-{
-    return 1;
-}
-}
 
 namespace {
 
 struct Traces : CallTest {
     void SetUp() override { forget(); }
 
-    void forget(void)
-    {
-        std::lock_guard<std::mutex> guard(lines_lock);
-        lines.clear();
-    }
+    void forget(void) { take_traced(); }
 
     // The phase and text of each line of a function since the last look; all lines must bear its name.
     std::vector<std::string> lines_of(const std::string &function)
     {
-        std::lock_guard<std::mutex> guard(lines_lock);
         std::vector<std::string> texts;
-        for (const Line &line : lines) {
+        for (const traced_line &line : take_traced()) {
             EXPECT_EQ(line.one, 1) << line.text;
             if (line.function == function)
                 texts.push_back(std::to_string(line.phase) + " " + line.text);
         }
-        lines.clear();
         return texts;
     }
 
@@ -211,10 +143,35 @@ TEST_F(Traces, SpecialServiceTellsItsFailureAsACalls)
     ASSERT_TRUE(start(reply));
     forget();
     EXPECT_EQ(acall(0, "SPECIAL"), -1);
-    std::lock_guard<std::mutex> guard(lines_lock);
     bool told = false;
-    for (const Line &line : lines)
+    const std::vector<traced_line> lines = take_traced();
+    for (const traced_line &line : lines)
         told |= line.text == "tpcall = -1 [4 : invalid arguments(TPEINVAL)]" && line.phase == 4;
     EXPECT_TRUE(told);
     EXPECT_EQ(lines.back().text, "tpacall = -1 [4 : invalid arguments(TPEINVAL)]");
+}
+
+// A connect without a service is told in the words of another call.
+TEST_F(Traces, ConversationCallsTellTheirErrors)
+{
+    ASSERT_TRUE(start());
+    long event = 0, length = 0;
+    char *buffer = nullptr;
+    forget();
+    EXPECT_EQ(tpconnect(nullptr, nullptr, 0, TPSENDONLY | TPRECVONLY), -1);
+    EXPECT_EQ(lines_of("tpconnect"),
+              (Texts{"1 tpcall(\"\", 0, 0, 6144)", "4 tpconnect = -1 [4 : invalid arguments(TPEINVAL)]"}));
+    EXPECT_EQ(tpconnect((char *)"SVC", nullptr, 0, 0), -1);
+    EXPECT_EQ(lines_of("tpconnect").front(), "1 tpconnect(\"SVC\", 0, 0, 0)");
+    EXPECT_EQ(tpsend(77, nullptr, 5, 0, &event), -1);
+    Texts sent = lines_of("tpsend");
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0], "1 tpsend(77, 0, 5, 0, " + pointer(&event) + ")");
+    EXPECT_EQ(tprecv(77, &buffer, &length, 0, &event), -1);
+    EXPECT_EQ(lines_of("tprecv").size(), 2u);
+    EXPECT_EQ(tpdiscon(77), -1);
+    Texts ended = lines_of("tpdiscon");
+    ASSERT_EQ(ended.size(), 2u);
+    EXPECT_EQ(ended[0], "1 tpdiscon(77)");
+    EXPECT_EQ(ended[1].substr(0, 17), "4 tpdiscon = -1 [");
 }
