@@ -137,9 +137,7 @@ int tphton(char *data, long len, char **out, long *outlen)
     check_node_once();
     if (out == nullptr || outlen == nullptr)
         return api_fail(&frame, &TPHTON, TPEINVAL);
-    // A length that no int holds is too long, or too short, for any buffer.
-    int wanted = len > INT32_MAX ? INT32_MAX : len < INT32_MIN ? INT32_MIN : (int)len;
-    int datalen = _data_itype_check(data, wanted, frame.block);
+    int datalen = _data_itype_check(data, buffer_length(len), frame.block);
     if (datalen < 0)
         return api_error(&frame, &TPHTON);
     msg_header *message = data != nullptr ? message_of(data) : _header_msg_make(0, 0);

@@ -2,10 +2,18 @@
 #ifndef VORN_BUFFERS_PAYLOAD_H
 #define VORN_BUFFERS_PAYLOAD_H
 
+#include <stdint.h>
+
 struct msg_header;
 struct wthr_var;
 
 extern "C" {
+
+// A caller's length as an int: one that no int holds is too long, or too short, for any buffer.
+inline int buffer_length(long len)
+{
+    return len > INT32_MAX ? INT32_MAX : len < INT32_MIN ? INT32_MIN : (int)len;
+}
 
 int _data_itype_check(char *data, int len, wthr_var *block);  // bytes to send, or -1 with tperrno set
 

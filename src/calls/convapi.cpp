@@ -275,8 +275,7 @@ int tpsend(int cd, char *data, long len, long flags, long *revent)
         set_tpurcode(row->urcode);
         return api_fail(&frame, &TPSEND, TPEEVENT);
     }
-    int wanted = len > INT32_MAX ? INT32_MAX : len < INT32_MIN ? INT32_MIN : (int)len;
-    int length = _data_itype_check(data, wanted, block);
+    int length = _data_itype_check(data, buffer_length(len), block);
     if (length < 0)
         return api_error(&frame, &TPSEND);
     msg_header *message = data != nullptr ? message_of(data) : _header_msg_make(MSG_TPSEND, 0);

@@ -117,9 +117,7 @@ msg_header *_check_args_and_tx(int msgtype, const char *svcname, char *data, lon
         if (block == nullptr)
             return nullptr;
     }
-    // A length that no int holds is too long, or too short, for any buffer.
-    int wanted = len > INT32_MAX ? INT32_MAX : len < INT32_MIN ? INT32_MIN : (int)len;
-    int datalen = _data_itype_check(data, wanted, block);
+    int datalen = _data_itype_check(data, buffer_length(len), block);
     if (datalen < 0)
         return nullptr;
     msg_header *message = data != nullptr ? message_of(data) : _header_msg_make(0, 0);

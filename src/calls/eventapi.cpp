@@ -35,8 +35,6 @@ static constexpr api_text TPPOST = API_TEXT("tppost", "(\"%s\", %#x, %d, %d)");
 static constexpr api_text TPBROADCAST = API_TEXT("tpbroadcast", "(\"%s\", \"%s\", \"%s\", %#x, %d, %d)");
 static constexpr api_text TPNOTIFY = API_TEXT("tpnotify", "(%#x, %#x, %d, %d)");
 
-static constexpr int32_t MSG_TYPE_SUBSCRIBE = 15, MSG_TYPE_UNSUBSCRIBE = 16, MSG_TYPE_SUBSCRIBE2 = 40;
-
 static const char *shown(const char *name)
 {
     return name != nullptr ? name : "";
@@ -169,7 +167,7 @@ int tpsubscribe(const char *eventexpr, const char *filter, void *ctl, long flags
         return api_fail(&frame, &TPSUBSCRIBE, TPEINVAL);
     if (ctl != nullptr)
         return api_fail(&frame, &TPSUBSCRIBE, TPEPROTO);
-    msg_header *message = make_subscription(MSG_TYPE_SUBSCRIBE, eventexpr, flags, block);
+    msg_header *message = make_subscription(MSG_TPSUBSCRIBE, eventexpr, flags, block);
     int desc = message == nullptr ? -1 : subscribe(message, eventexpr, block);
     return desc < 0 ? api_error(&frame, &TPSUBSCRIBE) : api_return(&TPSUBSCRIBE, desc);
 }
@@ -185,7 +183,7 @@ int tpsubscribe2(const char *eventexpr, const char *second, long flags)
     if (!is_event_name(eventexpr) || second == nullptr || has_flags_outside(flags, SUBSCRIPTION_FLAGS))
         return api_fail(&frame, &TPSUBSCRIBE2, TPEINVAL);
     int desc = -1;
-    msg_header *message = make_subscription(MSG_TYPE_SUBSCRIBE2, eventexpr, flags, block);
+    msg_header *message = make_subscription(MSG_TPSUBSCRIBE2, eventexpr, flags, block);
     if (message != nullptr) {
         put_name(message->subtype, sizeof message->subtype, second);
         desc = subscribe(message, eventexpr, block);
@@ -207,7 +205,7 @@ int tpunsubscribe(int desc, long flags)
     subscr_elem event;
     if (has_flags_outside(flags, SUBSCRIPTION_FLAGS) || !copy_event_name(desc, &event, block))
         return api_fail(&frame, &TPUNSUBSCRIBE, TPEINVAL);
-    msg_header *message = _header_msg_make(MSG_TYPE_UNSUBSCRIBE, 0);
+    msg_header *message = _header_msg_make(MSG_TPUNSUBSCRIBE, 0);
     if (message == nullptr)
         return api_fail(&frame, &TPUNSUBSCRIBE, TPESYSTEM);
     message->seqno = next_seqno(block);
@@ -225,9 +223,7 @@ int tpunsubscribe(int desc, long flags)
 // own, which is the caller's to free. Null with tperrno set.
 static msg_header *make_message(int32_t msgtype, char *data, long len, wthr_var *block)
 {
-    // A length that no int holds is too long, or too short, for any buffer.
-    int wanted = len > INT32_MAX ? INT32_MAX : len < INT32_MIN ? INT32_MIN : (int)len;
-    int datalen = _data_itype_check(data, wanted, block);
+    int datalen = _data_itype_check(data, buffer_length(len), block);
     if (datalen < 0)
         return nullptr;
     msg_header *message = data != nullptr ? message_of(data) : _header_msg_make(msgtype, 0);

@@ -255,9 +255,10 @@ int tpclearunsol(void)
 
 // --- tpchkunsol.
 
-static void run_handler(msg_header *message, wthr_var *block)
+void run_unsolicited_handler(msg_header *message, wthr_var *block)
 {
-    unsol_function *handler = unsolicited_handler(block);
+    unsol_function *handler =
+        std::atomic_ref<unsol_function *>(block->unsol_handler).load(std::memory_order_acquire);
     if (handler != nullptr)
         handler(message_data(message), message->datalen, message->flags);
 }
@@ -279,7 +280,7 @@ static int handle_kept(msg_header **buffer, wthr_var *block)
         ask_for(UNSOL_ANY, 0, *buffer);
         if (copy_kept(message, buffer, block) < 0)
             return -1;
-        run_handler(*buffer, block);
+        run_unsolicited_handler(*buffer, block);
         handled++;
     }
     return handled;
@@ -296,7 +297,7 @@ static int handle_arriving(msg_header **buffer, wthr_var *block)
     if (message == nullptr)
         return -1;
     *buffer = message;
-    run_handler(message, block);
+    run_unsolicited_handler(message, block);
     return 1;
 }
 

@@ -29,10 +29,8 @@ inline int64_t unsolicited_mode(wthr_var *block)
 {
     return std::atomic_ref<int64_t>(block->unsol_mode).load(std::memory_order_relaxed);
 }
-inline unsol_function *unsolicited_handler(wthr_var *block)
-{
-    return std::atomic_ref<unsol_function *>(block->unsol_handler).load(std::memory_order_acquire);
-}
+// Runs the handler, if there is one, on the message, which stays the caller's.
+void run_unsolicited_handler(msg_header *message, wthr_var *block);
 
 // Empties the list, freeing what it holds if told to. 1. Takes msg_mutex.
 int _init_unsol(int free_all, wthr_var *block);

@@ -182,10 +182,11 @@ static int insert_before(wthr_var *block, FBUF *fbuf, int key, int nth, const ch
         return refused(FBETYPE);
     char *entry = find_entry(block, fbuf, key, nth);
     if (entry == nullptr)
-        return refused(FBENOENT);  // threads of one context have mixed up the count
+        return refused(FBENOENT);                  // threads of one context have mixed up the count
+    size_t text_size = size_of_text(type, value);  // as it is before anything moves
     forget_buffer(block, fbuf);
     move_tail(fbuf, entry, size, &value);
-    return _put_fld_to_fbuf(entry, key, value, len, 1);
+    return put_value(entry, key, value, len, text_size);
 }
 
 int fbinsert(FBUF *fbuf, int key, int nth, char *value, int len)
@@ -229,9 +230,10 @@ int fbupdate(FBUF *fbuf, int key, int nth, char *value, int len)
     if (growth != 0)
         forget_buffer(frame.block, fbuf);
     const char *from = value;
+    size_t text_size = size_of_text(type_of_key(key), value);  // as it is before anything moves
     if (growth > 0)
         move_tail(fbuf, entry + at.size, growth, &from);
-    int result = _put_fld_to_fbuf(entry, key, from, len, 1);
+    int result = put_value(entry, key, from, len, text_size);
     // What follows a shorter value moves up behind it: the value may have stood in the old one.
     if (growth < 0)
         move_tail(fbuf, entry + at.size, growth, &from);

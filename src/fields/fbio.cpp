@@ -218,10 +218,8 @@ static int copy_field(FBUF *fbuf, int key, char *other_name)
     if (fbgetval(fbuf, other, 0, &length) == nullptr)
         return -1;
     // Unless it is cut, a longer value is delivered whole, whatever the room.
-    if (length + (type_of_key(other) == FB_STRING) > LINE_SIZE && field_length_mode() != FLEN_TRUNCATE) {
-        set_fberror(FBENOSPACE);
-        return -1;
-    }
+    if (length + (type_of_key(other) == FB_STRING) > LINE_SIZE && field_length_mode() != FLEN_TRUNCATE)
+        return refused(FBENOSPACE);
     if (fbget_tu(fbuf, other, 0, area, &room) < 0)
         return -1;
     return fbchg_tu(fbuf, key, 0, area, room);
@@ -229,10 +227,8 @@ static int copy_field(FBUF *fbuf, int key, char *other_name)
 
 static int run_command(FBUF *fbuf, const text_command *command)
 {
-    if (command->name == nullptr || command->value == nullptr) {
-        set_fberror(FBEINVAL);
-        return -1;
-    }
+    if (command->name == nullptr || command->value == nullptr)
+        return refused(FBEINVAL);
     int key = key_of_token(command->name);
     switch (command->action) {
     case '+':

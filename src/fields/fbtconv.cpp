@@ -240,12 +240,6 @@ static int trim_fraction(char *text, int length)
 
 // --- The engine that reads entries.
 
-static int no_update(int code)
-{
-    set_fberror(code);
-    return -1;
-}
-
 static int update_text(char *out, int to_type, int *len, const cvt_source *source, int size)
 {
     const char *text = source->value;
@@ -273,15 +267,15 @@ int _typcvt_update(char *out, int to_type, int *len, char *entry)
     int stored_len = type == FB_CARRAY ? get_int32(entry + FIELD_CARRAY_LENGTH) : 0;
     char *scratch = scratch_for(block, type, stored_len);
     if (scratch == nullptr)
-        return no_update(FBENOSPACE);
+        return refused(FBENOSPACE);
     if (!is_type(to_type))
-        return no_update(FBEBADFLD);
+        return refused(FBEBADFLD);
     if (len == nullptr)
         len = &enough;
     if (is_number_type(to_type))
         *len = NATURAL_WIDTH[to_type];
     if (!is_type(type))
-        return no_update(FBETYPE);
+        return refused(FBETYPE);
     cvt_source source = {type, value_of(entry), stored_len, STORED, scratch};
     if (!is_number_type(to_type))
         return update_text(out, to_type, len, &source, block->cvt_buf_size);

@@ -14,6 +14,7 @@
 #include "vorn/errors.h"
 #include "vorn/flags.h"
 #include "vorn/tx.h"
+#include "vorn/unsol.h"
 #include "wire/clhio.h"
 #include "wire/clhread.h"
 #include "wire/msgheader.h"
@@ -54,20 +55,17 @@ static int reply_matches(const msg_header *want, const msg_header *message, wthr
     return 1;
 }
 
-// Selectors of a fetch of unsolicited messages, in `cd` of the template.
-constexpr int32_t UNSOL_ANY_KIND = 5;
-
 static int32_t unsol_kind(int32_t msgtype)
 {
     switch (msgtype) {
     case MSG_TPPOST:
-        return 1;
+        return UNSOL_POST;
     case MSG_TPBROADCAST:
-        return 2;
+        return UNSOL_BROADCAST;
     case MSG_TPNOTIFY:
-        return 3;
+        return UNSOL_NOTIFY;
     case MSG_TPSENDTOCLI:
-        return 4;
+        return UNSOL_SENDTOCLI;
     }
     return msgtype;
 }
@@ -87,7 +85,7 @@ int _is_msgtype_matched(const msg_header *want, const msg_header *message, wthr_
         (arrived == MSG_TPCONNECT + ERROR_REPLY || arrived == MSG_TPSEND || arrived == MSG_TPDISCON))
         return 1;
     if (wanted == MSG_TPGETUNSOL && is_unsolicited(arrived))
-        return want->cd == UNSOL_ANY_KIND || want->cd == unsol_kind(arrived);
+        return want->cd == UNSOL_ANY || want->cd == unsol_kind(arrived);
     if (arrived == MSG_KMQ_CLOSE_SESSION && (message->flags & FLAG_SESSION_CLOSED) != 0)
         return _close_session_notify(want->sessid, message->sessid, block);
     return arrived == MSG_KMQ_DELIVERY && wanted == MSG_KMQ_GETNEXT;
@@ -226,9 +224,7 @@ static int unsolicited(msg_header *message, wthr_var *block)
     if (mode == UNSOL_MODE_IGNORE)
         return drop(message, block);
     if (mode == UNSOL_MODE_HANDLER) {
-        unsol_function *handler = unsolicited_handler(block);
-        if (handler != nullptr)
-            handler(message_data(message), message->datalen, message->flags);
+        run_unsolicited_handler(message, block);
         free_buffer(message);  // the handler may have searched its fields
         return 1;
     }
