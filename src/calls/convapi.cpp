@@ -161,18 +161,13 @@ static int fail_and_release(const api_frame *frame, int index, int code)
 // set.
 static int await_connection(int index, long flags, wthr_var *block)
 {
-    msg_header *want = _header_msg_make(MSG_TPCONNECT, 0);
-    if (want == nullptr) {
-        forget_waiter(block);
-        set_tperrno(TPESYSTEM);
+    msg_header *want = template_of(MSG_TPCONNECT, flags, block);
+    if (want == nullptr)
         return -1;
-    }
     bool transactional = (flags & TPNOTRAN) == 0;
-    want->flags = (uint32_t)flags;
     want->rcode = index;
-    msg_header *reply = _read_csmsg_from_clh_timeout(want, wait_limit(block, flags, TPNOTIME), block);
+    msg_header *reply = await_reply(want, wait_limit(block, flags, TPNOTIME), block);
     if (reply == nullptr) {
-        free(want);
         _check_tx_state(MSG_TPCONNECT, transactional, block);
         return -1;
     }

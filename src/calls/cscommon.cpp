@@ -450,4 +450,9 @@ int _get_any_rqno_from_ready(wthr_var *block)
             return i;
     return -1;
 }
+
+bool has_queue_reply(int rqno, const wthr_var *block)
+{
+    return rqno >= 0 && rqno < block->qcall_size && block->qcall[rqno].head != nullptr;
+}
 }

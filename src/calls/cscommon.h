@@ -84,10 +84,11 @@ int release_call(int cd, wthr_var *block);
 // The stored reply of row `index`, which the caller then owns; null if there is none. Expects msg_mutex.
 msg_header *take_stored_reply(int index, wthr_var *block);
 
-// Stored replies of reliable queues.
+// Stored replies of reliable queues. All expect msg_mutex.
 int _enqueue_qcall_q(int rqno, msg_header *message, wthr_var *block);
 msg_header *_dequeue_qcall_q(int rqno, wthr_var *block);
 int _get_any_rqno_from_ready(wthr_var *block);
+bool has_queue_reply(int rqno, const wthr_var *block);
 
 // Names.
 int _get_rqno_by_qname(const char *qname, wthr_var *block);
@@ -110,6 +111,23 @@ int send_request(msg_header *message, const char *data, wthr_var *block);
 // transaction, fills the header in front of the data. A header-only message is the caller's to free.
 msg_header *_check_args_and_tx(int msgtype, const char *svcname, char *data, long len, uint32_t flags,
                                wthr_var *block);
+
+// The part of the open transaction's record that a request carries: the start mark in `*flags`, the identity
+// in the header. 0, or -1 with tperrno set if nothing may go out in it any more.
+int join_transaction(int msgtype, msg_header *message, uint32_t *flags, wthr_var *block);
+
+// The wait for the reply to a request that has gone out: template_of makes what the wait stands on, without
+// memory it gives null with TPESYSTEM, and the waiter is no longer counted. await_reply waits, `limit`
+// seconds or with 0 without end, and uses the template up; the reply is the caller's to free. Null with
+// tperrno set; a null template gives null.
+msg_header *template_of(int32_t msgtype, long flags, wthr_var *block);
+msg_header *await_reply(msg_header *want, int limit, wthr_var *block);
+// Sends a question, header only, and waits for its answer without a limit. The question is used up, the
+// answer the caller's to free; null with tperrno set.
+msg_header *ask_server(msg_header *question, wthr_var *block);
+
+// The error number in a failed answer of the queue service: its `rcode`, or its `flags` if that is 0.
+int error_in(const msg_header *answer);
 
 // Sequence numbers.
 int _vorn_init_seqno(void);

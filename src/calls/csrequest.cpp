@@ -4,6 +4,7 @@
 
 #include "buffers/payload.h"
 #include "buffers/tbuffer.h"
+#include "calls/etcapi.h"
 #include "runtime/thrapi.h"
 #include "session/address.h"
 #include "session/cliapi.h"
@@ -13,6 +14,7 @@
 #include "vorn/flags.h"
 #include "vorn/session.h"
 #include "wire/clhio.h"
+#include "wire/clhread.h"
 #include "wire/msgheader.h"
 
 #include <stdlib.h>
@@ -41,20 +43,26 @@ int _isexist_nodename_fld(char *data)
     return fbkeyoccur((FBUF *)data, NODE_NAME_FIELD) > 0;
 }
 
-// The service's group on a node: -1 if it has none there, NO_GROUP_LIST if its groups can't be told. There is
-// no call that asks the server for them yet.
+// The service's first group on a node: -1 if it has none there, NO_GROUP_LIST if its groups can't be told.
 constexpr int NO_GROUP_LIST = -2;
-static int group_on_node(const char *svcname, int node)
+static int group_on_node(const char *svcname, int node, wthr_var *block)
 {
-    (void)svcname, (void)node;
-    return NO_GROUP_LIST;
+    group_numbers groups;
+    if (!fetch_groups(svcname, &groups, block))
+        return NO_GROUP_LIST;
+    int found = -1;
+    for (int i = 0; i < groups.count && found < 0; i++)
+        if (node_of_group(groups.numbers[i]) == node)
+            found = groups.numbers[i];
+    free(groups.numbers);
+    return found;
 }
 
 int _get_mysvgno_from_nodename(const char *svcname, char *data, wthr_var *block)
 {
     const char *name = fbgetval((FBUF *)data, NODE_NAME_FIELD, 0, nullptr);
     int node = name == nullptr ? -1 : _get_nodeno_from_nodename(name, block);
-    int group = node < 0 ? NO_GROUP_LIST : group_on_node(svcname, node);
+    int group = node < 0 ? NO_GROUP_LIST : group_on_node(svcname, node, block);
     if (group != NO_GROUP_LIST)
         return group;
     set_tperrno(TPEINVAL);
@@ -98,13 +106,14 @@ static wthr_var *open_session(wthr_var *block)
     return current_block();
 }
 
-// The part of the transaction's record that a request carries. 0, or -1 with tperrno set.
-static int join_transaction(int msgtype, uint32_t *flags, wthr_var *block)
+int join_transaction(int msgtype, msg_header *message, uint32_t *flags, wthr_var *block)
 {
     if (_tx_start_check(msgtype) < 0)
         return -1;
     if (begin_to_run(block))
         *flags |= TPTXSTART;
+    if (block->txinfo != nullptr)
+        memcpy(message->xid, block->txinfo->xid_data, sizeof message->xid);
     return 0;
 }
 
@@ -125,8 +134,7 @@ msg_header *_check_args_and_tx(int msgtype, const char *svcname, char *data, lon
         set_tperrno(TPESYSTEM);
         return nullptr;
     }
-    bool transactional = (flags & TPNOTRAN) == 0;
-    if (transactional && join_transaction(msgtype, &flags, block) < 0) {
+    if ((flags & TPNOTRAN) == 0 && join_transaction(msgtype, message, &flags, block) < 0) {
         if (data == nullptr)
             free(message);
         return nullptr;
@@ -139,8 +147,6 @@ msg_header *_check_args_and_tx(int msgtype, const char *svcname, char *data, lon
     message->target = 0;
     message->datalen = datalen;
     message->flags = flags;
-    if (transactional && block->txinfo != nullptr)
-        memcpy(message->xid, block->txinfo->xid_data, sizeof message->xid);
     return message;
 }
 
@@ -179,6 +185,41 @@ int wait_limit(const wthr_var *block, long flags, long unlimited)
     if (in_transaction(block) || block->block_time <= 0 || (flags & unlimited) != 0)
         return 0;
     return block->block_time;
+}
+
+msg_header *template_of(int32_t msgtype, long flags, wthr_var *block)
+{
+    msg_header *want = _header_msg_make(msgtype, 0);
+    if (want == nullptr) {
+        forget_waiter(block);
+        set_tperrno(TPESYSTEM);
+        return nullptr;
+    }
+    want->flags = (uint32_t)flags;
+    return want;
+}
+
+msg_header *await_reply(msg_header *want, int limit, wthr_var *block)
+{
+    if (want == nullptr)
+        return nullptr;
+    msg_header *reply = _read_csmsg_from_clh_timeout(want, limit, block);
+    if (reply == nullptr)
+        free(want);
+    return reply;
+}
+
+msg_header *ask_server(msg_header *question, wthr_var *block)
+{
+    if (_send_csmsg_to_clh(question, block) > 0)
+        return await_reply(question, 0, block);
+    free(question);
+    return nullptr;
+}
+
+int error_in(const msg_header *answer)
+{
+    return answer->rcode != 0 ? answer->rcode : (int)answer->flags;
 }
 
 int send_request(msg_header *message, const char *data, wthr_var *block)

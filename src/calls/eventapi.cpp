@@ -35,11 +35,6 @@ static constexpr api_text TPPOST = API_TEXT("tppost", "(\"%s\", %#x, %d, %d)");
 static constexpr api_text TPBROADCAST = API_TEXT("tpbroadcast", "(\"%s\", \"%s\", \"%s\", %#x, %d, %d)");
 static constexpr api_text TPNOTIFY = API_TEXT("tpnotify", "(%#x, %#x, %d, %d)");
 
-static const char *shown(const char *name)
-{
-    return name != nullptr ? name : "";
-}
-
 // --- The table of subscriptions.
 
 constexpr int32_t ROWS_AT_ONCE = 10;
@@ -238,34 +233,13 @@ static msg_header *make_message(int32_t msgtype, char *data, long len, wthr_var 
     return message;
 }
 
-// Waits for the answer to a message, of which `want` tells the type. Owns `want`; the answer is the
-// caller's. Null with tperrno set.
-static msg_header *await_answer(msg_header *want, int seconds, wthr_var *block)
-{
-    msg_header *answer = _read_csmsg_from_clh_timeout(want, seconds, block);
-    if (answer == nullptr)
-        free(want);
-    return answer;
-}
-
-static msg_header *make_template(int32_t msgtype, wthr_var *block)
-{
-    msg_header *want = _header_msg_make(msgtype, 0);
-    if (want == nullptr) {
-        forget_waiter(block);
-        set_tperrno(TPESYSTEM);
-    }
-    return want;
-}
-
 // --- tppost.
 
 // 1, or -1 with tperrno set.
 static int await_post(long flags, wthr_var *block)
 {
-    msg_header *want = make_template(MSG_TPPOST, block);
-    msg_header *answer =
-        want == nullptr ? nullptr : await_answer(want, wait_limit(block, flags, TPNOTIME), block);
+    int limit = wait_limit(block, flags, TPNOTIME);
+    msg_header *answer = await_reply(template_of(MSG_TPPOST, 0, block), limit, block);
     if (answer == nullptr)
         return -1;
     int32_t rcode = answer->rcode;
@@ -434,14 +408,14 @@ int tpbroadcast(const char *lnid, const char *usrname, const char *cltname, char
 // The block time counts inside a transaction, too. 1, or -1 with tperrno set.
 static int await_receipt(int32_t seqno, long flags, wthr_var *block)
 {
-    msg_header *want = make_template(MSG_TPNOTIFY, block);
+    msg_header *want = template_of(MSG_TPNOTIFY, 0, block);
     if (want == nullptr)
         return -1;
     want->flags = (uint32_t)flags;
     want->seqno = seqno;
     int block_time = block->block_time;
     int seconds = block_time > 0 && (flags & TPNOTIME) == 0 ? block_time : 0;
-    msg_header *receipt = await_answer(want, seconds, block);
+    msg_header *receipt = await_reply(want, seconds, block);
     if (receipt == nullptr)
         return -1;
     bool good = receipt->msgtype == MSG_TPNOTIFY + REPLY;

@@ -1,4 +1,4 @@
-// Call and reply: tpcall, tpacall, tpgetrply, tpcancel.
+// Call and reply: tpcall, tpacall, tpgetrply, tpcancel, and the calls to a chosen server group.
 //
 // A request goes out from the caller's own buffer, whose header is filled in front of the data; the receive
 // buffer's header then serves as the template of the wait, and the reply is copied over it or takes its
@@ -12,6 +12,7 @@
 #include "tx/tx.h"
 #include "vorn/calls.h"
 #include "vorn/errors.h"
+#include "vorn/groups.h"
 #include "wire/clhio.h"
 #include "wire/clhread.h"
 #include "wire/msgheader.h"
@@ -28,18 +29,28 @@ static_assert(TPCALL_FLAGS == 0x12B && TPACALL_FLAGS == 0x62F && TPGETRPLY_FLAGS
 
 static constexpr api_text TPCALL = API_TEXT("tpcall", "(\"%s\", %#x, %d, %#x, %#x, %d)");
 static constexpr api_text TPACALL = API_TEXT("tpacall", "(\"%s\", %#x, %d, %d)");
+static constexpr api_text TPCALLSVG = API_TEXT("tpcallsvg", "(%d, \"%s\", %#x, %d, %#x, %#x, %d)");
+static constexpr api_text TPACALLSVG = API_TEXT("tpacallsvg", "(%d, \"%s\", %#x, %d, %d)");
 static constexpr api_text TPGETRPLY = API_TEXT("tpgetrply", "(%#x, %#x, %#x, %d)");
 static constexpr api_text TPCANCEL = API_TEXT("tpcancel", "(%d)");
 
-// A request takes the next number, and the priority that was set for it; the one after it has the default
-// again.
-static void number_request(msg_header *message, int32_t cd, wthr_var *block)
+void take_priority(msg_header *message, wthr_var *block)
+{
+    message->prio = block->next_prio.exchange(block->default_prio);
+    block->last_prio = message->prio;
+}
+
+// What a request takes once it is sure to go: its number, its priority, its direction.
+static void number_request(msg_header *message, int32_t cd, int svgno, wthr_var *block)
 {
     message->seqno = next_seqno(block);
     message->cd = cd;
     message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
-    message->prio = block->next_prio.exchange(block->default_prio);
-    block->last_prio = message->prio;
+    take_priority(message, block);
+    if (svgno >= 0) {
+        message->target = svgno;
+        message->flags |= TPSVGCALL;
+    }
 }
 
 // Hands what a reply tells to the caller, data or not. The reply's error number, which is the caller's now.
@@ -65,32 +76,31 @@ static bool is_tip_request(msg_header *message, wthr_var *block)
     return _is_tipsvc(message->svcname, block) != 0;
 }
 
-int tpcall(char *svc, char *idata, long ilen, char **odata, long *olen, long flags)
+// tpcall, to a group unless `svgno` is negative. The entry is traced.
+static int call(api_frame *frame, const api_text *text, int svgno, char *svc, char *idata, long ilen,
+                char **odata, long *olen, long flags)
 {
-    api_frame frame;
-    if (!API_ENTER(&frame, TPCALL, svc != nullptr ? svc : "", idata, (int)ilen, odata, olen, (int)flags))
-        return -1;
-    if (!api_begin(&frame, &TPCALL))
-        return frame.result;
-    wthr_var *block = frame.block;
+    if (!api_begin(frame, text))
+        return frame->result;
+    wthr_var *block = frame->block;
     if (olen == nullptr || odata == nullptr || *odata == nullptr)
-        return api_fail(&frame, &TPCALL, TPEINVAL);
+        return api_fail(frame, text, TPEINVAL);
     if (has_flags_outside(flags, TPCALL_FLAGS))
-        return api_fail(&frame, &TPCALL, TPEINVAL);
+        return api_fail(frame, text, TPEINVAL);
     if (!is_typed_buffer(*odata))
-        return api_fail(&frame, &TPCALL, TPEOTYPE);
+        return api_fail(frame, text, TPEOTYPE);
     msg_header *message = _check_args_and_tx(MSG_TPCALL, svc, idata, ilen, (uint32_t)flags, block);
     if (message == nullptr)
-        return api_error(&frame, &TPCALL);
+        return api_error(frame, text);
     if (is_tip_request(message, block) && _check_tipsvc(message, block) < 0) {
         if (idata == nullptr)
             free(message);
-        return api_error(&frame, &TPCALL);
+        return api_error(frame, text);
     }
-    number_request(message, 0, block);
+    number_request(message, 0, svgno, block);
     int32_t seqno = message->seqno;
     if (send_request(message, idata, block) < 0)
-        return api_error(&frame, &TPCALL);
+        return api_error(frame, text);
 
     msg_header *buffer = message_of(*odata);
     buffer->msgtype = MSG_TPCALL;
@@ -101,44 +111,58 @@ int tpcall(char *svc, char *idata, long ilen, char **odata, long *olen, long fla
     bool transactional = (flags & TPNOTRAN) == 0;
     if (reply == nullptr) {
         _check_tx_state(MSG_TPCALL, transactional, block);
-        return api_error(&frame, &TPCALL);
+        return api_error(frame, text);
     }
     int code = take_reply(reply, buffer, odata, olen);
     if (code == 0 && reply->msgtype == MSG_TPCALL + REPLY)
-        return api_return(&TPCALL, 1);
+        return api_return(text, 1);
     _check_tx_state(MSG_TPCALL, transactional, block);
     name_the_error();
-    return api_error(&frame, &TPCALL);
+    return api_error(frame, text);
 }
 
-// Addresses a call to a server group, or to one process of it.
-static void direct_request(msg_header *message, int target, int process)
+int tpcall(char *svc, char *idata, long ilen, char **odata, long *olen, long flags)
 {
-    message->target = target;
-    if (process == -1) {
+    api_frame frame;
+    if (!API_ENTER(&frame, TPCALL, shown(svc), idata, (int)ilen, odata, olen, (int)flags))
+        return -1;
+    return call(&frame, &TPCALL, -1, svc, idata, ilen, odata, olen, flags);
+}
+
+int tpcallsvg(int svgno, char *svc, char *idata, long ilen, char **odata, long *olen, long flags)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TPCALLSVG, svgno, shown(svc), idata, (int)ilen, odata, olen, (int)flags))
+        return -1;
+    return call(&frame, &TPCALLSVG, svgno, svc, idata, ilen, odata, olen, flags);
+}
+
+// Where an asynchronous call goes; negative numbers: nowhere in particular.
+struct direction {
+    int svgno;            // a server group
+    int server, process;  // a server, and one process of it
+};
+
+static void direct_to_server(msg_header *message, const direction *to)
+{
+    message->target = to->server;
+    if (to->process == -1) {
         message->xflags |= XFLAG_TO_GROUP;
     } else {
         message->xflags |= XFLAG_TO_PROCESS;
-        message->callid[0] = (uint32_t)process;
+        message->callid[0] = (uint32_t)to->process;
     }
 }
 
 // Waits until the server has the request. 0, or -1 with tperrno set.
 static int wait_for_receipt(int32_t seqno, long flags, wthr_var *block)
 {
-    msg_header *want = _header_msg_make(MSG_TPACALL_BLOCK, 0);
-    if (want == nullptr) {
-        forget_waiter(block);
-        set_tperrno(TPESYSTEM);
+    msg_header *want = template_of(MSG_TPACALL_BLOCK, flags, block);
+    if (want != nullptr)
+        want->seqno = seqno;
+    msg_header *receipt = await_reply(want, wait_limit(block, flags, TPNOTIME), block);
+    if (receipt == nullptr)
         return -1;
-    }
-    want->flags = (uint32_t)flags;
-    want->seqno = seqno;
-    msg_header *receipt = _read_csmsg_from_clh_timeout(want, wait_limit(block, flags, TPNOTIME), block);
-    if (receipt == nullptr) {
-        free(want);
-        return -1;
-    }
     int code = (int)receipt->flags;
     set_tperrno(code);
     bool good = code == 0 && receipt->msgtype == MSG_TPACALL_BLOCK + REPLY;
@@ -149,58 +173,79 @@ static int wait_for_receipt(int32_t seqno, long flags, wthr_var *block)
     return -1;
 }
 
-static int release_and_fail(const api_frame *frame, int cd)
+static int release_and_fail(const api_frame *frame, const api_text *text, int cd)
 {
     if (cd > 0)
         release_call(cd, frame->block);
-    return api_error(frame, &TPACALL);
+    return api_error(frame, text);
 }
 
-int _tpacall2(char *svc, int target, int process, char *data, long len, long flags)
+// tpacall with a direction. The entry is traced, the flags have been looked at.
+static int start_call(const api_frame *frame, const api_text *text, const direction *to, char *svc,
+                      char *data, long len, long flags)
 {
-    api_frame frame;
-    if (!API_ENTER(&frame, TPACALL, svc != nullptr ? svc : "", data, (int)len, (int)flags))
-        return -1;
-    if (!api_begin(&frame, &TPACALL))
-        return frame.result;
-    wthr_var *block = frame.block;
-    bool directed = (flags & TPSPRCALL) != 0;
-    if (!directed && has_flags_outside(flags, TPACALL_FLAGS))
-        return api_fail(&frame, &TPACALL, TPEINVAL);
+    wthr_var *block = frame->block;
     bool transactional = (flags & TPNOTRAN) == 0;
     if ((flags & TPNOREPLY) != 0 && transactional && in_transaction(block))
-        return api_fail(&frame, &TPACALL, TPEPROTO);
+        return api_fail(frame, text, TPEPROTO);
     msg_header *message = _check_args_and_tx(MSG_TPACALL, svc, data, len, (uint32_t)flags, block);
     if (message == nullptr)
-        return api_error(&frame, &TPACALL);
+        return api_error(frame, text);
     int cd = 0;
     if ((flags & TPNOREPLY) == 0) {
         cd = _create_acall_cd((uint32_t)flags, block);
         if (cd < 0) {
             if (data == nullptr)
                 free(message);
-            return api_fail(&frame, &TPACALL, TPELIMIT);
+            return api_fail(frame, text, TPELIMIT);
         }
     }
     if (is_tip_request(message, block) && _check_tipsvc(message, block) < 0) {
         if (data == nullptr)
             free(message);
-        return release_and_fail(&frame, cd);
+        return release_and_fail(frame, text, cd);
     }
-    number_request(message, cd, block);
-    if (target >= 0 && directed)
-        direct_request(message, target, process);
+    number_request(message, cd, to->svgno, block);
+    if (to->server >= 0)
+        direct_to_server(message, to);
     int32_t seqno = message->seqno;
     if (send_request(message, data, block) < 0)
-        return release_and_fail(&frame, cd);
+        return release_and_fail(frame, text, cd);
     if ((flags & TPBLOCK) != 0 && wait_for_receipt(seqno, flags, block) < 0) {
         _check_tx_state(MSG_TPACALL, transactional, block);
-        return release_and_fail(&frame, cd);
+        return release_and_fail(frame, text, cd);
     }
     int index = cd > 0 && transactional && in_transaction(block) ? _get_acall_cd_ind(cd, block) : -1;
     if (index >= 0)
         block->acall[index].flags |= TPTRAN;
-    return api_return(&TPACALL, cd);
+    return api_return(text, cd);
+}
+
+int _tpacall2(char *svc, int target, int process, char *data, long len, long flags)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TPACALL, shown(svc), data, (int)len, (int)flags))
+        return -1;
+    if (!api_begin(&frame, &TPACALL))
+        return frame.result;
+    bool directed = (flags & TPSPRCALL) != 0;
+    if (!directed && has_flags_outside(flags, TPACALL_FLAGS))
+        return api_fail(&frame, &TPACALL, TPEINVAL);
+    direction to = {-1, directed ? target : -1, process};
+    return start_call(&frame, &TPACALL, &to, svc, data, len, flags);
+}
+
+int tpacallsvg(int svgno, char *svc, char *data, long len, long flags)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TPACALLSVG, svgno, shown(svc), data, (int)len, (int)flags))
+        return -1;
+    if (!api_begin(&frame, &TPACALLSVG))
+        return frame.result;
+    if (has_flags_outside(flags, TPACALL_FLAGS))
+        return api_fail(&frame, &TPACALLSVG, TPEINVAL);
+    direction to = {svgno, -1, -1};
+    return start_call(&frame, &TPACALLSVG, &to, svc, data, len, flags);
 }
 
 int _tpacall(char *svc, int target, char *data, long len, long flags)

@@ -14,7 +14,6 @@
 #include "wire/clhio.h"
 #include "wire/clhread.h"
 #include "wire/msgheader.h"
-#include "wire/netapi.h"
 
 #include <stdlib.h>
 
@@ -195,15 +194,8 @@ static bool input_waits(wthr_var *block)
     _thread_mutex_unlock(&block->msg_mutex);
     if (is_read)
         return false;
-    if (has_read_ahead(block))
-        return true;
-    int fd = block->clhfd, old_fd = block->old_clhfd;
-    wide_set sockets;
-    wide_set_clear(&sockets, fd > old_fd ? fd : old_fd);
-    bool has_socket = wide_set_add(&sockets, fd);
-    has_socket |= wide_set_add(&sockets, old_fd);
     struct timeval moment = {0, 1};
-    return has_socket && wide_set_select(&sockets, nullptr, nullptr, &moment) > 0;
+    return await_input(block, &moment) > 0;
 }
 
 // --- Mode and handler.

@@ -1,9 +1,13 @@
 #include "queue/rqctl.h"
 
-#include "runtime/mthr.h"
+#include "calls/cscommon.h"
+#include "calls/unsolapi.h"
+#include "runtime/thrapi.h"
+#include "vorn/errors.h"
 #include "wire/msgheader.h"
 
 #include <atomic>
+#include <stdlib.h>
 #include <string.h>
 
 extern "C" {
@@ -30,5 +34,63 @@ int _hton_data_rqctl(msg_header *message)
         }
     }
     return 1;
+}
+
+msg_header *_add_rqctl(const void *ctl, const msg_header *message)
+{
+    int64_t datalen = message->datalen < 0 ? 0 : message->datalen;
+    int64_t room = message->bufsize > datalen ? message->bufsize : datalen;
+    int64_t size = room + RQCTL_SIZE + BLOCK_OVERHEAD;
+    msg_header *whole = size > INT32_MAX ? nullptr : (msg_header *)malloc((size_t)size);
+    if (whole == nullptr) {
+        set_tperrno(TPEOS);
+        return nullptr;
+    }
+    memcpy(whole, message, sizeof *whole);
+    char *to = message_data(whole);
+    const char *data = (const char *)message + HEADER_SIZE;
+    if (ctl == nullptr) {
+        memcpy(to, data, (size_t)datalen);
+        return whole;
+    }
+    memcpy(to, ctl, RQCTL_SIZE);
+    memcpy(to + RQCTL_SIZE, data, (size_t)datalen);
+    whole->target = RQCTL_MARK;
+    if (message->buftype == BUF_STRUCT)
+        whole->buftype = BUF_RQ_STRUCT;
+    else if (message->buftype == BUF_FIELD)
+        whole->buftype = BUF_RQ_FIELD;
+    _hton_data_rqctl(whole);
+    whole->datalen = (int32_t)datalen + RQCTL_SIZE;
+    return whole;
+}
+
+static constexpr api_text TPREISSUE = API_TEXT("tpreissue", "(\"%s\", \"%s\", %d)");
+
+int tpreissue(char *qname, char *svc, long flags)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TPREISSUE, shown(qname), shown(svc), (int)flags))
+        return -1;
+    wthr_var *block = begin_session(frame.block);
+    if (block == nullptr)
+        return api_error(&frame, &TPREISSUE);
+    if (flags != 0 || qname == nullptr || svc != nullptr)
+        return api_fail(&frame, &TPREISSUE, TPEINVAL);
+    int rqno = _get_rqno_by_qname(qname, block);
+    if (rqno < 0)
+        return api_fail(&frame, &TPREISSUE, TPENOENT);
+    msg_header *question = _header_msg_make(MSG_TPREISSUE, 0);
+    if (question == nullptr)
+        return api_fail(&frame, &TPREISSUE, TPESYSTEM);
+    question->seqno = next_seqno(block);
+    question->cd = rqno;
+    msg_header *answer = ask_server(question, block);
+    if (answer == nullptr)
+        return api_error(&frame, &TPREISSUE);
+    bool good = answer->msgtype == MSG_TPREISSUE + REPLY;
+    int result = good ? answer->rcode : error_in(answer);
+    free(answer);
+    return good ? api_return(&TPREISSUE, result) : api_fail(&frame, &TPREISSUE, result);
 }
 }

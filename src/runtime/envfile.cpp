@@ -222,11 +222,6 @@ void _vorn_clrenvflag(void)
 }
 
 // A string argument as a trace shows it.
-static const char *shown(const char *string)
-{
-    return string == nullptr ? "" : string;
-}
-
 static const api_text TPPUTENV = API_TEXT("tpputenv", "(\"%s\")");
 static const api_text VORNREADENV = API_TEXT("vornreadenv", "(\"%s\", \"%s\")");
 static const api_text TUXPUTENV = API_TEXT("tuxputenv", "(\"%s\")");

@@ -9,6 +9,8 @@
 // them.
 #include "runtime/mthr.h"
 
+#include "calls/svgapi.h"
+
 #include "runtime/errlog.h"
 #include "vorn/context.h"
 #include "vorn/errors.h"
@@ -274,6 +276,7 @@ static void free_block(wthr_var *block)
     if (needed)
         return;
     free(block->subscr);
+    free_answers(block);
     free_field_memory(block);
     _thread_mutex_destroy(&block->msg_mutex);
     _thread_mutex_destroy(&block->cvt_mutex);

@@ -8,6 +8,9 @@
 #ifndef VORN_RUNTIME_MTHR_H
 #define VORN_RUNTIME_MTHR_H
 
+#include "vorn/groups.h"
+#include "vorn/query.h"
+
 #include <atomic>
 #include <pthread.h>
 #include <stddef.h>
@@ -141,8 +144,11 @@ struct wthr_var {
     int32_t compat_Ferror;
     shared_int32 rolling_failed;
     int32_t compat_errno, compat_unixerrno;
-    int32_t rq_pending;  // requests whose TPRQS reply is still due
+    shared_int32 rq_pending;  // requests whose TPRQS reply is still due
     char last_svc[32];
+    svg_list groups;  // answers of tpgetsvglist and the two multicasts; replaced under msg_mutex
+    mcall_result mcall;
+    mcallx_result mcallx;
     std::atomic<fcache_slot *> fcache;  // positions of looked-up fields; null until the first
     char server_name[32];               // service name from the tail of the start reply
     std::atomic<void *> crypt_sess;
@@ -159,7 +165,7 @@ struct wthr_var {
     shared_int32 thread_refs;  // threads attached by tpsetctxt
     uint32_t callid_base[3];
     uint32_t callid_next[3];
-    int32_t rq_enq_in_tran, rq_deq_in_tran;
+    shared_int32 rq_enq_in_tran, rq_deq_in_tran;  // what the open transaction has done with queues
     shared_int32 old_clhfd;  // previous socket during and after a rolling start; -1: none
     shared_int32 rolling;    // 1 while a rolling start runs
     kmq_session *kmq_sessions;

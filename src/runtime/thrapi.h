@@ -46,6 +46,12 @@ inline bool api_find(api_frame *frame)
     (api_find(frame) && \
      (VORN_TRACE((text).name, 1, TRACE_ENTRY, (text).enter __VA_OPT__(, ) __VA_ARGS__), true))
 
+// A name as the entry trace shows it.
+inline const char *shown(const char *name)
+{
+    return name != nullptr ? name : "";
+}
+
 // The starting form of the session check: a call that may open a session by itself goes on only on API_GO_ON.
 enum api_context { API_GO_ON, API_NOTHING_TO_DO, API_NO_CONTEXT };
 api_context api_open_context(api_frame *frame);

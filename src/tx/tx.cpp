@@ -63,10 +63,21 @@ int _txinfo_end(wthr_var *block)
     return 1;
 }
 
+static int32_t stage_of(const wthr_var *block)
+{
+    if (block->txinfo == nullptr)
+        return TX_STAGE_NONE;
+    return std::atomic_ref<int32_t>(block->txinfo->tx_stage).load(std::memory_order_relaxed);
+}
+
 bool in_transaction(const wthr_var *block)
 {
-    return block->txinfo != nullptr &&
-           std::atomic_ref<int32_t>(block->txinfo->tx_stage).load(std::memory_order_relaxed) != TX_STAGE_NONE;
+    return stage_of(block) != TX_STAGE_NONE;
+}
+
+bool is_running(const wthr_var *block)
+{
+    return stage_of(block) == TX_STAGE_RUNNING;
 }
 
 static bool move_stage(wthr_var *block, int32_t from, int32_t to)

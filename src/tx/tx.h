@@ -44,6 +44,7 @@ int _init_txinfo_elem(txinfo_elem *row);  // 1
 
 // True while a transaction is open on the context.
 bool in_transaction(const wthr_var *block);
+bool is_running(const wthr_var *block);  // true once a request of it has gone out
 // The three moves of a transaction's stage. Of threads that try the same one at once, one is told true.
 bool begin_record(wthr_var *block);  // opens it, if none is open
 bool begin_to_run(wthr_var *block);  // for the first of its requests; it runs from then on

@@ -276,8 +276,8 @@ static int end_transaction(const api_text *text, int msgtype)
         return TX_FAIL;
     int result = _commit_rback(msgtype);
     wthr_var *block = current_block();
-    write_word(block->rq_enq_in_tran, 0);
-    write_word(block->rq_deq_in_tran, 0);
+    block->rq_enq_in_tran = 0;
+    block->rq_deq_in_tran = 0;
     return api_return(text, result);
 }
 

@@ -10,6 +10,7 @@
 
 #include "buffers/dencode.h"
 #include "calls/cscommon.h"
+#include "queue/rqctl.h"
 #include "runtime/mthr.h"
 #include "runtime/semantics.h"
 #include "session/cliapi.h"
@@ -44,9 +45,17 @@ bool has_waiter(const msg_header *message)
     case MSG_TPCALL:
     case MSG_TPCONNECT:
     case MSG_TPPOST:
+    case MSG_TPENQ:
+    case MSG_TPDEQ:
+    case MSG_TPQSTAT:
     case MSG_TPACALL_BLOCK:
+    case MSG_TPREISSUE:
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
+    case MSG_GETSVG:
+    case MSG_GETADDR:
+    case MSG_GET_ACTIVESVR:
+    case MSG_GETSPR:
         return true;
     case MSG_TPACALL:
         return (message->seqno & SEQNO_SHARED_CALL) != 0 || (message->flags & TPBLOCK) != 0;
@@ -169,6 +178,11 @@ static bool write_message(int fd, msg_header *message, int datalen, bool convert
     return write_whole(fd, message, length, block);
 }
 
+static int smaller(int a, int b)
+{
+    return a < b ? a : b;
+}
+
 // Sends data that differs on the wire from a converted copy. Expects msg_mutex.
 static bool send_converted(int fd, msg_header *message, wthr_var *block)
 {
@@ -180,6 +194,10 @@ static bool send_converted(int fd, msg_header *message, wthr_var *block)
         return false;
     }
     msg_header *converted = (msg_header *)copy;
+    // The struct encoder leaves the control record's place empty; its words are in wire order already.
+    if (message->buftype == BUF_RQ_STRUCT)
+        memcpy(message_data(converted), message_data(message),
+               (size_t)smaller(smaller(length, message->datalen), RQCTL_SIZE));
     memcpy(converted, message, sizeof *converted);
     converted->datalen = length;
     converted = _cs_add_trailer(converted);

@@ -190,9 +190,14 @@ static int late_connect(msg_header *message, wthr_var *block)
     return 1;
 }
 
+// The queue keeps the reply for a later fetch; a thread that came to wait in the meantime gets it at once.
 static int store_queue_reply(msg_header *message, wthr_var *block)
 {
-    if (message->cd < 0 || _enqueue_qcall_q(message->cd, message, block) < 0)
+    _thread_mutex_lock(&block->msg_mutex);
+    bool kept = message->cd >= 0 &&
+                (hand_to_waiter(message, block) || _enqueue_qcall_q(message->cd, message, block) > 0);
+    _thread_mutex_unlock(&block->msg_mutex);
+    if (!kept)
         free(message);
     return 1;
 }

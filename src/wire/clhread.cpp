@@ -140,6 +140,19 @@ bool has_read_ahead(const wthr_var *block)
     return fd >= 0 && (fd == block->clhfd || fd == block->old_clhfd);
 }
 
+int await_input(const wthr_var *block, const struct timeval *time)
+{
+    if (has_read_ahead(block))
+        return 1;
+    int fd = block->clhfd, old_fd = block->old_clhfd;
+    wide_set sockets;
+    wide_set_clear(&sockets, fd > old_fd ? fd : old_fd);
+    wide_set_add(&sockets, fd);
+    wide_set_add(&sockets, old_fd);
+    struct timeval limit = time != nullptr ? *time : timeval{};
+    return wide_set_select(&sockets, nullptr, nullptr, time != nullptr ? &limit : nullptr);
+}
+
 // --- Waiters. All of these expect msg_mutex.
 
 static void join_waiters(read_waiter *waiter, wthr_var *block)
@@ -248,6 +261,8 @@ static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
         return take_conversation_message(want, block);
     if (want->msgtype == MSG_TPGETUNSOL)
         return take_unsolicited(want->cd, block);
+    if (want->msgtype == MSG_TPRQS)
+        return has_queue_reply(want->target, block) ? _dequeue_qcall_q(want->target, block) : nullptr;
     if (want->msgtype != MSG_TPACALL || has_waiter(want))
         return nullptr;
     int index = (want->flags & TPGETANY) != 0 ? oldest_ready(block) : _get_acall_cd_ind(want->cd, block);

@@ -44,6 +44,9 @@ void forget_waiter(wthr_var *block);
 void drop_read_ahead(wthr_var *block, int fd);
 // True if bytes of the connection are at hand without asking the socket.
 bool has_read_ahead(const wthr_var *block);
+// Sleeps until the connection, or the previous one of a rolling start, has something to read, or the time is
+// up; null: without a limit. The result is that of select. Takes no role: another thread may read first.
+int await_input(const wthr_var *block, const struct timeval *time);
 }
 
 #endif
