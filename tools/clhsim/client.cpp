@@ -251,6 +251,7 @@ static void take_leave(Server &server, Client &client)
     client.subscriptions.clear();
     abandon_transaction(server, client);
     abandon_notices(server, client);
+    abandon_queues(server, client);
 }
 
 static void settle_client(Server &server, Client &client)

@@ -97,6 +97,22 @@ static std::string subscriptions_command(Server &server, const Words &)
     return list_subscriptions(server) + "ok\n";
 }
 
+static std::string queues_command(Server &server, const Words &)
+{
+    return list_queues(server) + "ok\n";
+}
+
+static std::string messages_command(Server &server, const Words &words)
+{
+    std::string text;
+    return list_queue(server, words[1], text) ? text + "ok\n" : wrong("no such queue");
+}
+
+static std::string hold_command(Server &server, const Words &words)
+{
+    return hold_queue(server, words[1], words[0] == "hold") ? "ok\n" : wrong("no such queue");
+}
+
 static std::string services_command(Server &, const Words &)
 {
     return services_help() + "ok\n";
@@ -146,6 +162,8 @@ static std::string stats_command(Server &server, const Words &)
         text += std::string("  ") + row.name + " " + std::to_string(server.stats.*row.count) + "\n";
     for (const auto &[name, calls] : server.calls_by_service)
         text += "  calls." + std::string(name) + " " + std::to_string(calls) + "\n";
+    for (const auto &[name, calls] : server.directed_calls)
+        text += "  calls." + name + " " + std::to_string(calls) + "\n";
     text += "  open " + std::to_string(server.numbers.size()) + "\n";
     text += "  waiting " + std::to_string(server.timers.size()) + "\n";
     return text + "ok\n";
@@ -319,6 +337,11 @@ static const CommandRow COMMANDS[] = {
     {"transactions", "", "the open transactions, by client number", 1, 1, false, transactions_command},
     {"accounts", "", "what is in the accounts of the service DEPOSIT", 1, 1, false, accounts_command},
     {"subscriptions", "", "who has subscribed to what, by client number", 1, 1, false, subscriptions_command},
+    {"queues", "", "what the queues hold, by part, and what has become of their messages", 1, 1, false,
+     queues_command},
+    {"messages", "QUEUE", "the messages of a queue in order, the first 1000", 2, 2, false, messages_command},
+    {"hold", "QUEUE", "have no service work on the queue's requests", 2, 2, false, hold_command},
+    {"release", "QUEUE", "have them worked on again", 2, 2, false, hold_command},
     {"delay", "SERVICE MS [N]", "send replies that much later", 3, 4, false, fault_command},
     {"drop", "SERVICE [N]", "send no reply", 2, 3, false, fault_command},
     {"refuse", "SERVICE TPERRNO [N]", "answer with this error, without running the service", 3, 4, false,

@@ -17,6 +17,9 @@ std::optional<int64_t> strike(FaultTable &faults, std::string_view service, Faul
     if (faults.empty())
         return {};
     auto row = faults.find({std::string(service), kind});
+    // "SERVICE@GROUP" stands for one group of the service; what is set for all of it holds there too.
+    if (size_t at = service.rfind('@'); row == faults.end() && at != service.npos)
+        row = faults.find({std::string(service.substr(0, at)), kind});
     if (row == faults.end())
         row = faults.find({"*", kind});
     if (row == faults.end())

@@ -207,6 +207,8 @@ bool open_server(Server &server, std::string &problem)
         }
     }
     server.next_number = server.options.first_client;
+    if (!open_queues(server, problem))
+        return false;
     if (!open_listeners(server, problem))
         return false;
     uint32_t unused = 0;
@@ -293,12 +295,13 @@ static void run_timers(Server &server)
     while (!server.timers.empty() && server.timers.begin()->first <= now) {
         Timer timer = std::move(server.timers.begin()->second);
         server.timers.erase(server.timers.begin());
-        auto client = server.clients.find(timer.client);
-        if (client == server.clients.end())
+        auto found = server.clients.find(timer.client);
+        if (found == server.clients.end() && timer.client != server.nobody.id)
             continue;
-        client->second->timers--;
-        client->second->held -= timer.held;
-        timer.action(*client->second);
+        Client &client = found == server.clients.end() ? server.nobody : *found->second;
+        client.timers--;
+        client.held -= timer.held;
+        timer.action(client);
     }
 }
 
@@ -328,6 +331,7 @@ void close_server(Server &server)
         if (!path.empty())
             unlink(path.c_str());
     }
+    close_store(server.queues.store);
     if (server.log)
         fclose(server.log);
 }

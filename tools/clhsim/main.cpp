@@ -1,5 +1,5 @@
-// clhsim: a stand-in for the server process that clients connect to. It keeps no state on disk and needs no
-// other process, so that an application can be developed and tested on one machine.
+// clhsim: a stand-in for the server process that clients connect to. It needs no other process and, but
+// for the file of the queues, no disk, so that an application can be developed and tested on one machine.
 #include "services.h"
 
 #include <exception>
@@ -15,8 +15,11 @@ static int run(int count, char **words)
         printf(
             "%s\nservices:\n%s\n"
             "commands of the control socket, one a line; SERVICE may be * for all, an event's name, or the\n"
-            "exchanges _tpstart, _tpend, _tx_commit, _tx_rback and _notify, and N says how often (otherwise\n"
-            "until it is cleared):\n%s\n"
+            "exchanges _tpstart, _tpend, _tx_commit, _tx_rback, _notify, _tpenq, _tpdeq, _tpqstat, "
+            "_tpreissue,\n"
+            "_getsvg, _getspr, _getaddr and _getactivesvr, or SERVICE@GROUP for one group of a service; N "
+            "says how\n"
+            "often (otherwise until it is cleared):\n%s\n"
             "An answer is any number of lines that begin with two spaces, and then one that begins\n"
             "with ok or error.\n",
             help_text().c_str(), services_help().c_str(), commands_help().c_str());

@@ -1,4 +1,5 @@
 // What each message type of a client is answered with: a table of handlers.
+#include "groups.h"
 #include "services.h"
 
 #include <algorithm>
@@ -63,9 +64,11 @@ std::string_view without_trailer(const Header &header, std::string_view data)
     return data.substr(0, data.size() - std::min<size_t>(data.size(), xflags & XFLAG_TRAILER_LENGTH));
 }
 
-bool gives_back(Server &server, Client &client, const Header &request, std::string_view data)
+bool gives_back(Server &server, Client &client, const Header &request, std::string_view data,
+                std::string_view name)
 {
-    std::string_view name = service_name(request);
+    if (name.empty())
+        name = service_name(request);
     if (!strike(server.faults, name, FaultKind::GIVE_BACK))
         return false;
     Reply back = {.header = reply_header(request, 0, 0), .data = std::string(data)};
@@ -75,13 +78,15 @@ bool gives_back(Server &server, Client &client, const Header &request, std::stri
     return true;
 }
 
-// Why a call doesn't reach its service; 0 if it does.
-static int32_t call_error(Server &server, const Service *service, const Header &request)
+int32_t call_error(Server &server, const Service *service, const Header &request)
 {
-    if (auto error = strike(server.faults, service_name(request), FaultKind::REFUSE))
+    std::string room;
+    if (auto error = strike(server.faults, fault_name(request, room), FaultKind::REFUSE))
         return static_cast<int32_t>(*error);
     if (!service)
         return ERR_NOENT;
+    if (int32_t error = direction_error(server.options, request))
+        return error;
     return type_error(*service, request.buftype);
 }
 
@@ -96,18 +101,29 @@ static void send_receipt(Server &server, Client &client, const Header &request, 
     send_message(server, client, receipt, {});
 }
 
+// Anybody can make up numbers of servers: only so many are counted.
+static void count_directed(Server &server, const std::string &name)
+{
+    constexpr size_t MOST_COUNTED = 1000;
+    if (server.directed_calls.size() < MOST_COUNTED || server.directed_calls.contains(name))
+        server.directed_calls[name]++;
+}
+
 static void handle_call(Server &server, Client &client, const Header &request, std::string_view data)
 {
-    std::string_view name = service_name(request);
-    const Service *service = find_service(name);
+    std::string room;
+    std::string_view name = fault_name(request, room);
+    const Service *service = find_service(service_name(request));
     server.stats.calls++;
     client.calls++;
     if (service)
         server.calls_by_service[service->name]++;
     else
         server.stats.unknown_calls++;
+    if (service && !room.empty())
+        count_directed(server, room);
 
-    if (gives_back(server, client, request, data))
+    if (gives_back(server, client, request, data, name))
         return;
 
     bool in_transaction = join_transaction(server, client, request);
@@ -120,7 +136,7 @@ static void handle_call(Server &server, Client &client, const Header &request, s
     if (error) {
         doom_transaction(client, in_transaction);
         if (reply && !receipt)
-            send_refusal(server, client, request, error);
+            send_reply(server, client, {.header = reply_header(request, error, 0)}, name);
         return;
     }
     Answer answer = run_service(*service, server, client, request, without_trailer(request, data));
@@ -195,18 +211,18 @@ static const MessageRow MESSAGES[] = {
     {MSG_SUBSCRIBE, "TPSUBSCRIBE", false, false, handle_subscribe},
     {MSG_SUBSCRIBE2, "TPSUBSCRIBE2", false, false, handle_subscribe},
     {MSG_UNSUBSCRIBE, "TPUNSUBSCRIBE", false, false, handle_unsubscribe},
-    {MSG_ENQ, "TPENQ", false, true, handle_unserved},
-    {MSG_DEQ, "TPDEQ", false, true, handle_unserved},
-    {MSG_QSTAT, "TPQSTAT", false, true, handle_unserved},
-    {MSG_REISSUE, "TPREISSUE", false, true, handle_unserved},
+    {MSG_ENQ, "TPENQ", false, true, handle_enqueue},
+    {MSG_DEQ, "TPDEQ", false, true, handle_dequeue},
+    {MSG_QSTAT, "TPQSTAT", false, true, handle_queue_status},
+    {MSG_REISSUE, "TPREISSUE", false, true, handle_reissue},
     {MSG_COMMIT, "TX_COMMIT", false, true, handle_commit},
     {MSG_ROLLBACK, "TX_ROLLBACK", false, true, handle_rollback},
     {MSG_MCALL, "TPMCALL", false, true, handle_unserved},
-    {MSG_GETSVG, "GETSVG", false, true, handle_unserved},
-    {MSG_GETADDR, "GETADDR", false, true, handle_unserved},
-    {MSG_ACTIVESVR, "GET_ACTIVESVR", false, true, handle_unserved},
+    {MSG_GETSVG, "GETSVG", false, true, handle_group_list},
+    {MSG_GETADDR, "GETADDR", false, true, handle_address},
+    {MSG_ACTIVESVR, "GET_ACTIVESVR", false, true, handle_active_servers},
     {MSG_SQ, "SQ_REQUEST", false, true, handle_unserved},
-    {MSG_GETSPR, "GETSPR", false, true, handle_unserved},
+    {MSG_GETSPR, "GETSPR", false, true, handle_process_list},
     {MSG_KMQ_FIRST, "message service", false, true, handle_unserved},
     {MSG_KMQ_FIRST + 1, "message service", false, true, handle_unserved},
     {MSG_KMQ_FIRST + 2, "message service", false, true, handle_unserved},

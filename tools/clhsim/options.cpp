@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "services.h"
+
 #include <charconv>
 #include <cstdio>
 
@@ -39,7 +41,8 @@ struct OptionRow {
     const char *(*take)(Options &options, std::string_view value);  // null, or what is wrong
 };
 
-constexpr size_t NAME_SIZE = 16;  // of a node or queue in the start reply
+constexpr int64_t HIGHEST_GROUP = 0x7ffffff;  // the node has the bits from 16 to 26
+constexpr size_t NAME_SIZE = 16;              // of a node or queue in the start reply
 
 static const char *take_port(Options &options, std::string_view value)
 {
@@ -84,6 +87,25 @@ static const char *take_queues(Options &options, std::string_view value)
             return "not NAME,... with names of at most 16 characters";
         options.queues.emplace_back(name);
     }
+    return nullptr;
+}
+
+static const char *take_group(Options &options, std::string_view value)
+{
+    size_t equals = value.find('=');
+    if (equals == value.npos)
+        return "not SERVICE=GROUP,...";
+    GroupList list = {std::string(value.substr(0, equals)), {}};
+    if (!find_service(list.service))
+        return "no such service";
+    for (std::string_view piece : split(value.substr(equals + 1), ',')) {
+        int64_t number = 0;
+        if (!parse_number(piece, 0, HIGHEST_GROUP, number))
+            return "a group is a number of at most 27 bits";
+        list.numbers.push_back(static_cast<int32_t>(number));
+    }
+    std::erase_if(options.groups, [&](const GroupList &old) { return old.service == list.service; });
+    options.groups.push_back(std::move(list));
     return nullptr;
 }
 
@@ -178,6 +200,14 @@ static const OptionRow ROWS[] = {
               "refuse every login (TPESECURITY) until the command \"login accept\"", take_refusal),
     taken_row("--user", "USER[:CRED1[:CRED2]]", "let in only such logins; may be given several times",
               take_login),
+
+    text_row("--queue-file", "FILE",
+             "keep the queues in this SQLite file, so that they outlive the server; otherwise in memory",
+             &Options::queue_file),
+    number_row("--queue-limit", "most messages of a queue, 1000000", &Options::queue_limit, 0, INT32_MAX),
+    taken_row("--group", "SERVICE=GROUP,...",
+              "the server groups of a service, one of the node's own; may be given several times",
+              take_group),
 
     taken_row("--compress", "N",
               "compress messages to clients from this size of data on, -1 for never; as --threshold",

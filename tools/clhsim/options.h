@@ -22,6 +22,12 @@ struct Login {
     std::string cred2;
 };
 
+// The server groups that offer a service.
+struct GroupList {
+    std::string service;
+    std::vector<int32_t> numbers;
+};
+
 struct Options {
     // Where it listens.
     std::string bind_address = "127.0.0.1";
@@ -48,6 +54,11 @@ struct Options {
     // Who may log in.
     int32_t login_refusal = 0;  // the error number, 0 for none
     std::vector<Login> logins;  // empty: everybody
+
+    // What it offers.
+    std::string queue_file;  // empty: the queues are kept in memory
+    int32_t queue_limit = 1000 * 1000;
+    std::vector<GroupList> groups;
 
     // The server's own ways.
     bool compress_own = false;  // compress_from was given, otherwise it follows the threshold

@@ -10,6 +10,7 @@
 #include "events.h"
 #include "faults.h"
 #include "options.h"
+#include "queues.h"
 #include "transactions.h"
 #include "wire.h"
 
@@ -114,6 +115,7 @@ struct Server {
     FaultTable faults;
     Stats stats;
     std::unordered_map<std::string_view, uint64_t> calls_by_service;
+    std::map<std::string, uint64_t> directed_calls;  // by service and group or process
 
     int epoll_fd = -1;
     int signal_fd = -1;
@@ -133,6 +135,8 @@ struct Server {
     uint64_t last_transaction = 0;
     std::map<int32_t, Notice> notices;  // notifications that are to be acknowledged
     Accounts accounts;
+    Queues queues;
+    Client nobody;  // whose timers are the server's own
     std::unordered_map<uint64_t, std::unique_ptr<Client>> clients;
     std::map<int32_t, Client *> numbers;
     std::unordered_map<uint64_t, std::unique_ptr<Controller>> controllers;
@@ -180,7 +184,9 @@ struct Reply {
 };
 // Whether a request is handed back, as a server does that is going down. It hasn't happened then, and the
 // reply is sent.
-bool gives_back(Server &server, Client &client, const Header &request, std::string_view data);
+// `name` is that of the exchange, by default the service's.
+bool gives_back(Server &server, Client &client, const Header &request, std::string_view data,
+                std::string_view name = {});
 // A reply without data.
 void send_refusal(Server &server, Client &client, const Header &request, int32_t error);
 // The data without the trailer that the transport may have put behind it.

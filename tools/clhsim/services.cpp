@@ -150,9 +150,18 @@ static const Service SERVICES[] = {
     {"DEPOSIT", "adds to an account (\"ann 100\", \"ann -30\"), and tells what is in it then", TAKES_TEXT,
      nullptr, deposit_service},
     {"BALANCE", "what is in an account (\"ann\")", TAKES_TEXT, nullptr, balance_service},
+    {"WHICH", "the group or server that the call was directed to, or none", TAKES_TEXT, which_service},
     {"WHOAMI", "the caller's identity, for those who want to notify it", TAKES_TEXT, nullptr, whoami_service},
     {".CHK_CONN", "nothing: the connection check of a client", TAKES_ALL, ping_service},
 };
+
+std::vector<std::string> service_names()
+{
+    std::vector<std::string> names;
+    for (const Service &service : SERVICES)
+        names.emplace_back(service.name);
+    return names;
+}
 
 const Service *find_service(std::string_view name)
 {

@@ -36,12 +36,18 @@ Answer text_answer(const Header &request, std::string_view text);  // with a NUL
 Answer deposit_service(Server &server, Client &client, const Header &request, std::string_view data);
 Answer balance_service(Server &server, Client &client, const Header &request, std::string_view data);
 
+// groups.cpp
+Answer which_service(const Options &options, const Header &request, std::string_view data);
+
 const Service *find_service(std::string_view name);
+std::vector<std::string> service_names();
 // What is wrong with data of this type for the service; 0 if nothing is.
 int32_t type_error(const Service &service, int32_t buftype);
 // Runs it; field data that isn't in order doesn't reach a service that reads fields.
 Answer run_service(const Service &service, Server &server, Client &client, const Header &request,
                    std::string_view data);
+// messages.cpp: why a call doesn't reach its service, which may be null; 0 if it does.
+int32_t call_error(Server &server, const Service *service, const Header &request);
 std::string services_help();  // the conversational ones too
 
 }  // namespace clhsim

@@ -27,6 +27,7 @@ void abandon_transaction(Server &server, Client &client)
     if (!client.transaction.open)
         return;
     server.stats.rolled_back++;
+    undo_messages(server, client);
     end_transaction(client);
 }
 
@@ -117,6 +118,8 @@ void handle_commit(Server &server, Client &client, const Header &request, std::s
         return;
     }
     result = static_cast<int32_t>(strike(server.faults, name, FaultKind::RESULT).value_or(result));
+    if (result == TX_OK && can_apply(server, client.transaction.changes) && !commit_messages(server, client))
+        result = TX_ROLLBACK;
     if (result == TX_OK && can_apply(server, client.transaction.changes)) {
         for (const auto &[account, amount] : client.transaction.changes)
             server.accounts[account] += amount;

@@ -18,6 +18,11 @@ struct Client;
 
 using Accounts = std::map<std::string, int64_t, std::less<>>;
 
+struct TouchedQueue {
+    bool put = false;
+    bool taken = false;
+};
+
 // The client's one transaction.
 struct Transaction {
     bool open = false;
@@ -25,6 +30,7 @@ struct Transaction {
     uint64_t number = 0;
     uint64_t requests = 0;
     Accounts changes;
+    std::map<int32_t, TouchedQueue> queues;
 };
 
 // Takes note of a call or a connect: the first one that bears the start mark opens the transaction. Whether

@@ -39,6 +39,8 @@ enum MessageType : int32_t {
     MSG_DEQ = 18,
     MSG_SENDTOCLI = 19,
     MSG_INIT = 21,
+    MSG_QUEUE_RESULT = 25,  // never from a client, but its replies are sent
+    MSG_QUEUE_CHANGE = 26,  // likewise
     MSG_QSTAT = 27,
     MSG_RECEIPT = 28,  // of a TPACALL with FLAG_BLOCK
     MSG_REISSUE = 30,
@@ -73,6 +75,8 @@ constexpr int32_t FLAG_NOTRAN = 0x8;
 constexpr int32_t FLAG_BLOCK = 0x200;
 constexpr int32_t FLAG_SENDONLY = 0x800;
 constexpr int32_t FLAG_RECVONLY = 0x1000;
+constexpr int32_t FLAG_RQDIRECT = 0x4000;
+constexpr int32_t FLAG_SVGCALL = 0x800000;
 constexpr int32_t FLAG_TXSTART = 0x4000000;
 constexpr int32_t FLAG_NOTIFY_ACK = 0x8000;
 
@@ -82,6 +86,8 @@ constexpr int32_t FLAG_ANY_USER = 0x200;
 constexpr int32_t FLAG_ANY_CLIENT = 0x400;
 
 constexpr uint32_t XFLAG_TRAILER_LENGTH = 0xff;
+constexpr uint32_t XFLAG_PROCESS = 0x00100000;  // directed to one process of a server
+constexpr uint32_t XFLAG_SERVER = 0x00400000;   // directed to a server, whichever process
 constexpr uint32_t XFLAG_TRAILER = 0x04000000;
 constexpr uint32_t XFLAG_GIVEN_BACK = 0x20000000;
 
@@ -92,8 +98,11 @@ enum CallError : int32_t {
     ERR_NOENT = 6,
     ERR_PROTO = 9,
     ERR_SVCFAIL = 11,
+    ERR_SYSTEM = 12,
     ERR_ITYPE = 17,
+    ERR_MATCH = 23,
     ERR_SECURITY = 25,
+    ERR_QFULL = 26,
 };
 
 // A message header in host order. Words keep the sign that the client's side sees in them.

@@ -1,0 +1,315 @@
+#include "store.h"
+
+#include <sqlite3.h>
+
+namespace clhsim {
+
+enum Statement : size_t {
+    ADD,
+    REMOVE,
+    HOLD,
+    TURN,
+    REQUEUE,
+    COMMIT_NEW,
+    COMMIT_TAKEN,
+    UNDO_NEW,
+    UNDO_TAKEN,
+    FIND,
+    FIND_SERVICE,
+    LOAD,
+    COUNT,
+    COUNT_SERVICE,
+    COUNT_ROWS,
+    LIST,
+};
+
+#define MESSAGE_COLUMNS "id, kind, owner, error, rcode, header, record, data"
+#define IN_PLACE "queue = ? AND kind = ?"
+
+// clang-format off
+static const char *const SQL[STORE_STATEMENTS] = {
+    /* ADD */           "INSERT INTO messages(queue, kind, service, owner, hold, fresh, header, record, "
+                        "data) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)",
+    /* REMOVE */        "DELETE FROM messages WHERE id = ?",
+    /* HOLD */          "UPDATE messages SET hold = ? WHERE id = ?",
+    /* TURN */          "UPDATE messages SET hold = 0, kind = ?, error = ?, rcode = ?, data = ? WHERE id = ?",
+    /* REQUEUE */       "UPDATE messages SET kind = ?, error = 0 WHERE " IN_PLACE " AND hold = 0",
+    /* COMMIT_NEW */    "UPDATE messages SET hold = 0, fresh = 0 WHERE hold = ? AND fresh = 1",
+    /* COMMIT_TAKEN */  "DELETE FROM messages WHERE hold = ? AND fresh = 0",
+    /* UNDO_NEW */      "DELETE FROM messages WHERE hold = ? AND fresh = 1",
+    /* UNDO_TAKEN */    "UPDATE messages SET hold = 0 WHERE hold = ?",
+    /* FIND */          "SELECT id FROM messages WHERE " IN_PLACE " AND hold = 0 ORDER BY id LIMIT 1",
+    /* FIND_SERVICE */  "SELECT id FROM messages WHERE " IN_PLACE " AND hold = 0 AND service = ? "
+                        "ORDER BY id LIMIT 1",
+    /* LOAD */          "SELECT " MESSAGE_COLUMNS " FROM messages WHERE id = ?",
+    /* COUNT */         "SELECT count(*) FROM messages WHERE " IN_PLACE " AND hold <= 0",
+    /* COUNT_SERVICE */ "SELECT count(*) FROM messages WHERE " IN_PLACE " AND hold <= 0 AND service = ?",
+    /* COUNT_ROWS */    "SELECT count(*) FROM messages WHERE queue = ?",
+    /* LIST */          "SELECT " MESSAGE_COLUMNS " FROM messages WHERE queue = ? AND hold <= 0 "
+                        "ORDER BY id LIMIT ?",
+};
+// clang-format on
+
+// The file belongs to one server at a time. With the write-ahead log a commit costs a write and no wait for
+// the disk: what was accepted outlives the server, whatever ends it, but perhaps not the machine.
+static const char SET_UP[] =
+    "PRAGMA locking_mode = EXCLUSIVE;"
+    "PRAGMA journal_mode = WAL;"
+    "PRAGMA synchronous = NORMAL;"
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS messages("
+    "id INTEGER PRIMARY KEY AUTOINCREMENT, queue TEXT NOT NULL, kind INTEGER NOT NULL,"
+    "service TEXT NOT NULL, owner INTEGER NOT NULL, hold INTEGER NOT NULL,"
+    "fresh INTEGER NOT NULL, error INTEGER NOT NULL DEFAULT 0,"
+    "rcode INTEGER NOT NULL DEFAULT 0, header BLOB NOT NULL, record BLOB NOT NULL,"
+    "data BLOB NOT NULL);"
+    "CREATE INDEX IF NOT EXISTS by_place ON messages(queue, kind, hold, id);"
+    "CREATE INDEX IF NOT EXISTS by_holder ON messages(hold) WHERE hold != 0;"
+    "DELETE FROM messages WHERE hold != 0 AND fresh = 1;"
+    "UPDATE messages SET hold = 0 WHERE hold != 0;"
+    "UPDATE messages SET owner = 0 WHERE owner != 0;"
+    "PRAGMA user_version = 1;"
+    "COMMIT";
+constexpr int64_t FORMAT = 1;
+
+struct Blob {
+    std::string_view bytes;
+};
+
+static void bind_one(sqlite3_stmt *statement, int index, int64_t value)
+{
+    sqlite3_bind_int64(statement, index, value);
+}
+
+static void bind_one(sqlite3_stmt *statement, int index, MessageKind kind)
+{
+    sqlite3_bind_int64(statement, index, static_cast<int64_t>(kind));
+}
+
+static void bind_one(sqlite3_stmt *statement, int index, std::string_view text)
+{
+    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+// A blob without bytes isn't null, as one without an address would be.
+static void bind_one(sqlite3_stmt *statement, int index, Blob blob)
+{
+    if (blob.bytes.empty())
+        sqlite3_bind_zeroblob(statement, index, 0);
+    else
+        sqlite3_bind_blob64(statement, index, blob.bytes.data(), blob.bytes.size(), SQLITE_TRANSIENT);
+}
+
+// The statement with its arguments, ready to step; null if it can't be made.
+template <typename... Values> static sqlite3_stmt *prepared(Store &store, Statement which, Values... values)
+{
+    sqlite3_stmt *&statement = store.statements[which];
+    if (!statement && sqlite3_prepare_v3(store.database, SQL[which], -1, SQLITE_PREPARE_PERSISTENT,
+                                         &statement, nullptr) != SQLITE_OK)
+        return nullptr;
+    int index = 0;
+    (bind_one(statement, ++index, values), ...);
+    return statement;
+}
+
+// Ends its run and gives back the memory of its arguments.
+static void release(sqlite3_stmt *statement)
+{
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+}
+
+// Runs a statement that returns no rows.
+template <typename... Values> static bool run(Store &store, Statement which, Values... values)
+{
+    sqlite3_stmt *statement = prepared(store, which, values...);
+    if (!statement)
+        return false;
+    bool done = sqlite3_step(statement) == SQLITE_DONE;
+    release(statement);
+    return done;
+}
+
+// The number that a statement returns, 0 without a row.
+template <typename... Values> static int64_t number_of(Store &store, Statement which, Values... values)
+{
+    sqlite3_stmt *statement = prepared(store, which, values...);
+    if (!statement)
+        return 0;
+    int64_t number = sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : 0;
+    release(statement);
+    return number;
+}
+
+static bool execute(Store &store, const char *sql)
+{
+    return sqlite3_exec(store.database, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+static int64_t format_of(Store &store)
+{
+    sqlite3_stmt *statement = nullptr;
+    int64_t format = -1;
+    if (sqlite3_prepare_v2(store.database, "PRAGMA user_version", -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW)
+        format = sqlite3_column_int64(statement, 0);
+    sqlite3_finalize(statement);
+    return format;
+}
+
+bool open_store(Store &store, const std::string &path, std::string &problem)
+{
+    int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    bool opened = sqlite3_open_v2(path.empty() ? ":memory:" : path.c_str(), &store.database, flags,
+                                  nullptr) == SQLITE_OK;
+    if (opened) {
+        int64_t format = format_of(store);
+        if (format > FORMAT) {
+            problem = path + ": made by a later clhsim";
+            return false;
+        }
+        opened = format >= 0 && execute(store, SET_UP);
+    }
+    if (!opened)
+        problem = path + ": " + (store.database ? sqlite3_errmsg(store.database) : "out of memory");
+    return opened;
+}
+
+void close_store(Store &store)
+{
+    for (sqlite3_stmt *statement : store.statements)
+        sqlite3_finalize(statement);
+    sqlite3_close(store.database);
+    store = {};
+}
+
+bool add_message(Store &store, std::string_view queue, QueuedMessage &message, int64_t transaction)
+{
+    char header[HEADER_SIZE];
+    pack_header(message.header, header);
+    bool added =
+        run(store, ADD, queue, message.kind, service_name(message.header),
+            static_cast<int64_t>(message.owner), transaction, static_cast<int64_t>(transaction != NOT_HELD),
+            Blob{{header, sizeof header}}, Blob{message.record}, Blob{message.data});
+    message.id = added ? sqlite3_last_insert_rowid(store.database) : 0;
+    return added;
+}
+
+bool remove_message(Store &store, int64_t id)
+{
+    return run(store, REMOVE, id);
+}
+
+bool hold_message(Store &store, int64_t id, int64_t hold)
+{
+    return run(store, HOLD, hold, id);
+}
+
+bool turn_message(Store &store, const QueuedMessage &message)
+{
+    return run(store, TURN, message.kind, static_cast<int64_t>(message.error),
+               static_cast<int64_t>(message.rcode), Blob{message.data}, message.id);
+}
+
+int64_t requeue_failed(Store &store, std::string_view queue)
+{
+    bool done = run(store, REQUEUE, MessageKind::REQUEST, queue, MessageKind::FAILED);
+    return done ? sqlite3_changes64(store.database) : -1;
+}
+
+// Both statements or none of them.
+static bool run_pair(Store &store, Statement first, Statement second, int64_t transaction)
+{
+    if (!execute(store, "BEGIN IMMEDIATE"))
+        return false;
+    bool done = run(store, first, transaction) && run(store, second, transaction) && execute(store, "COMMIT");
+    if (!done)
+        execute(store, "ROLLBACK");
+    return done;
+}
+
+bool commit_held(Store &store, int64_t transaction)
+{
+    return run_pair(store, COMMIT_TAKEN, COMMIT_NEW, transaction);
+}
+
+bool undo_held(Store &store, int64_t transaction)
+{
+    return run_pair(store, UNDO_NEW, UNDO_TAKEN, transaction);
+}
+
+static std::string bytes_in(sqlite3_stmt *statement, int column)
+{
+    const void *bytes = sqlite3_column_blob(statement, column);
+    auto size = static_cast<size_t>(sqlite3_column_bytes(statement, column));
+    return bytes ? std::string(static_cast<const char *>(bytes), size) : std::string();
+}
+
+// A row of MESSAGE_COLUMNS. A header that somebody has cut in the file is an empty one.
+static QueuedMessage message_in(sqlite3_stmt *statement, bool with_data)
+{
+    QueuedMessage message;
+    message.id = sqlite3_column_int64(statement, 0);
+    message.kind = static_cast<MessageKind>(sqlite3_column_int(statement, 1));
+    message.owner = static_cast<uint64_t>(sqlite3_column_int64(statement, 2));
+    message.error = sqlite3_column_int(statement, 3);
+    message.rcode = sqlite3_column_int(statement, 4);
+    std::string header = bytes_in(statement, 5);
+    if (header.size() == HEADER_SIZE)
+        message.header = unpack_header(header.data());
+    message.record = bytes_in(statement, 6);
+    message.size = static_cast<size_t>(sqlite3_column_bytes(statement, 7));
+    if (with_data)
+        message.data = bytes_in(statement, 7);
+    return message;
+}
+
+static std::vector<QueuedMessage> rows_of(sqlite3_stmt *statement, bool with_data)
+{
+    std::vector<QueuedMessage> rows;
+    if (!statement)
+        return rows;
+    while (sqlite3_step(statement) == SQLITE_ROW)
+        rows.push_back(message_in(statement, with_data));
+    release(statement);
+    return rows;
+}
+
+std::optional<QueuedMessage> first_message(Store &store, std::string_view queue, uint32_t kinds,
+                                           std::string_view service)
+{
+    int64_t oldest = 0;
+    for (size_t i = 0; i < MESSAGE_KINDS; i++) {
+        auto kind = static_cast<MessageKind>(i);
+        if (!(kinds & kind_bit(kind)))
+            continue;
+        int64_t id = service.empty() ? number_of(store, FIND, queue, kind)
+                                     : number_of(store, FIND_SERVICE, queue, kind, service);
+        if (id != 0 && (oldest == 0 || id < oldest))
+            oldest = id;
+    }
+    if (oldest == 0)
+        return {};
+    std::vector<QueuedMessage> rows = rows_of(prepared(store, LOAD, oldest), true);
+    if (rows.empty())
+        return {};
+    return std::move(rows[0]);
+}
+
+int64_t count_messages(Store &store, std::string_view queue, MessageKind kind, std::string_view service)
+{
+    return service.empty() ? number_of(store, COUNT, queue, kind)
+                           : number_of(store, COUNT_SERVICE, queue, kind, service);
+}
+
+int64_t count_rows(Store &store, std::string_view queue)
+{
+    return number_of(store, COUNT_ROWS, queue);
+}
+
+std::vector<QueuedMessage> list_messages(Store &store, std::string_view queue, int64_t most)
+{
+    return rows_of(prepared(store, LIST, queue, most), false);
+}
+
+}  // namespace clhsim

@@ -1,0 +1,90 @@
+// What the reliable queues hold, in an SQLite database: a file, so that it outlives the server, or memory.
+//
+// A message is one row. Its kind tells in which part of its queue it stands; `hold` tells who has a hand on
+// it: a transaction that put it there or takes it out, or the service that works on it. A held row is nobody
+// else's. A server that ends, however it ends, lets go of all holds: what open transactions put in is gone at
+// the next start, what they took out is back, and what was worked on is to be worked on again.
+#ifndef CLHSIM_STORE_H
+#define CLHSIM_STORE_H
+
+#include "wire.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace clhsim {
+
+enum class MessageKind : int32_t {
+    STORED,   // put there with TPRQDIRECT; no service works on it
+    REQUEST,  // waits for its service
+    FAILED,   // a request whose service failed
+    ANSWER,   // of a service, for a client that had gone
+};
+constexpr size_t MESSAGE_KINDS = 4;
+
+constexpr uint32_t kind_bit(MessageKind kind)
+{
+    return uint32_t{1} << static_cast<uint32_t>(kind);
+}
+constexpr uint32_t KINDS_REQUEST = kind_bit(MessageKind::STORED) | kind_bit(MessageKind::REQUEST);
+constexpr uint32_t KINDS_FAILED = kind_bit(MessageKind::FAILED);
+constexpr uint32_t KINDS_ANSWER = kind_bit(MessageKind::ANSWER);
+constexpr uint32_t KINDS_ANY = KINDS_REQUEST | KINDS_FAILED | KINDS_ANSWER;
+
+constexpr int64_t NOT_HELD = 0;  // above: a transaction's number
+constexpr int64_t AT_WORK = -1;
+
+struct QueuedMessage {
+    int64_t id = 0;
+    MessageKind kind = MessageKind::STORED;
+    uint64_t owner = 0;  // the id of the client that enqueued it, 0 from an earlier run
+    int32_t error = 0;   // of a failed request
+    int32_t rcode = 0;   // the user code of an answer
+    Header header;       // of the request
+    std::string record;  // the control record, or empty
+    std::string data;
+    size_t size = 0;  // of the data, where that is left out
+};
+
+constexpr size_t STORE_STATEMENTS = 16;
+
+struct Store {
+    sqlite3 *database = nullptr;
+    std::array<sqlite3_stmt *, STORE_STATEMENTS> statements = {};  // made when first used
+};
+
+// An empty path: in memory. On failure `problem` says why.
+bool open_store(Store &store, const std::string &path, std::string &problem);
+void close_store(Store &store);
+
+// Those that change something return whether that is safe in the database; it isn't when the disk is full.
+// Puts a message at the end of the queue and sets its id. With a transaction it is held, and new.
+bool add_message(Store &store, std::string_view queue, QueuedMessage &message, int64_t transaction);
+bool remove_message(Store &store, int64_t id);
+bool hold_message(Store &store, int64_t id, int64_t hold);
+// The request becomes what its service made of it. It is held no more.
+bool turn_message(Store &store, const QueuedMessage &message);
+// All failed requests that nobody holds wait again; how many, or -1.
+int64_t requeue_failed(Store &store, std::string_view queue);
+bool commit_held(Store &store, int64_t transaction);
+bool undo_held(Store &store, int64_t transaction);
+
+// The oldest message of these kinds that nobody holds; a service that isn't empty narrows it down.
+std::optional<QueuedMessage> first_message(Store &store, std::string_view queue, uint32_t kinds,
+                                           std::string_view service);
+// Messages of a kind without those that a transaction holds.
+int64_t count_messages(Store &store, std::string_view queue, MessageKind kind, std::string_view service);
+int64_t count_rows(Store &store, std::string_view queue);  // the held ones too
+// Without their data.
+std::vector<QueuedMessage> list_messages(Store &store, std::string_view queue, int64_t most);
+
+}  // namespace clhsim
+
+#endif
