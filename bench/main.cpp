@@ -25,6 +25,11 @@ static constexpr scenario SCENARIOS[] = {
     {"transactions-pinned", "transactions of one call, both on one core", transactions, placement::one_core},
     {"transactions-two-cores", "transactions of one call, each on a core of its own", transactions,
      placement::two_cores},
+    {"queues-pinned", "tpenq and tpdeq, both on one core", queues, placement::one_core},
+    {"queues-two-cores", "tpenq and tpdeq, each on a core of its own", queues, placement::two_cores},
+    {"multicasts-pinned", "tpmcallx over 100 groups, both on one core", multicasts, placement::one_core},
+    {"multicasts-two-cores", "tpmcallx over 100 groups, each on a core of its own", multicasts,
+     placement::two_cores},
     {"threads-pinned", "threads, 4 bytes, all on one core", threads, placement::one_core},
     {"threads-two-cores", "threads, 4 bytes, the responder on another core", threads, placement::two_cores},
     {"threads-unpinned", "threads, 4 bytes, unpinned", threads, placement::anywhere},
@@ -42,7 +47,7 @@ static constexpr scenario SCENARIOS[] = {
 static void usage(FILE *to)
 {
     fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
-          "  --quick        short rounds, some 50 seconds in all; without it five minutes\n"
+          "  --quick        short rounds, about a minute in all; without it five and a half\n"
           "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
           "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
           "scenarios:\n",

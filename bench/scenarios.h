@@ -13,6 +13,9 @@ void window(const settings &chosen, placement where);
 // A conversation's turns, and transactions of one call.
 void turns(const settings &chosen, placement where);
 void transactions(const settings &chosen, placement where);
+// Requests into a queue, messages and answers out of it; calls to all groups of a service.
+void queues(const settings &chosen, placement where);
+void multicasts(const settings &chosen, placement where);
 // 1 to 16 threads, on one connection and on one each.
 void threads(const settings &chosen, placement where);
 // What doesn't talk to the server runs on one core, wherever it is asked to.

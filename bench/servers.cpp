@@ -17,20 +17,26 @@
 
 // Where the responder looks into a message, and what it puts there.
 enum header_offset : size_t {
+    AT_BUFTYPE = 8,
+    AT_BUFSIZE = 12,
     AT_MSGTYPE = 16,
     AT_RCODE = 20,
     AT_PRIO = 32,
     AT_VALUE = 36,
     AT_XID = 40,
+    AT_SVCNAME = 68,
     AT_DATALEN = 100,
     AT_FLAGS = 104,
     AT_CD = 108,
     AT_SESSID = 112
 };
-constexpr uint32_t START = 1, CONNECT = 5, SEND = 6, DISCON = 8, INIT = 21, REPLY = 1000;
+constexpr uint32_t START = 1, CONNECT = 5, SEND = 6, DISCON = 8, ENQUEUE = 17, DEQUEUE = 18, INIT = 21,
+                   STORED = 25, GROUPS = 46, REPLY = 1000;
+constexpr uint32_t CARRAY = 4;                         // kind of data
+constexpr uint32_t ENQUEUE_UNANSWERED = 0x4 | 0x4000;  // no service's answer follows the acceptance
 constexpr uint32_t HANDS_OVER = 0x1000;   // mark of a conversation's message: the other side may send now
 constexpr uint32_t CONVERSATION = 12345;  // descriptor of each conversation: a connection has one at a time
-constexpr uint32_t ACALL_ROWS = 256, CONVERSATION_ROWS = 64, BLOCK_SECONDS = 60, TRANSACTION_SECONDS = 60;
+constexpr uint32_t CONVERSATION_ROWS = 64, BLOCK_SECONDS = 60, TRANSACTION_SECONDS = 60;
 constexpr size_t LONGEST_MESSAGE = 1 << 20;
 
 static uint32_t word_at(const char *bytes)
@@ -102,10 +108,26 @@ static void answer_bare(int fd)
         ;
 }
 
-// The start reply's settings stand in its header; it needs no data.
-static void fill_start_reply(char *head)
+// What a start reply tells behind its header: no nodes, one queue, no services, and never to compress.
+static size_t fill_start_data(char *data)
 {
-    set_word(head + AT_RCODE, ACALL_ROWS);
+    constexpr size_t NAME = 16;
+    set_word(data, 0);
+    set_word(data + 4, 1);
+    set_word(data + 8, 0);
+    memset(data + 12, 0, NAME);
+    memcpy(data + 12, QUEUE_NAME, sizeof QUEUE_NAME);
+    set_word(data + 12 + NAME, UINT32_MAX);
+    return 12 + NAME + 4;
+}
+
+// How many calls a session may have outstanding; the process has it from its start.
+static uint32_t acall_rows;
+
+static size_t fill_start_reply(char *head)
+{
+    size_t size = fill_start_data(head + MESSAGE_HEAD);
+    set_word(head + AT_RCODE, acall_rows);
     set_word(head + AT_CD, CONVERSATION_ROWS);
     set_word(head + AT_PRIO, 1);
     set_word(head + AT_VALUE, 1);
@@ -113,13 +135,51 @@ static void fill_start_reply(char *head)
     set_word(head + AT_XID + 4, TRANSACTION_SECONDS);
     set_word(head + AT_XID + 8, BLOCK_SECONDS);
     set_word(head + AT_SESSID, 1);
-    set_word(head + AT_DATALEN, 0);
+    set_word(head + AT_DATALEN, (uint32_t)size);
+    return MESSAGE_HEAD + size;
+}
+
+// Puts data of `size` bytes behind the header. The client waits for it: no other message stands there.
+static size_t fill_data(char *head, size_t size)
+{
+    set_word(head + AT_BUFTYPE, CARRAY);
+    set_word(head + AT_BUFSIZE, (uint32_t)size);
+    set_word(head + AT_DATALEN, (uint32_t)size);
+    return MESSAGE_HEAD + size;
+}
+
+// The acceptance, without data. Where a service's answer is due it follows at once, with the request's data.
+static size_t accept_enqueue(char *bytes, size_t size, bool answered)
+{
+    if (answered) {
+        memmove(bytes + MESSAGE_HEAD, bytes, size);
+        set_word(bytes + MESSAGE_HEAD + AT_MSGTYPE, STORED + REPLY);
+        set_word(bytes + MESSAGE_HEAD + AT_FLAGS, 0);
+    }
+    set_word(bytes + AT_DATALEN, 0);
+    return answered ? MESSAGE_HEAD + size : MESSAGE_HEAD;
+}
+
+static size_t tell_groups(char *head)
+{
+    for (uint32_t i = 0; i < GROUP_COUNT; i++)
+        set_word(head + MESSAGE_HEAD + 4 * i, i + 1);
+    set_word(head + AT_RCODE, GROUP_COUNT);
+    return fill_data(head, 4 * GROUP_COUNT);
+}
+
+// A dequeue asks for a message of so many bytes by the name of its service.
+static size_t give_message(char *head)
+{
+    size_t size = (size_t)atoi(head + AT_SVCNAME);
+    return fill_data(head, size < LONGEST_MESSAGE / 2 ? size : 0);
 }
 
 // Turns the message at the front of `bytes` into its answer; the answer's size, 0 where none is due.
 static size_t turn_into_answer(char *bytes, size_t size)
 {
     uint32_t type = word_at(bytes + AT_MSGTYPE);
+    bool answered = (word_at(bytes + AT_FLAGS) & ENQUEUE_UNANSWERED) == 0;
     if (type == SEND)  // goes back as it came, with the right to send
         return (word_at(bytes + AT_FLAGS) & HANDS_OVER) != 0 ? size : 0;
     if (type == DISCON)
@@ -128,36 +188,45 @@ static size_t turn_into_answer(char *bytes, size_t size)
     set_word(bytes + AT_FLAGS, 0);
     if (type == CONNECT)
         set_word(bytes + AT_CD, CONVERSATION);
-    if (type != START && type != INIT)
+    switch (type) {
+    case START:
+    case INIT:
+        return fill_start_reply(bytes);
+    case ENQUEUE:
+        return accept_enqueue(bytes, size, answered);
+    case DEQUEUE:
+        return give_message(bytes);
+    case GROUPS:
+        return tell_groups(bytes);
+    default:
         return size;  // calls, and commits: their result is the request's rcode, which is 0
-    fill_start_reply(bytes);
-    return MESSAGE_HEAD;
+    }
 }
 
 static void answer_protocol(int fd)
 {
-    std::vector<char> buffer(LONGEST_MESSAGE);
+    std::vector<char> buffer(2 * LONGEST_MESSAGE);  // an enqueue's answer is longer than its request
     size_t there = 0;
     for (;;) {
         size_t wanted = MESSAGE_HEAD;
         if (there >= MESSAGE_HEAD)
             wanted += word_at(buffer.data() + AT_DATALEN);
-        if (wanted > buffer.size())
+        if (wanted > LONGEST_MESSAGE)
             return;
         if (there < wanted) {
             // The first read takes whatever is there; a long message's rest then comes with one more.
             bool rest = there >= MESSAGE_HEAD;
             ssize_t got = rest ? recv(fd, buffer.data() + there, wanted - there, MSG_WAITALL)
-                               : recv(fd, buffer.data() + there, buffer.size() - there, 0);
+                               : recv(fd, buffer.data() + there, LONGEST_MESSAGE - there, 0);
             if (got <= 0)
                 return;
             there += (size_t)got;
             continue;
         }
+        there -= wanted;
         size_t answer = turn_into_answer(buffer.data(), wanted);
         if (!reply_all(fd, buffer.data(), answer))
             return;
-        there -= wanted;
         memmove(buffer.data(), buffer.data() + wanted, there);
     }
 }
@@ -197,7 +266,7 @@ static int listen_on_free_port(int *port)
     }
 }
 
-server start_responder()
+server start_responder(uint32_t outstanding)
 {
     server peer;
     int protocol_fd = listen_on_free_port(&peer.protocol_port),
@@ -207,6 +276,7 @@ server start_responder()
         give_up("fork: %s", strerror(errno));
     if (peer.pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        acall_rows = outstanding;
         serve(protocol_fd, bare_fd);
     }
     close(protocol_fd);

@@ -4,7 +4,9 @@
 // On one port it answers bare bytes: a client tells the size of a message once, then each message comes back as
 // it is. On the other it speaks the protocol with a codec of its own: it lets every start in, turns each call
 // into its reply in place, commits every transaction, and sends each message of a conversation back, with the
-// right to send. So the bytes there and back are as many as those of a bare message of that size.
+// right to send. So the bytes there and back are as many as those of a bare message of that size. Its one queue
+// accepts all that comes, with a service's answer right behind where one is due, and always has a message of as
+// many bytes as the name of the dequeue's service says; each service has a hundred groups.
 #ifndef VORN_BENCH_SERVERS_H
 #define VORN_BENCH_SERVERS_H
 
@@ -13,6 +15,8 @@
 #include <sys/types.h>
 
 constexpr size_t MESSAGE_HEAD = 136;  // in front of a message's data
+constexpr char QUEUE_NAME[] = "QUEUE";
+constexpr uint32_t GROUP_COUNT = 100;
 
 struct server {
     pid_t pid = -1;
@@ -20,8 +24,8 @@ struct server {
     int bare_port = 0;  // 0: has none
 };
 
-// Both pin themselves as the caller is pinned.
-server start_responder();
+// Both pin themselves as the caller is pinned. A session has `outstanding` call descriptors.
+server start_responder(uint32_t outstanding = 256);
 server start_clhsim(const settings &chosen);
 void stop_server(server *peer);
 

@@ -1,15 +1,7 @@
 // A request's data may name the node on which it is to run: a field of the data that the services of the
 // transaction processing itself look at.
-#include "calls/cscommon.h"
-#include "runtime/mthr.h"
-#include "support/gtest.h"
-#include "vorn/buffers.h"
-#include "vorn/errors.h"
+#include "calls/groups.h"
 #include "vorn/fields.h"
-#include "vorn/flags.h"
-#include "wire/msgheader.h"
-
-#include <string.h>
 
 namespace {
 
@@ -35,6 +27,31 @@ struct NodeName : testing::Test {
     void TearDown() override { fbfree(fields); }
 
     void put_node(const char *name) { ASSERT_EQ(fbput(fields, NODE_NAME, (char *)name, 0), 1); }
+};
+
+// In a session whose server knows the nodes.
+struct KnownNode : GroupTest {
+    wire::start_reply server;
+    FBUF *fields = nullptr;
+
+    KnownNode()
+    {
+        server.nodes = {"NODE0", "NODE1", "a name of 16 chr"};
+        server.server_name = "SPECIAL";
+        fields = fballoc(10, 200);
+    }
+    ~KnownNode() override { fbfree(fields); }
+
+    void put_node(const char *name) { ASSERT_EQ(fbput(fields, NODE_NAME, (char *)name, 0), 1); }
+
+    int group_of(const char *node)
+    {
+        put_node(node);
+        set_tperrno(0);
+        return _get_mysvgno_from_nodename("SVC", (char *)fields, block());
+    }
+
+    int call_special(void) { return tpcall(svc("SPECIAL"), (char *)fields, 0, &out, &len, 0); }
 };
 
 }  // namespace
@@ -91,4 +108,126 @@ TEST_F(NodeName, LeavesARequestOfAnotherTypeAlone)
     message->buftype = BUF_CARRAY;
     EXPECT_EQ(_check_tipsvc(message, block), 1);
     message->buftype = BUF_FIELD;
+}
+
+TEST_F(KnownNode, GivesTheFirstOfTheServicesGroupsOnIt)
+{
+    ASSERT_TRUE(open(server));
+    peer.play([&] {
+        expect_header(peer.expect(wire::GETSVG), bare(wire::GETSVG, "SVC"));
+        peer.reply(words({5, 0x20006, 0x10007, 0x10008}), {.rcode = 4, .buftype = wire::CARRAY});
+    });
+    EXPECT_EQ(group_of("NODE1"), 0x10007);
+    EXPECT_EQ(gettperrno(), 0);
+    peer.done();
+}
+
+TEST_F(KnownNode, IsTheFirstOneToo)
+{
+    ASSERT_TRUE(open(server));
+    peer.play([&] { tell_groups({0x10007, 9, 5}); });
+    EXPECT_EQ(group_of("NODE0"), 9);
+    peer.done();
+}
+
+// Only the bits 16 to 26 are the node.
+TEST_F(KnownNode, IsElevenBitsOfTheGroup)
+{
+    ASSERT_TRUE(open(server));
+    peer.play([&] { tell_groups({0x08000005, 0x08010006, 0x10007}); });
+    EXPECT_EQ(group_of("NODE1"), 0x08010006);
+    peer.done();
+}
+
+TEST_F(KnownNode, MayHaveNoGroupOfTheService)
+{
+    ASSERT_TRUE(open(server));
+    for (const std::vector<uint32_t> &groups : {std::vector<uint32_t>{5, 0x20006}, std::vector<uint32_t>{}}) {
+        peer.play([&] { tell_groups(groups); });
+        EXPECT_EQ(group_of("NODE1"), -1);
+        EXPECT_EQ(gettperrno(), 0);
+        peer.done();
+        fbfree(fields);
+        fields = fballoc(10, 200);
+    }
+}
+
+TEST_F(KnownNode, NeedsTheListOfGroups)
+{
+    ASSERT_TRUE(open(server));
+    peer.play([&] {
+        peer.expect(wire::GETSVG);
+        peer.reply("", {.flags = TPESVCERR});
+    });
+    EXPECT_EQ(group_of("NODE1"), -1);
+    EXPECT_EQ(gettperrno(), TPEINVAL);
+    peer.done();
+}
+
+TEST_F(KnownNode, LostConnectionIsAnInvalidNode)
+{
+    ASSERT_TRUE(open(server));
+    peer.play([&] {
+        peer.expect(wire::GETSVG);
+        peer.hang_up();
+    });
+    EXPECT_EQ(group_of("NODE1"), -1);
+    EXPECT_EQ(gettperrno(), TPEINVAL);
+    peer.done();
+}
+
+TEST_F(KnownNode, UnknownOneAsksNobody)
+{
+    ASSERT_TRUE(open(server));
+    EXPECT_EQ(group_of("NODE9"), -1);
+    EXPECT_EQ(gettperrno(), TPEINVAL);
+    peer.expect_nothing();
+}
+
+TEST_F(KnownNode, AloneIsTheOneWhateverItsName)
+{
+    server.nodes = {"NODE0"};
+    ASSERT_TRUE(open(server));
+    peer.play([&] { tell_groups({0x10007, 3}); });
+    EXPECT_EQ(group_of("NOWHERE"), 3);
+    peer.done();
+}
+
+TEST_F(KnownNode, TakesTheRequestToItsGroup)
+{
+    ASSERT_TRUE(open(server));
+    put_node("NODE1");
+    peer.play([&] {
+        peer.expect(wire::GETSVG).svcname("SPECIAL");
+        peer.reply(words({5, 0x10007}), {.rcode = 2, .buftype = wire::CARRAY});
+        EXPECT_EQ(peer.expect(wire::TPCALL).flags(0x800000).frame.target, 0x10007);
+        peer.reply("x");
+    });
+    EXPECT_EQ(call_special(), 1);
+    peer.done();
+}
+
+// Group 0 is no direction.
+TEST_F(KnownNode, GroupZeroLeavesTheRequestAsItIs)
+{
+    ASSERT_TRUE(open(server));
+    put_node("NODE0");
+    peer.play([&] {
+        tell_groups({0, 5});
+        EXPECT_EQ(peer.expect(wire::TPCALL).flags(0).frame.target, 0);
+        peer.reply("x");
+    });
+    EXPECT_EQ(call_special(), 1);
+    peer.done();
+}
+
+TEST_F(KnownNode, WithoutAGroupRefusesTheRequest)
+{
+    ASSERT_TRUE(open(server));
+    put_node("NODE1");
+    peer.play([&] { tell_groups({5}); });
+    EXPECT_EQ(call_special(), -1);
+    EXPECT_EQ(gettperrno(), TPEINVAL);
+    peer.done();
+    peer.expect_nothing();
 }
