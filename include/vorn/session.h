@@ -61,6 +61,36 @@ int tpinit(TPINIT *tpinfo);
 int tpend(void);
 int tpterm(void);
 
+/* A server that goes down warns its clients, or gives requests back. The library then moves the session to
+ * the other address list by itself: it logs in there with the record of tpstart, open calls go on, replies to
+ * what was sent before still come over the previous connection, and what was given back is sent again.
+ * Conversations, subscriptions and stored answers of queues end with the previous connection. Where no move
+ * succeeds, requests fail with TPERDOWN from then on, and the end of the connection is TPERDCLOSE. Enciphered
+ * sessions, and those of tpinit, don't move. */
+
+/* Closes the connection and logs in on the other address list, from the backup back to the main one too, with
+ * the record of tpstart; open calls are lost. No other thread may be inside a call of the context. 1, or -1
+ * with tperrno as from tpstart. */
+int tptobackup(void);
+
+/* Ends the session and the context without a word to the server. As with tpend all other threads must be out
+ * of their calls. 1, or -1 with TPEPROTO (no session). */
+int tpreset(void);
+
+/* The socket of the session, for poll and the like; it stays the library's. -1 without a session. */
+int get_clhfd(void);
+
+/* 1 on the main address list, 2 on the backup list. With `flags` 1 `*ip` takes the server's IPv4 address in
+ * network order and `*port` its port in host order. 0 if the session has ended meanwhile, -1 with tperrno:
+ * TPEPROTO (no session), TPEINVAL (null), or an errno value of getpeername. */
+int tpgethostaddr(int *ip, int *port, long flags);
+
+/* Is the connection alive? Negative `seconds`: only whether there is a session. 0: takes one message that is
+ * there without waiting; threads that share the context must not wait meanwhile. Above 0: asks the server and
+ * waits for its answer so long. 0, or -1 with tperrno: TPEPROTO (no session), TPESYSTEM, TPETIME, TPECLOSE,
+ * TPEOS. */
+int vorn_chk_conn(int seconds);
+
 #ifdef __cplusplus
 }
 #endif

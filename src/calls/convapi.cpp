@@ -68,7 +68,7 @@ void name_conversation(const msg_header *want, const msg_header *message, wthr_v
     int index = want->rcode;
     if (want->msgtype != MSG_TPCONNECT || message->msgtype != MSG_TPCONNECT + REPLY || message->cd < 0)
         return;
-    if (index >= 0 && index < block->conv_size)
+    if (index >= 0 && index < block->conv_size && want->target == block->conv_generation)
         block->conv[index].cd = message->cd;
 }
 
@@ -149,9 +149,10 @@ int note_conversation_end(msg_header *message, wthr_var *block)
 
 // --- tpconnect.
 
-static int fail_and_release(const api_frame *frame, int index, int code)
+static int fail_and_release(const api_frame *frame, int index, int32_t generation, int code)
 {
-    release_conversation(index, frame->block);
+    if (generation == frame->block->conv_generation)  // otherwise the row is another conversation's
+        release_conversation(index, frame->block);
     if (code != 0)
         set_tperrno(code);
     return api_error(frame, &TPCONNECT);
@@ -159,19 +160,22 @@ static int fail_and_release(const api_frame *frame, int index, int code)
 
 // Waits for the server's answer to a connect. The descriptor, which the row bears too, or -1 with tperrno
 // set.
-static int await_connection(int index, long flags, wthr_var *block)
+static int await_connection(int index, int32_t generation, long flags, wthr_var *block)
 {
     msg_header *want = template_of(MSG_TPCONNECT, flags, block);
     if (want == nullptr)
         return -1;
     bool transactional = (flags & TPNOTRAN) == 0;
     want->rcode = index;
+    want->target = generation;
     msg_header *reply = await_reply(want, wait_limit(block, flags, TPNOTIME), block);
     if (reply == nullptr) {
         _check_tx_state(MSG_TPCONNECT, transactional, block);
         return -1;
     }
-    bool accepted = reply->msgtype == MSG_TPCONNECT + REPLY && reply->cd >= 0 && index < block->conv_size;
+    // The conversation doesn't outlive a rolling start, which makes the table anew.
+    bool accepted = reply->msgtype == MSG_TPCONNECT + REPLY && reply->cd >= 0 && index < block->conv_size &&
+                    generation == block->conv_generation;
     int code = accepted ? 0 : (int)reply->flags, cd = reply->cd;
     free(reply);
     if (!accepted) {
@@ -207,6 +211,7 @@ int tpconnect(char *svc, char *data, long len, long flags)
     msg_header *message = _check_args_and_tx(MSG_TPCONNECT, svc, data, len, (uint32_t)flags, block);
     if (message == nullptr)
         return api_error(&frame, &TPCONNECT);
+    int32_t generation = block->conv_generation;
     int index = _create_conv_entry(0, (uint32_t)flags | CONV_OUT, block);
     if (index < 0) {
         if (data == nullptr)
@@ -215,13 +220,21 @@ int tpconnect(char *svc, char *data, long len, long flags)
     }
     message->seqno = next_seqno(block);
     message->cd = 0;
-    message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
+    clear_direction(message);
     set_tperrno(0);
     if (send_request(message, data, block) < 0)
-        return fail_and_release(&frame, index, 0);
-    int opened = await_connection(index, flags, block);
+        return fail_and_release(&frame, index, generation, 0);
+    if (generation != block->conv_generation) {  // the send has moved to another server
+        generation = block->conv_generation;
+        index = _create_conv_entry(0, (uint32_t)flags | CONV_OUT, block);
+        if (index < 0) {
+            forget_waiter(block);
+            return api_fail(&frame, &TPCONNECT, TPELIMIT);
+        }
+    }
+    int opened = await_connection(index, generation, flags, block);
     if (opened < 0)
-        return fail_and_release(&frame, index, 0);
+        return fail_and_release(&frame, index, generation, 0);
     return api_return(&TPCONNECT, opened);
 }
 

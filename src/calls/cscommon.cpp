@@ -7,6 +7,7 @@
 #include "runtime/mthr.h"
 #include "vorn/errors.h"
 #include "vorn/flags.h"
+#include "wire/clhread.h"
 #include "wire/msgheader.h"
 
 #include <stdlib.h>
@@ -75,48 +76,68 @@ static void clear_conv_row(conv_elem *row)
     row->tail = nullptr;
 }
 
-int _init_conv(int size, wthr_var *block)
+// Threads may hold numbers of rows across a rolling start: their rows stay, cleared, where the table is large
+// enough for the new server, or as a retired block. Expects msg_mutex.
+static bool remake_conv(int size, wthr_var *block)
 {
-    for (int i = 0; block->conv != nullptr && i < block->conv_size; i++)
-        free_nodes_and_messages(block->conv[i].head);
-    free(block->conv);
-    block->conv = nullptr;
-    block->conv_size = 0;
-    block->conv_active = 0;
-    if (size < 1)
-        return -1;
-    size = table_size(size);
-    block->conv = (conv_elem *)calloc((size_t)size, sizeof(conv_elem));
-    if (block->conv == nullptr) {
-        VORN_LOG(0, LEVEL_ERROR, "CSC5101", "0004 memory allocation error : size = %d",
-                 (int)(size * sizeof(conv_elem)));
-        return -1;
+    conv_elem *table = block->conv;
+    for (int i = 0; table != nullptr && i < block->conv_room; i++) {
+        free_nodes_and_messages(table[i].head);
+        clear_conv_row(&table[i]);
     }
-    block->conv_size = size;
-    for (int i = 0; i < size; i++)
-        clear_conv_row(&block->conv[i]);
-    return 1;
+    block->conv_generation++;
+    block->conv_active = 0;
+    block->conv_size = 0;
+    if (size > 0 && size <= block->conv_room && block->rolling != 0) {
+        block->conv_size = size;
+        return true;
+    }
+    conv_elem *made = size < 1 ? nullptr : (conv_elem *)calloc((size_t)size, sizeof(conv_elem));
+    for (int i = 0; made != nullptr && i < size; i++)
+        clear_conv_row(&made[i]);
+    if (made != nullptr || block->rolling == 0) {
+        block->conv = made;
+        block->conv_room = made == nullptr ? 0 : size;
+        block->conv_size = block->conv_room;
+        retire(table, block);
+    }
+    return made != nullptr;
 }
 
-int _init_qcall(int size, wthr_var *block)
+int _init_conv(int size, wthr_var *block)
+{
+    size = table_size(size);
+    _thread_mutex_lock(&block->msg_mutex);
+    bool made = remake_conv(size, block);
+    _thread_mutex_unlock(&block->msg_mutex);
+    if (size > 0 && !made)
+        VORN_LOG(0, LEVEL_ERROR, "CSC5101", "0004 memory allocation error : size = %d",
+                 (int)(size * sizeof(conv_elem)));
+    return made ? 1 : -1;
+}
+
+// Expects msg_mutex.
+static bool remake_qcall(int size, wthr_var *block)
 {
     for (int i = 0; block->qcall != nullptr && i < block->qcall_size; i++)
         free_nodes_and_messages(block->qcall[i].head);
     free(block->qcall);
-    block->qcall = nullptr;
-    block->qcall_size = 0;
-    if (size < 1)
-        return 1;
+    block->qcall = size < 1 ? nullptr : (qcall_elem *)calloc((size_t)size, sizeof(qcall_elem));
+    block->qcall_size = block->qcall == nullptr ? 0 : size;
+    for (int i = 0; i < block->qcall_size; i++)
+        block->qcall[i].id = -1;
+    return size < 1 || block->qcall != nullptr;
+}
+
+int _init_qcall(int size, wthr_var *block)
+{
     size = table_size(size);
-    block->qcall = (qcall_elem *)calloc((size_t)size, sizeof(qcall_elem));
-    if (block->qcall == nullptr) {
+    _thread_mutex_lock(&block->msg_mutex);
+    bool made = remake_qcall(size, block);
+    _thread_mutex_unlock(&block->msg_mutex);
+    if (!made)
         VORN_LOG(1, LEVEL_FATAL, "CSC5106", "0005 memory allocation error : size = %d",
                  (int)(size * sizeof(qcall_elem)));
-        return 1;
-    }
-    block->qcall_size = size;
-    for (int i = 0; i < size; i++)
-        block->qcall[i].id = -1;
     return 1;
 }
 
@@ -254,6 +275,16 @@ int check_rolling_cd(int fd, wthr_var *block)
     return -1;
 }
 
+bool awaits_reply_on(int fd, const wthr_var *block)
+{
+    for (int i = 0; i < block->acall_size; i++) {
+        const acall_elem *row = &block->acall[i];
+        if (row->fd == fd && row->cd != -1 && row->reply == nullptr)
+            return true;
+    }
+    return false;
+}
+
 int oldest_ready(const wthr_var *block)
 {
     int oldest = -1;
@@ -282,6 +313,7 @@ int release_call(int cd, wthr_var *block)
         release_acall_row(&block->acall[index], block);
     }
     _thread_mutex_unlock(&block->msg_mutex);
+    end_old_socket_if_done(false, block);
     return index < 0 ? -1 : 1;
 }
 

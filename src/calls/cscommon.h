@@ -64,7 +64,8 @@ int _make_tran_acall_cd_invalid(wthr_var *block);
 int _get_active_tran_acall(wthr_var *block);
 int _get_acall_cd_ind(int cd, wthr_var *block);  // row or -1
 int set_acall_fd(int fd, const msg_header *message, wthr_var *block);
-int check_rolling_cd(int fd, wthr_var *block);
+int check_rolling_cd(int fd, wthr_var *block);                // 1 if a row bears the socket, also a released one; -1
+bool awaits_reply_on(int fd, const wthr_var *block);  // true for a call whose reply is still to come over it
 int _get_acall_ind_from_ready(wthr_var *block);  // row of the oldest stored reply, or -1
 int oldest_ready(const wthr_var *block);         // the same; expects msg_mutex
 
@@ -135,9 +136,10 @@ int _vorn_set_seqno(wthr_var *block);
 int next_seqno(wthr_var *block);  // takes msg_mutex
 
 // Timers. The socket that is readable, -1 on failure, -2 on time-out, -3 if urgent data waits.
-constexpr int TIMER_FAILED = -1, TIMER_EXPIRED = -2, TIMER_URGENT = -3;
+constexpr int TIMER_FAILED = -1, TIMER_EXPIRED = -2, TIMER_URGENT = -3, TIMER_WOKEN = -4;
 int _set_bc_timer(int seconds, wthr_var *block);
 int _set_bc_timer2(int seconds, int watch_oob, wthr_var *block);
+int reader_timer(int seconds, int watch_oob, wthr_var *block);  // -4, too: look at the sockets anew
 int _set_bc_timer3(int seconds, void *unused, int fd);
 void _set_tx_timer(int seconds, wthr_var *block);
 void _clr_tx_timer(wthr_var *block);

@@ -24,9 +24,9 @@ extern "C" {
 
 int _get_rqno_by_qname(const char *qname, wthr_var *block)
 {
-    int count = initout_count(block, INITOUT_QUEUE_COUNT);
-    for (int i = 0; i < count; i++)
-        if (is_row_name(qname, block->initout_queues[i].name))
+    initout_tables tables = initout_of(block);
+    for (int i = 0; i < tables.queue_count; i++)
+        if (is_row_name(qname, tables.queues[i].name))
             return i;
     return -1;
 }

@@ -18,7 +18,7 @@ int _set_bc_timer(int seconds, wthr_var *block)
     return _set_bc_timer2(seconds, 1, block);
 }
 
-int _set_bc_timer2(int seconds, int watch_oob, wthr_var *block)
+static int select_sockets(int seconds, int watch_oob, int wake_fd, wthr_var *block)
 {
     for (;;) {
         int current = block->clhfd, old = block->old_clhfd;
@@ -28,12 +28,13 @@ int _set_bc_timer2(int seconds, int watch_oob, wthr_var *block)
             return block->ahead.fd;
         wide_set readable, urgent;
         int highest = current > old ? current : old;
+        highest = wake_fd > highest ? wake_fd : highest;
         wide_set_clear(&readable, highest);
         wide_set_clear(&urgent, highest);
         if (!wide_set_add(&readable, current))
             return TIMER_FAILED;
-        if (old >= 0)
-            wide_set_add(&readable, old);
+        wide_set_add(&readable, old);
+        wide_set_add(&readable, wake_fd);
         if (watch_oob != 0)
             wide_set_add(&urgent, current);
         timeval limit = {seconds < 0 ? 0 : seconds, 0};
@@ -47,10 +48,24 @@ int _set_bc_timer2(int seconds, int watch_oob, wthr_var *block)
         }
         if (ready == 0)
             return TIMER_EXPIRED;
+        if (wide_set_has(&readable, wake_fd)) {
+            sleep_again(block);
+            return TIMER_WOKEN;
+        }
         if (watch_oob != 0 && wide_set_has(&urgent, current))
             return TIMER_URGENT;
-        return old >= 0 && wide_set_has(&readable, old) ? old : current;
+        return wide_set_has(&readable, old) ? old : current;
     }
+}
+
+int _set_bc_timer2(int seconds, int watch_oob, wthr_var *block)
+{
+    return select_sockets(seconds, watch_oob, -1, block);
+}
+
+int reader_timer(int seconds, int watch_oob, wthr_var *block)
+{
+    return select_sockets(seconds, watch_oob, block->wake_fd, block);
 }
 
 int _set_bc_timer3(int seconds, void *unused, int fd)

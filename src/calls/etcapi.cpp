@@ -10,6 +10,7 @@
 #include "queue/rqapi.h"
 #include "runtime/thrapi.h"
 #include "session/address.h"
+#include "session/cliapi.h"
 #include "vorn/buffers.h"
 #include "vorn/errors.h"
 #include "vorn/query.h"
@@ -171,6 +172,17 @@ int tpchkauth(void)
 
 // --- Servers and their groups.
 
+// Is there a row for this node? _get_nodeno_from_nodename wouldn't tell: where there is one node only, any name
+// is its.
+static bool is_known_node(const char *name, const wthr_var *block)
+{
+    initout_tables tables = initout_of(block);
+    for (int32_t i = 0; i < tables.node_count; i++)
+        if (is_row_name(name, tables.nodes[i].name))
+            return true;
+    return false;
+}
+
 int tpgetactivesvr(char *nodename, char **buffer)
 {
     api_frame frame;
@@ -179,7 +191,7 @@ int tpgetactivesvr(char *nodename, char **buffer)
     wthr_var *block = begin_session(frame.block);
     if (block == nullptr)
         return api_error(&frame, &TPGETACTIVESVR);
-    if (nodename != nullptr && _get_nodeno_from_nodename(nodename, block) < 0)
+    if (nodename != nullptr && !is_known_node(nodename, block))
         return api_fail(&frame, &TPGETACTIVESVR, TPEINVAL);
     if (buffer == nullptr)
         return api_fail(&frame, &TPGETACTIVESVR, TPEINVAL);

@@ -228,7 +228,7 @@ static msg_header *make_message(int32_t msgtype, char *data, long len, wthr_var 
     }
     message->msgtype = msgtype;
     message->datalen = datalen;
-    message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
+    clear_direction(message);
     message->seqno = next_seqno(block);
     return message;
 }
@@ -361,10 +361,10 @@ constexpr size_t NODE_NAME_SIZE = sizeof initout_node::name;
 // the session, and its rows, to another server: each is looked up anew.
 static bool copy_node_name(int index, char name[NODE_NAME_SIZE], const wthr_var *block)
 {
-    if (block->initout_nodes == nullptr || index >= block->node_count ||
-        index >= initout_count(block, INITOUT_NODE_COUNT))
+    initout_tables tables = initout_of(block);
+    if (index >= tables.node_count || index >= block->node_count)
         return false;
-    memcpy(name, block->initout_nodes[index].name, NODE_NAME_SIZE);
+    memcpy(name, tables.nodes[index].name, NODE_NAME_SIZE);
     name[NODE_NAME_SIZE - 1] = '\0';
     return true;
 }

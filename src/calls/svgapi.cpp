@@ -81,7 +81,7 @@ static void fill_request(const group_request *request, const char *svc, wthr_var
     put_name(message->svcname, sizeof message->svcname, svc);
     message->datalen = request->datalen;
     message->cd = request->rqno;
-    message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
+    clear_direction(message);
 }
 
 // Sends the request to one group and waits until its queue, if it has one, has it. 1, or -1 with tperrno set.

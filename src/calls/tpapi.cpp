@@ -45,7 +45,7 @@ static void number_request(msg_header *message, int32_t cd, int svgno, wthr_var 
 {
     message->seqno = next_seqno(block);
     message->cd = cd;
-    message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);  // of the buffer's last request
+    clear_direction(message);
     take_priority(message, block);
     if (svgno >= 0) {
         message->target = svgno;

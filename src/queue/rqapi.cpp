@@ -97,6 +97,7 @@ int tpenq(char *qname, char *svc, char *data, long len, long flags)
     message->datalen = datalen;
     message->flags = (uint32_t)(flags | TPNOTRAN);
     message->cd = rqno;
+    clear_direction(message);
     if (_send_csmsg_to_clh(message, block) < 0)
         return api_error(&frame, &TPENQ);
     bool accepted;
@@ -148,6 +149,7 @@ int tpenq_ctl(char *qname, char *svc, RQCTL_T *ctl, char *data, long len, long f
     if (rqno < 0)
         return api_fail(&frame, &TPENQ_CTL, TPENOENT);
     message->cd = rqno;
+    clear_direction(message);
     message->seqno = next_seqno(block);
     // The check above has let the transaction run, if this is its first request.
     if (!takes_side(&block->rq_enq_in_tran, &block->rq_deq_in_tran, flags, block))
@@ -206,6 +208,12 @@ static msg_header *make_dequeue(int rqno, const char *svc, long flags, int *erro
     return message;
 }
 
+// A failure without a number, as of a message that couldn't be deciphered, must not pass for none.
+static int error_or_system(int code)
+{
+    return code != 0 ? code : TPESYSTEM;
+}
+
 int _tpdeq_process(int rqno, char *svc, void *unused, char **data, long *len, long flags, wthr_var *block)
 {
     (void)unused;
@@ -214,16 +222,14 @@ int _tpdeq_process(int rqno, char *svc, void *unused, char **data, long *len, lo
     if (message == nullptr)
         return error;
     if (send_request(message, nullptr, block) < 0)
-        return get_tperrno();
+        return error_or_system(get_tperrno());
     msg_header *buffer = ask_into(*data, MSG_TPDEQ, flags);
     msg_header *reply = _read_csmsg_from_clh_timeout(buffer, wait_limit(block, flags, TPNOTIME), block);
     if (reply == nullptr)
-        return get_tperrno();
+        return error_or_system(get_tperrno());
     *data = message_data(reply);
     *len = reply->datalen;
-    if (reply->msgtype == MSG_TPDEQ + REPLY)
-        return 0;
-    return reply->rcode != 0 ? reply->rcode : TPESYSTEM;
+    return reply->msgtype == MSG_TPDEQ + REPLY ? 0 : error_or_system(reply->rcode);
 }
 
 constexpr int NO_BUDGET = 0x7fffffff;

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <errno.h>
 #include <stdlib.h>
+#include <unistd.h>
 #include <string.h>
 
 extern "C" {
@@ -155,6 +156,8 @@ wthr_var *_wthr_var_init(wthr_elem *row)
     }
     block->node_count = 1;
     block->clhfd = -1;
+    block->wake_fd = -1;
+    block->reader_sent_fd = -1;
     block->compress_threshold = -1;
     block->default_prio = 50;
     block->next_prio = 50;
@@ -164,6 +167,8 @@ wthr_var *_wthr_var_init(wthr_elem *row)
     _thread_mutex_init(&block->roll_mutex);
     _thread_cond_init(&block->roll_cond);
     _thread_mutex_init(&block->msg_mutex);
+    for (pthread_mutex_t &mutex : block->crypt_mutex)
+        _thread_mutex_init(&mutex);
     block->cvt_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     _thread_cond_init(&block->reader_cond);
     _thread_cond_init(&block->offer_done_cond);
@@ -255,6 +260,36 @@ void bind_row(wthr_elem *row)
     tables_changed();
 }
 
+struct retired_block {
+    void *memory;
+    retired_block *next;
+};
+
+void retire(void *memory, wthr_var *block)
+{
+    if (memory == nullptr)
+        return;
+    if (block->rolling == 0) {
+        free(memory);
+        return;
+    }
+    retired_block *kept = (retired_block *)malloc(sizeof *kept);
+    if (kept == nullptr)
+        return;  // better lost than taken from under a thread that reads it
+    *kept = {memory, block->retired};
+    block->retired = kept;
+}
+
+void free_retired(wthr_var *block)
+{
+    while (block->retired != nullptr) {
+        retired_block *kept = block->retired;
+        block->retired = kept->next;
+        free(kept->memory);
+        free(kept);
+    }
+}
+
 void free_field_memory(wthr_var *block)
 {
     free(block->fcache.exchange(nullptr));
@@ -277,8 +312,13 @@ static void free_block(wthr_var *block)
         return;
     free(block->subscr);
     free_answers(block);
+    free_retired(block);
+    if (block->wake_fd >= 0)
+        close(block->wake_fd);
     free_field_memory(block);
     _thread_mutex_destroy(&block->msg_mutex);
+    for (pthread_mutex_t &mutex : block->crypt_mutex)
+        _thread_mutex_destroy(&mutex);
     _thread_mutex_destroy(&block->cvt_mutex);
     _thread_cond_destroy(&block->reader_cond);
     _thread_cond_destroy(&block->offer_done_cond);

@@ -32,6 +32,7 @@ struct msg_header;
 struct node_elem;
 struct qcall_elem;
 struct read_waiter;
+struct retired_block;
 struct subscr_elem;
 struct txinfo_elem;
 struct unsol_node;
@@ -88,6 +89,8 @@ struct read_ahead {
 
 constexpr int FCACHE_SLOTS = 1019;
 
+constexpr int CRYPT_IN = 0, CRYPT_OUT = 1;  // the two directions of an enciphered connection
+
 typedef void unsol_function(char *data, long len, long flags);
 
 // The block of variables of a context. All fields start as zero bits, except as _wthr_var_init sets them.
@@ -98,15 +101,16 @@ struct wthr_var {
     shared_int32 new_clhfd;    // socket that a rolling start is opening; -1: none
     shared_int32 on_backup;    // 1 connected to the backup list, 0 to the main list
 
-    // Own copy of the start reply's payload, in host order, and pointers into it.
-    char *initout;
+    // Own copy of the start reply's payload, in host order, and pointers into it. While other threads use the
+    // context its tables are found through `initout` alone (initout_of).
+    std::atomic<char *> initout;
     initout_node *initout_nodes;
     initout_queue *initout_queues;
     initout_svc *initout_svcs;
     char *initout_tail;
-    int32_t compress_threshold;  // data length from which messages are compressed; -1: never
+    shared_int32 compress_threshold;  // data length from which messages are compressed; -1: never
     int32_t unused_word;
-    int32_t node_count;          // nodes of the domain
+    shared_int32 node_count;     // nodes of the domain
     shared_int32 sessionid;      // client identity in the domain; -1: none
     shared_int32 session_token;  // token of the start reply; -1: none
     shared_int32 started;        // 1 while a session stands
@@ -123,8 +127,10 @@ struct wthr_var {
     txinfo_elem *txinfo;
     char path_buffer[256];  // result area of _vorn_path_prefix
 
-    conv_elem *conv;
-    int32_t conv_size;
+    std::atomic<conv_elem *> conv;
+    shared_int32 conv_size;
+    int32_t conv_room;             // rows at `conv`, conv_size or more
+    shared_int32 conv_generation;  // counts the tables made; a row number belongs to one of them
     shared_int32 conv_active;
     acall_elem *acall;
     int32_t acall_size, acall_next;
@@ -151,7 +157,8 @@ struct wthr_var {
     mcallx_result mcallx;
     std::atomic<fcache_slot *> fcache;  // positions of looked-up fields; null until the first
     char server_name[32];               // service name from the tail of the start reply
-    std::atomic<void *> crypt_sess;
+    std::atomic<void *> crypt_sess;    // libkexcli's handle of the connection; null: none
+    pthread_mutex_t crypt_mutex[2];    // by direction: held while the handle is in use; both, to end it
 
     pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
     pthread_mutex_t roll_mutex;  // the rolling start; taken inside the reader role, never inside msg_mutex
@@ -159,6 +166,7 @@ struct wthr_var {
     pthread_cond_t offer_done_cond;  // the reader waits here while an offer stands
     pthread_cond_t roll_cond;        // threads wait here until a rolling start has ended
     int32_t reader_busy;             // 1 while a thread has the reader role
+    int32_t reader_sent_fd;          // socket on which the reader's own request went out; -1: it awaits no reply
     int32_t waiter_count;            // threads with a reply outstanding, from the send on
     int32_t offer_left;              // waiters that have still to look at the offered message
     msg_header *offer_msg;
@@ -168,6 +176,9 @@ struct wthr_var {
     shared_int32 rq_enq_in_tran, rq_deq_in_tran;  // what the open transaction has done with queues
     shared_int32 old_clhfd;  // previous socket during and after a rolling start; -1: none
     shared_int32 rolling;    // 1 while a rolling start runs
+    shared_int32 rolled;     // 1 from a rolling start on until its previous socket has ended
+    int32_t wake_fd;         // written to when the reader is to look at the sockets anew; -1: nobody shares
+    retired_block *retired;  // what a rolling start replaced and other threads may still read
     kmq_session *kmq_sessions;
     int32_t kmq_session_count;
 
@@ -218,6 +229,11 @@ wthr_var *_get_wthr_from_nth(void);        // the caller's block; null without a
 wthr_elem *_get_idle_wthr_ptr(void);       // a row and a context row for the caller; null
 int _get_idle_wthr_ptr2(void);             // number of a free thread row, or the caller's own; -1
 void bind_row(wthr_elem *row);             // gives the row, and its context row, to the caller
+
+// Frees a part of the session's state, at the end of the session if a rolling start replaces it: other threads
+// of the context may be reading it. By the thread that starts or ends the session.
+void retire(void *memory, wthr_var *block);
+void free_retired(wthr_var *block);
 
 // What field calls have allocated in the block. By the thread that ends the context, or its session.
 void free_field_memory(wthr_var *block);

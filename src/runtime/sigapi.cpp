@@ -181,13 +181,22 @@ void _vorn_sig_alrm(int signal)
         _vorn_sig_alarm2(signal, frame.block);
 }
 
+static thread_local bool closes_in_handler __attribute__((tls_model("initial-exec"))) = false;
+
+bool in_signal_handler(void)
+{
+    return closes_in_handler;
+}
+
 // The shutdown wakes a thread that sleeps on the socket, which a close alone doesn't.
 static void close_connection(wthr_var *block)
 {
     int fd = block->clhfd;
     if (fd >= 0)
         shutdown(fd, SHUT_RDWR);
+    closes_in_handler = true;
     _clhc_close(fd, block);
+    closes_in_handler = false;
 }
 
 void _vorn_sig_pipe(int)

@@ -40,6 +40,8 @@ void _vorn_sig_pipe(int signal);
 void _vorn_sig_urg(int signal);
 void _vorn_sig_coredump(int signal);
 
+bool in_signal_handler(void);  // true on a thread whose handler closes the connection: it must not wait
+
 int _vorn_set_coredumpdir(const char *directory);  // null: below VORNDIR; 1
 }
 

@@ -347,7 +347,7 @@ int _connect_to_backup_server(void)
 // The number of nodes comes from the server; no domain has more than the tables of the context can have rows.
 int _init_node(int count, wthr_var *block)
 {
-    free(block->node_table);
+    retire(block->node_table, block);
     block->node_table = nullptr;
     if (count < 1) {
         block->node_count = 0;
@@ -405,11 +405,11 @@ static int find_node(const char *name, size_t field, const wthr_var *block)
 {
     if (block->node_count == 1)
         return 0;
-    if (name == nullptr || block->initout_nodes == nullptr)
+    if (name == nullptr)
         return -1;
-    int32_t count = initout_count(block, INITOUT_NODE_COUNT);
-    for (int32_t i = 0; i < count; i++)
-        if (is_row_name(name, (const char *)&block->initout_nodes[i] + field))
+    initout_tables tables = initout_of(block);
+    for (int32_t i = 0; i < tables.node_count; i++)
+        if (is_row_name(name, (const char *)&tables.nodes[i] + field))
             return i;
     return -1;
 }

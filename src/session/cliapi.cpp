@@ -9,7 +9,6 @@
 #include "buffers/tbuffer.h"
 #include "calls/cscommon.h"
 #include "calls/unsolapi.h"
-#include "kexcli.h"
 #include "kmq/kmqapi.h"
 #include "runtime/semantics.h"
 #include "runtime/sigapi.h"
@@ -27,13 +26,12 @@
 #include "wire/msgheader.h"
 
 #include <stdlib.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 extern "C" {
 
-constexpr int START_ATTEMPTS = 2;
 constexpr int START_ANSWER_SECONDS = 60;
-constexpr useconds_t ATTEMPT_PAUSE = 100000;
 constexpr int START_REPLY_ROOM = 8000;
 constexpr int64_t START_FLAGS = 0x47;
 
@@ -89,7 +87,7 @@ int _cli_init(int acall_size, int conv_size, wthr_var *block)
 
 void _clhc_close(int fd, wthr_var *block)
 {
-    _dh_close_sess(block->crypt_sess.exchange(nullptr));
+    end_cipher(block);
     // Two threads may find the end of one socket; by the second one's turn the number may be somebody else's.
     bool ours = false;
     for (shared_int32 *socket : {&block->clhfd, &block->old_clhfd, &block->new_clhfd}) {
@@ -99,6 +97,8 @@ void _clhc_close(int fd, wthr_var *block)
     drop_read_ahead(block, fd);
     if (fd >= 0 && ours)
         close(fd);
+    if (block->old_clhfd == -1)
+        block->rolled = 0;
     if (block->clhfd == -1 && block->old_clhfd == -1)
         block->started = 0;
     block->sessionid = -1;
@@ -115,13 +115,13 @@ void _clear_init_mem(wthr_var *block)
     _init_qcall(-1, block);
     _init_node(-1, block);
     _ntoh_initout_struct(nullptr, -1, block);
+    free_retired(block);
     block->started = 0;
 }
 
 // --- One attempt.
 
-// Connects; the list that answered is noted. -1 with tperrno set.
-static int connect_session(int to_backup, wthr_var *block)
+int connect_to_list(int to_backup, wthr_var *block)
 {
     int fd = -1;
     if (to_backup == 0) {
@@ -132,26 +132,41 @@ static int connect_session(int to_backup, wthr_var *block)
         fd = _connect_to_backup_server();
         block->on_backup = fd >= 0;
     }
-    block->clhfd = fd < 0 ? -1 : fd;
-    if (fd < 0) {
-        set_tperrno(TPEOS);
+    if (fd >= 0)
+        return fd;
+    set_tperrno(TPEOS);
+    return -1;
+}
+
+// Threads that share a context can move it to another server while one of them sleeps on the sockets.
+static void make_wake_fd(wthr_var *block)
+{
+    if (block->wake_fd < 0 && _start_ctxt == CONTEXT_MODE_MULTIPLE)
+        block->wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+}
+
+// Connects over `clhfd`. -1 with tperrno set.
+static int connect_session(int to_backup, wthr_var *block)
+{
+    int fd = connect_to_list(to_backup, block);
+    block->clhfd = fd;
+    if (fd < 0)
         return -1;
-    }
+    make_wake_fd(block);
     // A role that was left taken when the last socket went would keep everybody from the new one.
     drop_read_ahead(block, block->ahead.fd);
     free_reader_role(block);
     return 1;
 }
 
-// Sends the start message and waits for the answer, which the caller frees; null with tperrno set.
-static msg_header *exchange_start(msg_header *message, int msgtype, wthr_var *block)
+msg_header *exchange_start(msg_header *message, int msgtype, int fd, wthr_var *block)
 {
     message->msgtype = msgtype;
     message->rcode = 0;
     message->datalen = message->buftype == BUF_HEADER ? 0 : message->bufsize;
     message->cd = 0;
     put_name(message->svcname, sizeof message->svcname, "_tpstart");
-    if (_send_csmsg_to_clh(message, block) < 0)
+    if (_internal_send_csmsg_to_clh(message, block, fd) < 0)
         return nullptr;
     msg_header *want = (msg_header *)malloc(START_REPLY_ROOM + BLOCK_OVERHEAD);
     if (want == nullptr) {
@@ -161,10 +176,28 @@ static msg_header *exchange_start(msg_header *message, int msgtype, wthr_var *bl
     memcpy(want, message, HEADER_SIZE);
     want->datalen = START_REPLY_ROOM;
     want->bufsize = START_REPLY_ROOM;
-    msg_header *reply = _read_csmsg_from_clh_timeout(want, START_ANSWER_SECONDS, block);
+    bool moves = fd == block->new_clhfd;  // beside the thread that reads the current connection
+    msg_header *reply = moves ? _read_csmsg_from_ready_clh_timeout(want, START_ANSWER_SECONDS, block)
+                              : _read_csmsg_from_clh_timeout(want, START_ANSWER_SECONDS, block);
     if (reply == nullptr)
         free(want);
     return reply;
+}
+
+int take_login(msg_header *reply, int msgtype, bool moves, wthr_var *block)
+{
+    if (reply == nullptr)
+        return -1;
+    int result = -1;
+    if (reply->msgtype != msgtype + REPLY)
+        // A refusal that names no reason is one all the same.
+        set_tperrno(reply->target != 0 ? reply->target : TPESYSTEM);
+    else
+        result = take_start_reply(reply, block->clhfd, moves, block);
+    free(reply);
+    if (result > 0)
+        block->started = 1;
+    return result;
 }
 
 int _vorn_start(msg_header *message, int msgtype, int to_backup, wthr_var *block)
@@ -174,19 +207,8 @@ int _vorn_start(msg_header *message, int msgtype, int to_backup, wthr_var *block
         return -1;
     if (_vorn_crypt_sw != 0 && _vorn_negotiate(block) < 0)
         return -1;
-    msg_header *reply = exchange_start(message, msgtype, block);
-    if (reply == nullptr)
-        return -1;
-    int result = -1;
-    if (reply->msgtype != msgtype + REPLY)
-        // A refusal that names no reason is one all the same.
-        set_tperrno(reply->target != 0 ? reply->target : TPESYSTEM);
-    else
-        result = take_start_reply(reply, block->clhfd, block);
-    free(reply);
-    if (result > 0)
-        block->started = 1;
-    return result;
+    msg_header *reply = exchange_start(message, msgtype, block->clhfd, block);
+    return take_login(reply, msgtype, false, block);
 }
 
 // --- tpstart.
@@ -204,9 +226,7 @@ static bool others_wait(wthr_var *block)
     return waiting;
 }
 
-// Ends the thread's context with all that a start has built in it, and leaves `code` where the thread finds
-// it then. -1, for the failures among its callers.
-static int end_context_with(int code)
+int end_context_with(int code)
 {
     wthr_var *block = current_block();
     if (block != _main_wthrv && !others_wait(block))
@@ -248,12 +268,11 @@ static msg_header *start_message(TPSTART_T *tpinfo, wthr_var *block)
     return message;
 }
 
-// Closes the connection of an attempt that came to nothing.
-static void abandon_connection(wthr_var *block)
+void abandon_connection(wthr_var *block)
 {
     int fd = block->clhfd.exchange(-1);
     drop_read_ahead(block, fd);
-    _dh_close_sess(block->crypt_sess.exchange(nullptr));
+    end_cipher(block);
     close(fd);
 }
 

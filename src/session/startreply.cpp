@@ -24,6 +24,15 @@ int32_t engine_version(void)
 constexpr int TAG_HEAD = 8;
 constexpr uint32_t TAG_SERVER_NAME = 0;
 
+// Other threads may be comparing names: the same one isn't written again.
+static void take_server_name(const char *name, int32_t length, wthr_var *block)
+{
+    char taken[sizeof block->server_name] = {};
+    memcpy(taken, name, (size_t)length);
+    if (memcmp(block->server_name, taken, sizeof taken) != 0)
+        memcpy(block->server_name, taken, sizeof taken);
+}
+
 void _get_csval_to_loc(const char *payload, int length, int offset, wthr_var *block)
 {
     while (offset >= 0 && offset < length && length - offset >= TAG_HEAD) {
@@ -35,19 +44,34 @@ void _get_csval_to_loc(const char *payload, int length, int offset, wthr_var *bl
         if (tag == TAG_SERVER_NAME) {
             int32_t cut =
                 size < (int32_t)sizeof block->server_name - 1 ? size : (int32_t)sizeof block->server_name - 1;
-            memset(block->server_name, 0, sizeof block->server_name);
-            memcpy(block->server_name, payload + offset, (size_t)cut);
+            take_server_name(payload + offset, cut, block);
         }
         offset += size;
     }
 }
 
-int32_t initout_count(const wthr_var *block, int32_t offset)
+static int32_t count_in(const char *payload, int32_t offset)
 {
     int32_t count = 0;
-    if (block->initout != nullptr)
-        memcpy(&count, block->initout + offset, sizeof count);
+    if (payload != nullptr)
+        memcpy(&count, payload + offset, sizeof count);
     return count;
+}
+
+int32_t initout_count(const wthr_var *block, int32_t offset)
+{
+    return count_in(block->initout, offset);
+}
+
+initout_tables initout_of(const wthr_var *block)
+{
+    const char *payload = block->initout;
+    int32_t nodes = count_in(payload, INITOUT_NODE_COUNT), queues = count_in(payload, INITOUT_QUEUE_COUNT);
+    if (payload == nullptr)
+        return {};
+    const char *rows = payload + INITOUT_ROWS;
+    return {(const initout_node *)rows, nodes,
+            (const initout_queue *)(rows + (size_t)nodes * sizeof(initout_node)), queues};
 }
 
 // Turns a count of the payload to host order. No more rows are counted than the payload can hold from `rows`
@@ -76,8 +100,7 @@ static int64_t expected_length(const char *payload)
 
 static void forget_payload(wthr_var *block)
 {
-    free(block->initout);
-    block->initout = nullptr;
+    retire(block->initout.exchange(nullptr), block);
     block->initout_nodes = nullptr;
     block->initout_queues = nullptr;
     block->initout_svcs = nullptr;
@@ -98,7 +121,6 @@ int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
         return -1;
     }
     memcpy(own, payload, (size_t)length);
-    block->initout = own;
     int64_t expected = expected_length(own);
     int64_t rows = INITOUT_ROWS;
     block->initout_nodes = (initout_node *)(own + rows);
@@ -119,6 +141,7 @@ int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
     // cut.
     int32_t threshold = length < expected ? -1 : (int32_t)get_word(own + rows);
     memcpy(own + rows, &threshold, sizeof threshold);
+    block->initout = own;  // complete: other threads may look into it from here on
     block->compress_threshold = threshold;
     if (length > expected)
         _get_csval_to_loc(payload, length, (int)expected, block);
@@ -132,14 +155,16 @@ constexpr int CALLID_CLIENT_SHIFT = 19;
 
 static void take_callid(const msg_header *reply, wthr_var *block)
 {
+    _thread_mutex_lock(&block->msg_mutex);
     block->callid_base[0] = reply->xid[0];
     block->callid_base[1] =
         (uint32_t)reply->value << CALLID_CLIENT_SHIFT | (block->callid_next[1] & CALLID_COUNT) | 1;
     memcpy(block->callid_next, block->callid_base, sizeof block->callid_next);
     advance_callid(block->callid_next);
+    _thread_mutex_unlock(&block->msg_mutex);
 }
 
-int take_start_reply(msg_header *reply, int node_fd, wthr_var *block)
+int take_start_reply(msg_header *reply, int node_fd, bool moves, wthr_var *block)
 {
     uint32_t location = reply->xid[0];
     int32_t clh = (int32_t)(location & 0xff), node = (int32_t)(location >> 8 & 0x3fff);
@@ -156,8 +181,10 @@ int take_start_reply(msg_header *reply, int node_fd, wthr_var *block)
     }
     _cli_init(reply->rcode, reply->cd, block);
     if (block->txinfo != nullptr)
-        block->txinfo->transaction_timeout = (int32_t)reply->xid[1];
+        std::atomic_ref<int32_t>(block->txinfo->transaction_timeout).store((int32_t)reply->xid[1]);
     std::atomic_ref<int32_t>(_vorn_engine_version).store(reply->prio, std::memory_order_relaxed);
+    if (moves)
+        return 1;
     block->sessionid = (int32_t)((uint32_t)node * 0x200000 + (uint32_t)clh * 0x4000 + (uint32_t)reply->value);
     block->session_token = reply->sessid;
     return 1;

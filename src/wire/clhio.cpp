@@ -55,6 +55,7 @@ bool has_waiter(const msg_header *message)
     case MSG_GETSVG:
     case MSG_GETADDR:
     case MSG_GET_ACTIVESVR:
+    case MSG_SQ_REQUEST:
     case MSG_GETSPR:
         return true;
     case MSG_TPACALL:
@@ -65,9 +66,11 @@ bool has_waiter(const msg_header *message)
     return false;
 }
 
-int _send_csmsg_to_clh(msg_header *message, wthr_var *block)
+static thread_local int sent_fd __attribute__((tls_model("initial-exec"))) = -1;
+
+int last_sent_fd(void)
 {
-    return _internal_send_csmsg_to_clh(message, block, block->clhfd);
+    return sent_fd;
 }
 
 int _clh_write_error(int result, int expected, wthr_var *block)
@@ -238,10 +241,14 @@ static bool is_gone(int fd, const wthr_var *block)
     return fd >= 0 && fd != block->clhfd && fd != block->new_clhfd && fd != block->old_clhfd;
 }
 
-int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
+// The message of a start or an end goes out whatever the server has said.
+static bool heeds_warnings(const msg_header *message)
 {
-    if (message->msgtype != MSG_TPSTART && message->msgtype != MSG_TPEND && heed_warnings(fd, block) < 0)
-        return -1;
+    return message->msgtype != MSG_TPSTART && message->msgtype != MSG_TPEND;
+}
+
+static int send_on(int fd, msg_header *message, wthr_var *block)
+{
     set_acall_fd(fd, message, block);
     _thread_mutex_lock(&block->msg_mutex);
     if (is_gone(fd, block)) {
@@ -253,11 +260,28 @@ int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
     bool sent =
         must_be_converted(message) ? send_converted(fd, message, block) : send_in_place(fd, message, block);
     if (sent && has_waiter(message)) {
+        sent_fd = fd;
         block->waiter_count++;
         if (block->offer_left > 0)
             block->offer_left++;
     }
     _thread_mutex_unlock(&block->msg_mutex);
     return sent ? 1 : -1;
+}
+
+int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
+{
+    if (heeds_warnings(message) && heed_warnings(fd, block) < 0)
+        return -1;
+    return send_on(fd, message, block);
+}
+
+// The socket is chosen behind the warnings: they may have moved the session to another server, and it is there
+// that requests go from then on.
+int _send_csmsg_to_clh(msg_header *message, wthr_var *block)
+{
+    if (heeds_warnings(message) && heed_warnings(block->clhfd, block) < 0)
+        return -1;
+    return send_on(block->clhfd, message, block);
 }
 }

@@ -19,9 +19,14 @@ int _clh_write_error(int result, int expected, wthr_var *block);
 
 // True for a message whose sender will wait for the answer and is counted in waiter_count from the send on: a
 // TPCALL, a marked TPACALL, a TPACALL with TPBLOCK, a commit or rollback, a TPCONNECT, a TPPOST, a TPNOTIFY
-// that is to be acknowledged. Another thread may read the answer before its waiter comes. As a template of a
-// wait a TPACALL_BLOCK counts too: it stands for the TPACALL with TPBLOCK that waits for its receipt.
+// that is to be acknowledged, the requests of queues, the key store's, and questions. Another thread may read
+// the answer before its waiter comes. As a template of a wait a TPACALL_BLOCK counts too: it stands for the
+// TPACALL with TPBLOCK that waits for its receipt.
 bool has_waiter(const msg_header *message);
+
+// The socket on which the calling thread last sent a message with a waiter. Between that and the wait nothing
+// else is sent on the thread.
+int last_sent_fd(void);
 
 // The running count of a call identity: 1 to 0x7ff, never 0 after the first step. Expects msg_mutex.
 void advance_callid(uint32_t callid[3]);

@@ -323,13 +323,15 @@ int _wait_while_rolling_start(int fd, wthr_var *block)
 {
     if (block->new_clhfd == fd)
         return -1;
-    // Nearly every message comes by here, and nearly none meets a rolling start.
-    if (block->rolling == 0)
+    // Nearly every message comes by here, and nearly none meets a rolling start. What the thread that runs it
+    // sends, an acknowledgement or an application's call in a handler, can't wait for its end.
+    if (block->rolling == 0 || is_moving(block))
         return 0;
     int result = 0;
+    timespec deadline = deadline_in(ROLLING_WAIT_MILLISECONDS);
     _thread_mutex_lock(&block->roll_mutex);
-    if (block->rolling != 0)
-        result = _thread_cond_timedwait(&block->roll_cond, &block->roll_mutex, ROLLING_WAIT_MILLISECONDS);
+    while (block->rolling != 0 && result == 0)
+        result = pthread_cond_timedwait(&block->roll_cond, &block->roll_mutex, &deadline);
     _thread_mutex_unlock(&block->roll_mutex);
     return result;
 }
@@ -337,6 +339,7 @@ int _wait_while_rolling_start(int fd, wthr_var *block)
 // Runs a rolling start. Expects roll_mutex and gives it up meanwhile; others see `rolling` and wait.
 static int run_rolling_start(wthr_var *block)
 {
+    int code = get_tperrno();
     block->rolling = 1;
     _thread_mutex_unlock(&block->roll_mutex);
     int result = _vorn_rolling_start();
@@ -344,6 +347,8 @@ static int run_rolling_start(wthr_var *block)
     block->rolling = 0;
     if (result < 0)
         block->rolling_failed = 1;
+    else
+        set_tperrno(code);  // the call on whose way this happened knows nothing of it
     _thread_cond_broadcast(&block->roll_cond);
     return result;
 }
@@ -362,13 +367,16 @@ int _recv_oob_msg(int fd, wthr_var *block)
     return run_rolling_start(block);
 }
 
-// The last call on the previous server is answered; the session itself goes on.
-static void close_old_socket(wthr_var *block)
+// Sends a request that was given back to the new server, for whoever awaits its answer.
+static void send_again(msg_header *message, const msg_header *want, wthr_var *block)
 {
-    int fd = block->old_clhfd.exchange(-1);
-    drop_read_ahead(block, fd);
-    if (fd >= 0)
-        close(fd);
+    msg_header reply = *message;
+    reply.msgtype += REPLY;
+    if (_send_csmsg_to_clh(message, block) < 0)
+        return;
+    note_sent_again(&reply, want, block);
+    if (has_waiter(message))
+        forget_waiter(block);  // he has been counted when the request went out first
 }
 
 int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
@@ -396,13 +404,8 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
     }
     message->msgtype -= ERROR_REPLY;
     message->xflags &= ~(uint32_t)XFLAG_GIVEN_BACK;
-    // Whoever waits for the answer has been counted when the request went out first.
-    if (_send_csmsg_to_clh(message, block) > 0 && has_waiter(message))
-        forget_waiter(block);
-    bool a_call = want != nullptr && ((want->msgtype == MSG_TPCALL && message->msgtype == MSG_TPCALL) ||
-                                      want->msgtype == MSG_TPACALL);
-    if (a_call && check_rolling_cd(block->old_clhfd, block) < 0)
-        close_old_socket(block);
+    send_again(message, want, block);
+    end_old_socket_if_done(true, block);
     return 1;
 }
 }

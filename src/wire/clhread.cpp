@@ -36,6 +36,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <time.h>
+#include <unistd.h>
 
 extern "C" {
 
@@ -46,6 +47,7 @@ struct read_waiter {
     msg_header *want;
     msg_header *message;
     bool has_role;
+    int sent_fd;  // socket on which its request went out; -1: it awaits no reply
     sem_t given;
     read_waiter *previous, *next;
 };
@@ -127,32 +129,6 @@ static msg_header *null_with(int code)
     return nullptr;
 }
 
-void drop_read_ahead(wthr_var *block, int fd)
-{
-    int32_t expected = fd;
-    if (fd >= 0)
-        block->ahead.fd.compare_exchange_strong(expected, -1);
-}
-
-bool has_read_ahead(const wthr_var *block)
-{
-    int fd = block->ahead.fd;
-    return fd >= 0 && (fd == block->clhfd || fd == block->old_clhfd);
-}
-
-int await_input(const wthr_var *block, const struct timeval *time)
-{
-    if (has_read_ahead(block))
-        return 1;
-    int fd = block->clhfd, old_fd = block->old_clhfd;
-    wide_set sockets;
-    wide_set_clear(&sockets, fd > old_fd ? fd : old_fd);
-    wide_set_add(&sockets, fd);
-    wide_set_add(&sockets, old_fd);
-    struct timeval limit = time != nullptr ? *time : timeval{};
-    return wide_set_select(&sockets, nullptr, nullptr, time != nullptr ? &limit : nullptr);
-}
-
 // --- Waiters. All of these expect msg_mutex.
 
 static void join_waiters(read_waiter *waiter, wthr_var *block)
@@ -212,6 +188,7 @@ static read_waiter *give_message(msg_header *message, wthr_var *block)
 static read_waiter *give_role(wthr_var *block)
 {
     read_waiter *waiter = block->waiters_head;
+    block->reader_sent_fd = waiter == nullptr ? -1 : waiter->sent_fd;
     if (waiter == nullptr) {
         block->reader_busy = 0;
         return nullptr;
@@ -267,6 +244,52 @@ static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
         return nullptr;
     int index = (want->flags & TPGETANY) != 0 ? oldest_ready(block) : _get_acall_cd_ind(want->cd, block);
     return index < 0 ? nullptr : take_stored_reply(index, block);
+}
+
+// --- The previous socket of a rolling start.
+
+void note_sent_again(const msg_header *reply, const msg_header *want, wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    read_waiter *waiter = block->waiters_head;
+    while (waiter != nullptr && (waiter->want == nullptr || !_is_msgtype_matched(waiter->want, reply, block)))
+        waiter = waiter->next;
+    if (waiter != nullptr)
+        waiter->sent_fd = block->clhfd;
+    else if (want != nullptr && _is_msgtype_matched(want, reply, block))
+        block->reader_sent_fd = block->clhfd;
+    _thread_mutex_unlock(&block->msg_mutex);
+}
+
+// Threads that have sent and are on their way to wait can't be asked for their socket. Expects msg_mutex.
+static bool old_socket_is_needed(wthr_var *block)
+{
+    int fd = block->old_clhfd;
+    if (block->waiter_count > block->waiting || block->reader_sent_fd == fd || block->ahead.fd == fd)
+        return true;
+    for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next)
+        if (waiter->sent_fd == fd)
+            return true;
+    return awaits_reply_on(fd, block);
+}
+
+void end_old_socket_if_done(bool is_reader, wthr_var *block)
+{
+    if (block->rolled == 0)
+        return;
+    int fd = -1;
+    _thread_mutex_lock(&block->msg_mutex);
+    bool done = block->rolled != 0 && !old_socket_is_needed(block);
+    bool may_close = is_reader || block->reader_busy == 0;
+    if (done && may_close) {
+        fd = block->old_clhfd.exchange(-1);
+        block->rolled = 0;
+    }
+    _thread_mutex_unlock(&block->msg_mutex);
+    if (fd >= 0)
+        close(fd);
+    else if (done && !may_close)
+        wake_reader(block);
 }
 
 // --- The reader role.
@@ -393,11 +416,12 @@ static role_result enter(const read_wait *wait, msg_header **handed)
 {
     wthr_var *block = wait->block;
     const msg_header *want = wait->want;
-    read_waiter me = {wait->want, nullptr, false, {}, nullptr, nullptr};
+    bool expects_reply = want != nullptr && has_waiter(want);
+    read_waiter me = {wait->want, nullptr, false, expects_reply ? last_sent_fd() : -1, {}, nullptr, nullptr};
     bool waits = false;
     *handed = nullptr;
     _thread_mutex_lock(&block->msg_mutex);
-    if (want != nullptr && has_waiter(want)) {
+    if (expects_reply) {
         *handed = look_at_offer(want, block);
         if (block->waiter_count > block->waiting)
             block->waiter_count--;
@@ -411,6 +435,7 @@ static role_result enter(const read_wait *wait, msg_header **handed)
             join_waiters(&me, block);
         } else {
             block->reader_busy = 1;
+            block->reader_sent_fd = me.sent_fd;
         }
     }
     _thread_mutex_unlock(&block->msg_mutex);
@@ -503,7 +528,9 @@ static int next_socket_timed(read_wait *wait)
     if (ended_by_transaction(wait))
         return NEXT_FAILED;
     int left = remaining(wait);
-    int fd = left < 0 ? TIMER_EXPIRED : _set_bc_timer2(left, wait->watch_urgent, block);
+    int fd = left < 0 ? TIMER_EXPIRED : reader_timer(left, wait->watch_urgent, block);
+    if (fd == TIMER_WOKEN)
+        return NEXT_GO_ON;
     if (fd == TIMER_URGENT) {
         _thread_mutex_lock(&block->roll_mutex);
         _recv_oob_msg(block->clhfd, block);
@@ -592,6 +619,7 @@ static msg_header *read_for_all(read_wait *wait)
 {
     wthr_var *block = wait->block;
     for (;;) {
+        end_old_socket_if_done(true, block);
         int fd = wait->timed ? next_socket_timed(wait) : next_socket_unlimited(wait);
         if (fd == NEXT_GO_ON)
             continue;
@@ -639,16 +667,19 @@ static msg_header *read_for_all(read_wait *wait)
 
 static msg_header *perform(read_wait *wait)
 {
-    msg_header *handed;
+    msg_header *handed, *result = nullptr;
     switch (enter(wait, &handed)) {
     case ROLE_FAILED:
-        return nullptr;
+        break;
     case ROLE_HANDED:
-        return deliver(handed, wait->want, wait->block);
+        result = deliver(handed, wait->want, wait->block);
+        break;
     case ROLE_TAKEN:
+        result = read_for_all(wait);
         break;
     }
-    return read_for_all(wait);
+    end_old_socket_if_done(false, wait->block);
+    return result;
 }
 
 msg_header *_read_csmsg_from_clh(int fd, msg_header *want, wthr_var *block)
@@ -731,44 +762,5 @@ msg_header *_read_csmsg_from_ready_clh_timeout(msg_header *want, int seconds, wt
             return message;
     }
     return null_with(TPETIME);
-}
-
-msg_header *_check_read_buffer(msg_header *message)
-{
-    if (message == nullptr || message->buftype != BUF_FIELD)
-        return message;
-    constexpr int32_t head = sizeof(fb_head);
-    if (message->datalen < head) {
-        init_field_buffer(message_data(message));
-        _clear_fcache(message_data(message));
-        message->datalen = head;
-    }
-    if (message->bufsize < head)
-        message->bufsize = head;
-    return message;
-}
-
-// No sender may hold the descriptor when its number becomes free. One that is stuck in send() lets go of it
-// first.
-static void close_under_senders(int fd, wthr_var *block)
-{
-    if (fd == block->clhfd)  // requests go out over no other
-        shutdown(fd, SHUT_RDWR);
-    _thread_mutex_lock(&block->msg_mutex);
-    _clhc_close(fd, block);
-    _thread_mutex_unlock(&block->msg_mutex);
-}
-
-int _clh_read_error(int fd, int result, int unused, wthr_var *block)
-{
-    (void)unused;
-    if (result == 0 || errno == EPIPE) {
-        set_tperrno(block->rolling_failed != 0 ? TPERDCLOSE : TPECLOSE);
-        _wait_while_rolling_start(fd, block);
-        close_under_senders(fd, block);
-        return 1;
-    }
-    set_tperrno(errno == EAGAIN ? TPEBLOCK : TPEOS);
-    return 1;
 }
 }

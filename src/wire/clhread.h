@@ -37,6 +37,19 @@ bool hand_to_waiter(msg_header *message, wthr_var *block);
 // at a new connection, since the role stays taken when the last socket goes. Takes msg_mutex.
 void free_reader_role(wthr_var *block);
 
+// Closes the previous socket of a rolling start once nothing is to come over it that anybody waits for. A
+// thread without the reader role leaves it to the reader, if there is one. Takes msg_mutex; costs a look at
+// one word outside of rolling starts.
+void end_old_socket_if_done(bool is_reader, wthr_var *block);
+
+// The request to which `reply` would be the answer has gone out over the current socket now; `want` is what
+// the reader itself awaits, or null. For the reader; takes msg_mutex.
+void note_sent_again(const msg_header *reply, const msg_header *want, wthr_var *block);
+
+// Has the reader look at the context's sockets anew.
+void wake_reader(const wthr_var *block);
+void sleep_again(const wthr_var *block);  // takes the wake-up; for the reader
+
 // Takes back the count of a thread that has sent and will not come to wait. Takes msg_mutex.
 void forget_waiter(wthr_var *block);
 

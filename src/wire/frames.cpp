@@ -12,14 +12,15 @@
 #include "buffers/sdli.h"
 #include "calls/cscommon.h"
 #include "fields/fbcommon.h"
-#include "kexcli.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
+#include "runtime/semantics.h"
 #include "sqz.h"
 #include "tx/tx.h"
 #include "vorn/errors.h"
 #include "wire/clhmatch.h"
 #include "wire/clhread.h"
+#include "wire/envelope.h"
 #include "wire/msgheader.h"
 #include "wire/netapi.h"
 #include "wire/trailer.h"
@@ -299,6 +300,14 @@ static frame_result read_compressed(frame_reader *reader)
     return accept_message(reader, unpacked < size ? unpacked : size);
 }
 
+// On an enciphered connection a step comes in clear, and is heard only while keys are exchanged: later it
+// would bring a stranger's bytes to the application.
+static bool is_step_heard(const msg_header *want)
+{
+    return _vorn_crypt_sw == 0 ||
+           (want != nullptr && want->msgtype == MSG_TPSTART && want->buftype == BUF_NEGOTIATION);
+}
+
 static frame_result read_envelope(frame_reader *reader)
 {
     frame_result result;
@@ -313,6 +322,10 @@ static frame_result read_envelope(frame_reader *reader)
         return without_memory();
     const char *payload = reader->bytes + ENVELOPE_FRAME_HEAD;
     if (msgtype == MSG_TPSTART + REPLY) {
+        if (!is_step_heard(reader->want)) {
+            free(bytes);
+            return failed(reader, -TPESYSTEM);
+        }
         msg_header *step = (msg_header *)bytes;
         _init_header(step);
         step->buftype = buftype;
@@ -324,7 +337,7 @@ static frame_result read_envelope(frame_reader *reader)
         replace_block(reader, bytes, size);
         return FRAME_NEGOTIATION;
     }
-    int plain = _dh_decrypt(reader->block->crypt_sess, bytes, payload, length);
+    int plain = decipher(bytes, payload, length, reader->block);
     replace_block(reader, bytes, size);
     if (plain < HEADER_SIZE)
         return FRAME_FAILED;  // with tperrno as it stands
@@ -385,7 +398,11 @@ static frame_result convert_data(frame_reader *reader)
 
 static frame_result read_by_kind(frame_reader *reader)
 {
-    switch (get_word(reader->bytes)) {
+    uint32_t kind = get_word(reader->bytes);
+    // What comes in clear on an enciphered connection isn't the server's: the connection is given up.
+    if (_vorn_crypt_sw != 0 && kind != FRAME_ENVELOPE)
+        return failed(reader, 0);
+    switch (kind) {
     case FRAME_RAW:
         return read_raw(reader);
     case FRAME_COMPRESSED:

@@ -106,6 +106,7 @@ enum message_type : int32_t {
     MSG_SET_REQUEST = 130,
     MSG_GETADDR = 156,
     MSG_GET_ACTIVESVR = 166,
+    MSG_SQ_REQUEST = 181,
     MSG_GETSPR = 225,
     MSG_KMQ_CLOSE_SESSION = 501,
     MSG_KMQ_GETNEXT = 505,
@@ -129,6 +130,12 @@ static inline char *message_data(msg_header *message)
 static inline msg_header *message_of(char *data)
 {
     return (msg_header *)(data - HEADER_SIZE);
+}
+
+// A buffer that served an earlier request may still bear its direction.
+static inline void clear_direction(msg_header *message)
+{
+    message->xflags &= ~(uint32_t)(XFLAG_TO_GROUP | XFLAG_TO_PROCESS);
 }
 
 // One word of wire data, wherever it stands.

@@ -198,15 +198,18 @@ int _vorn_eset_check(int fd)
 }
 
 // The sets of one round of wait_readable. False for a socket that no set can hold.
-static bool watch_sockets(int old_fd, int fd, bool watch_urgent, wide_set *readable, wide_set *urgent)
+static bool watch_sockets(int old_fd, int fd, int wake_fd, bool watch_urgent, wide_set *readable,
+                          wide_set *urgent)
 {
     int highest = old_fd > fd ? old_fd : fd;
+    highest = wake_fd > highest ? wake_fd : highest;
     wide_set_clear(readable, highest);
     wide_set_clear(urgent, highest);
     if (old_fd >= 0 && !wide_set_add(readable, old_fd))
         return false;
     if (fd >= 0 && !wide_set_add(readable, fd))
         return false;
+    wide_set_add(readable, wake_fd);
     if (fd >= 0 && watch_urgent)
         wide_set_add(urgent, fd);
     return true;
@@ -226,7 +229,7 @@ int wait_readable(wthr_var *block, int milliseconds)
         if (old_fd < 0 && fd < 0)
             return -1;
         wide_set readable, urgent;
-        if (!watch_sockets(old_fd, fd, watch_urgent, &readable, &urgent)) {
+        if (!watch_sockets(old_fd, fd, block->wake_fd, watch_urgent, &readable, &urgent)) {
             errno = EBADF;
             return -2;
         }
@@ -238,6 +241,10 @@ int wait_readable(wthr_var *block, int milliseconds)
             return -2;
         if (ready == 0)
             return -3;
+        if (wide_set_has(&readable, block->wake_fd)) {
+            sleep_again(block);
+            return -3;
+        }
         if (wide_set_has(&readable, old_fd))
             return old_fd;
         if (!wide_set_has(&urgent, fd))
@@ -249,15 +256,20 @@ int wait_readable(wthr_var *block, int milliseconds)
         // A caller with a limit would lose it in the read to come, so it goes on waiting for data.
         if (limited)
             continue;
-        // No other server took over: the connection is read on, as if nothing had been said.
-        if (result < 0 && block->old_clhfd < 0)
+        // No other server took over: the connection is read on, as if nothing had been said. Where another
+        // thread is moving the session it may be another connection soon.
+        if (result < 0 && block->old_clhfd < 0 && block->rolling == 0)
             return block->clhfd;
     }
 }
 
 int _vorn_rset_check(wthr_var *block)
 {
-    return wait_readable(block, -1);
+    int fd;
+    do
+        fd = wait_readable(block, -1);
+    while (fd == -3);  // woken to look anew
+    return fd;
 }
 
 int pipe_readn(int fd, void *buffer, int length)

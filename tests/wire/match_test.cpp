@@ -1,4 +1,5 @@
 // Who a message is for, and where it goes if nobody waits for it.
+#include <fcntl.h>
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -587,6 +588,7 @@ struct GivenBack : WireTest {
         int ends[2];
         tcp_pair(ends);
         block->old_clhfd = ends[0];
+        block->rolled = 1;
         other_end = ends[1];
     }
 };
@@ -652,7 +654,7 @@ TEST_F(GivenBack, OldSocketIsClosedWhenNoCallIsOpenOnIt)
     EXPECT_EQ(block->old_clhfd, -1);
 }
 
-TEST_F(GivenBack, OldSocketStaysWhileACallIsOpenOnItOrAnotherTypeIsAwaited)
+TEST_F(GivenBack, OldSocketStaysWhileACallIsOpenOnIt)
 {
     have_rolled();
     int cd = _create_acall_cd(0, block);
@@ -663,18 +665,45 @@ TEST_F(GivenBack, OldSocketStaysWhileACallIsOpenOnItOrAnotherTypeIsAwaited)
     EXPECT_EQ(_is_msgtype_irt(want, message, block), 1);
     EXPECT_EQ(block->old_clhfd, old);
 
+    want->msgtype = MSG_TPACALL;  // waits for any reply: any type will do
+    error_reply(2005);
+    EXPECT_EQ(_is_msgtype_irt(want, message, block), 1);
+    EXPECT_EQ(block->old_clhfd, old);
     block->acall[_get_acall_cd_ind(cd, block)].fd = -1;
     want->msgtype = MSG_TPRECV;
     error_reply(2003);
     EXPECT_EQ(_is_msgtype_irt(want, message, block), 1);
-    EXPECT_EQ(block->old_clhfd, old);
+    EXPECT_EQ(block->old_clhfd, -1);
+}
+
+TEST_F(GivenBack, OldSocketStaysWhileAThreadAwaitsItsAnswerOnIt)
+{
+    have_rolled();
+    int32_t old = block->old_clhfd;
+    block->waiter_count = 1;  // one that has sent and is on its way
     error_reply(2003);
     EXPECT_EQ(_is_msgtype_irt(nullptr, message, block), 1);
     EXPECT_EQ(block->old_clhfd, old);
-    want->msgtype = MSG_TPACALL;  // waits for any reply: any type will do
-    error_reply(2005);
-    EXPECT_EQ(_is_msgtype_irt(want, message, block), 1);
+    block->waiter_count = 0;
+    block->reader_sent_fd = old;
+    error_reply(2003);
+    EXPECT_EQ(_is_msgtype_irt(nullptr, message, block), 1);
+    EXPECT_EQ(block->old_clhfd, old);
+    block->reader_sent_fd = -1;
+    error_reply(2003);
+    EXPECT_EQ(_is_msgtype_irt(nullptr, message, block), 1);
     EXPECT_EQ(block->old_clhfd, -1);
+}
+
+TEST_F(GivenBack, SocketThatNoRollingStartMadeIsLeftOpen)
+{
+    have_rolled();
+    block->rolled = 0;  // as after tpinit, where the word is no socket of the session
+    int32_t old = block->old_clhfd;
+    error_reply(2003);
+    EXPECT_EQ(_is_msgtype_irt(nullptr, message, block), 1);
+    EXPECT_EQ(block->old_clhfd, old);
+    EXPECT_NE(fcntl(old, F_GETFD), -1);
 }
 
 TEST_F(GivenBack, AfterAFailedRollingStartItIsRollingDown)
