@@ -1,7 +1,9 @@
 /* Questions to the server and to the context, and settings for the next request.
  *
- * Those that need the connection open a session as tpstart(NULL) would, if there is none. An answer is
- * awaited without a time limit, except by tpqstat and tpqsvcstat. */
+ * Those that need the connection open a session as tpstart(NULL) would, if there is none, and fail with its
+ * errors; after a lost connection with TPEOS. An answer is awaited without a time limit, except by tpqstat
+ * and tpqsvcstat; that of an open transaction ends each of them with TPETIME. Threads that share a context
+ * and ask the same question at one time may get each other's answer. */
 #ifndef VORN_QUERY_H
 #define VORN_QUERY_H
 
@@ -29,7 +31,8 @@ typedef struct svg_list {
 int tpgetcliaddr(int clid, int *addr, int *port, long flags);
 
 /* Addresses of the two ends of the connection, as getpeername and getsockname give them; at most 16 bytes of
- * `*name` are written, and `*namelen` takes the length. 0 or -1 with errno; TPEINVAL for null. */
+ * `*name` are written, and `*namelen` takes the length, which may be more. 0, or -1 with errno; TPEINVAL for
+ * null. */
 int tpgetpeername(struct sockaddr *name, socklen_t *namelen);
 int tpgetsockname(struct sockaddr *name, socklen_t *namelen);
 
@@ -53,7 +56,8 @@ int tpchkauth(void);
 
 /* The running servers of a node (31 characters; null: all), in the server's own form: `*buffer` is a typed
  * buffer that the caller frees with tpfree. How many, or -1 with tperrno: TPEINVAL (unknown node, null,
- * name too long), TPESYSTEM; 0 if the server can't tell. */
+ * name too long), TPESYSTEM, or tperrno 0 where the server can't tell. Set `*buffer` to null before: where it
+ * is set afterwards there is something to free, whatever the number. */
 int tpgetactivesvr(char *nodename, char **buffer);
 
 /* The server groups of service `svc`; `flags` isn't looked at. Null with tperrno, or with tperrno 0 if the
@@ -66,7 +70,7 @@ char *vornlastsvc(char *ibuf, char *obuf, long flags);
 /* Copies that name, 32 bytes with its NUL. 1, or -1 with TPEINVAL (null) or TPEITYPE (no typed buffer). */
 int tpextsvcname(char *buffer, char *name);
 /* The same, and of a dead request that a queue gave back what became of it: `*type` 0, 2, -1 or 1 by the
- * thousands of its priority word, `*errcode` its user code. `type` and `errcode` must not be null. */
+ * thousands of its priority word, `*errcode` its user code; either may be null. */
 int tpextsvcinfo(char *buffer, char *name, int *type, int *errcode);
 
 /* One of four counts (`kind` 0 to 3) that the server keeps of a service (null: all) behind queue `qname`, and

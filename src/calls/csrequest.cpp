@@ -43,27 +43,26 @@ int _isexist_nodename_fld(char *data)
     return fbkeyoccur((FBUF *)data, NODE_NAME_FIELD) > 0;
 }
 
-// The service's first group on a node: -1 if it has none there, NO_GROUP_LIST if its groups can't be told.
-constexpr int NO_GROUP_LIST = -2;
-static int group_on_node(const char *svcname, int node, wthr_var *block)
+// The service's first group on a node, -1 if it has none there. False if its groups can't be told.
+static bool find_group(const char *svcname, int node, int *group, wthr_var *block)
 {
     group_numbers groups;
     if (!fetch_groups(svcname, &groups, block))
-        return NO_GROUP_LIST;
-    int found = -1;
-    for (int i = 0; i < groups.count && found < 0; i++)
-        if (node_of_group(groups.numbers[i]) == node)
-            found = groups.numbers[i];
+        return false;
+    int i = 0;
+    while (i < groups.count && node_of_group(groups.numbers[i]) != node)
+        i++;
+    *group = i < groups.count ? groups.numbers[i] : -1;
     free(groups.numbers);
-    return found;
+    return true;
 }
 
 int _get_mysvgno_from_nodename(const char *svcname, char *data, wthr_var *block)
 {
     const char *name = fbgetval((FBUF *)data, NODE_NAME_FIELD, 0, nullptr);
     int node = name == nullptr ? -1 : _get_nodeno_from_nodename(name, block);
-    int group = node < 0 ? NO_GROUP_LIST : group_on_node(svcname, node, block);
-    if (group != NO_GROUP_LIST)
+    int group;
+    if (node >= 0 && find_group(svcname, node, &group, block))
         return group;
     set_tperrno(TPEINVAL);
     return -1;

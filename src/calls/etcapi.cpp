@@ -129,6 +129,8 @@ int tpsleep(struct timeval *time)
     wthr_var *block = begin_session(frame.block);
     if (block == nullptr)
         return api_error(&frame, &TPSLEEP);
+    if (block->started == 0)  // lost: nothing could end the sleep
+        return api_fail(&frame, &TPSLEEP, TPEOS);
     return api_return(&TPSLEEP, await_input(block, time));
 }
 
@@ -333,6 +335,7 @@ static const msg_header *extract_name(char *buffer, char *name)
     }
     const msg_header *header = message_of(buffer);
     memcpy(name, header->svcname, sizeof header->svcname);
+    name[sizeof header->svcname - 1] = '\0';  // the application may have written to the header
     return header;
 }
 

@@ -226,10 +226,16 @@ static void note_failure(multicast *cast, int32_t i)
     cast->result.urcodes[i] = 0;
 }
 
-static void start_group(multicast *cast, int32_t i)
+// A call whose session is lost does nothing and says 1, which is no descriptor of ours.
+static void start_group(multicast *cast, int32_t i, const wthr_var *block)
 {
-    cast->descriptors[i] = tpacallsvg(cast->result.list[i], cast->svc, cast->data, cast->len, cast->flags);
-    if (cast->descriptors[i] < 0)
+    int cd = -1;
+    if (block->started == 0)
+        set_tperrno(TPECLOSE);
+    else
+        cd = tpacallsvg(cast->result.list[i], cast->svc, cast->data, cast->len, cast->flags);
+    cast->descriptors[i] = cd;
+    if (cd < 0)
         note_failure(cast, i);
 }
 
@@ -254,7 +260,7 @@ static void run_multicast(multicast *cast, int32_t window, wthr_var *block)
     int32_t sent = 0;
     for (int32_t next = 0; next < cast->result.count; next++) {
         for (; window > 0 && sent < cast->result.count; window--)
-            start_group(cast, sent++);
+            start_group(cast, sent++, block);
         collect_group(cast, next, block);
         window++;
     }
