@@ -1,7 +1,8 @@
-// Key exchange and sealed messages. The first byte chooses the message of a session that the rest stands for,
-// the second how much of the true message is left in front of it, so that the checks behind the head are
-// reached. Whatever it is, it has to be refused, and the session it hits must stay usable or be dead for
-// good.
+// Key exchange and sealed messages, with and without a server that proves who it is, and the files of its
+// keys. The first byte chooses the form and the message of a session that the rest stands for, the second how
+// much of the true message is left in front of it, so that the checks behind the head are reached. Whatever
+// it is, it has to be refused, and the session it hits must stay usable or be dead for good. A key file has
+// to be refused unless it is just the line that it should be.
 #include "kexcli.h"
 
 #include <stddef.h>
@@ -9,6 +10,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -19,7 +23,38 @@ enum target {
     TO_SERVER_WAITING,
     TO_SERVER_SEALED,
     TO_CLIENT_SEALED,
+    SESSION_TARGETS,
+    PUBLIC_FILE = SESSION_TARGETS,
+    PRIVATE_FILE,
     TARGETS
+};
+
+// A pair that everybody knows.
+const char PUBLIC_LINE[] =
+    "kexcli-x25519-public de9edb7d7b7dc1b4d35b61c2ece435373f8343c85b78674dadfc7e146f882b4f\n";
+const char PRIVATE_LINE[] =
+    "kexcli-x25519-private 5dab087e624a8a4b79e17f8b83800ee66f3bb1292618b6fd1c2f8b27ff88e0eb\n";
+
+// A key file in memory, by a name that opens it anew each time.
+struct KeyFile {
+    int file = memfd_create("key", 0);
+    const char *variable;
+
+    KeyFile(const char *name, const std::string &text) : variable(name)
+    {
+        std::string path = "/proc/self/fd/" + std::to_string(file);
+        if (file < 0 || fchmod(file, 0600) != 0 ||
+            write(file, text.data(), text.size()) != (ssize_t)text.size() ||
+            setenv(variable, path.c_str(), 1) != 0)
+            abort();
+    }
+    KeyFile(const KeyFile &) = delete;
+    KeyFile &operator=(const KeyFile &) = delete;
+    ~KeyFile()
+    {
+        unsetenv(variable);
+        close(file);
+    }
 };
 
 int negotiate(void *handle, const std::string &in, std::string *out)
@@ -101,16 +136,50 @@ void run(void *client, void *server, int target, size_t keep, const std::string 
         expect_refusal(client, server, keep, bytes);
 }
 
+void run_session(int target, size_t keep, const std::string &bytes)
+{
+    void *client = _dh_init_sess(KEXCLI_MODE_CLIENT, -1), *server = _dh_init_sess(KEXCLI_MODE_SERVER, -1);
+    expect(client != nullptr && server != nullptr);
+    run(client, server, target, keep, bytes);
+    _dh_close_sess(client);
+    _dh_close_sess(server);
+}
+
+bool is_key_line(const std::string &text, const std::string &model)
+{
+    size_t begin = model.find(' ') + 1;
+    std::string line = !text.empty() && text.back() == '\n' ? text.substr(0, text.size() - 1) : text;
+    return line.size() + 1 == model.size() && line.compare(0, begin, model, 0, begin) == 0 &&
+           strspn(line.c_str() + begin, "0123456789abcdefABCDEF") == line.size() - begin;
+}
+
+void run_file(int target, size_t keep, const std::string &bytes)
+{
+    bool is_public = target == PUBLIC_FILE;
+    const char *model = is_public ? PUBLIC_LINE : PRIVATE_LINE;
+    std::string text = spoil(model, keep, bytes);
+    KeyFile file(is_public ? KEXCLI_PEER_KEY : KEXCLI_OWN_KEY, text);
+    void *session = _dh_init_sess(is_public ? KEXCLI_MODE_CLIENT : KEXCLI_MODE_SERVER, -1);
+    expect((session != nullptr) == is_key_line(text, model));
+    _dh_close_sess(session);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2)
         return 0;
-    void *client = _dh_init_sess(KEXCLI_MODE_CLIENT, -1), *server = _dh_init_sess(KEXCLI_MODE_SERVER, -1);
-    expect(client != nullptr && server != nullptr);
-    run(client, server, data[0] % TARGETS, data[1], std::string((const char *)data + 2, size - 2));
-    _dh_close_sess(client);
-    _dh_close_sess(server);
+    int target = data[0] % TARGETS;
+    size_t keep = data[1];
+    std::string bytes((const char *)data + 2, size - 2);
+    if (target >= SESSION_TARGETS) {
+        run_file(target, keep, bytes);
+    } else if (data[0] / TARGETS % 2 == 0) {
+        run_session(target, keep, bytes);
+    } else {
+        KeyFile own(KEXCLI_OWN_KEY, PRIVATE_LINE), peer(KEXCLI_PEER_KEY, PUBLIC_LINE);
+        run_session(target, keep, bytes);
+    }
     return 0;
 }

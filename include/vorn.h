@@ -12,6 +12,8 @@
 #include "vorn/fields.h"
 #include "vorn/flags.h"
 #include "vorn/groups.h"
+#include "vorn/keystore.h"
+#include "vorn/kmq.h"
 #include "vorn/log.h"
 #include "vorn/query.h"
 #include "vorn/queue.h"

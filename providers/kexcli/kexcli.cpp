@@ -25,7 +25,7 @@ void *_dh_init_sess(int mode, int)
     kex_session *session = new (memory) kex_session{};
     session->mode = mode;
     ERR_set_mark();
-    bool made = _kex_make_key(session);
+    bool made = _kex_take_lasting_key(session) && _kex_make_key(session);
     ERR_pop_to_mark();
     if (made)
         return session;
@@ -72,11 +72,12 @@ static bool begin_message(const kex_direction *direction, const uint8_t *head)
            EVP_CipherUpdate(direction->cipher, nullptr, &written, head, HEAD_SIZE) == 1;
 }
 
-static bool seal(const kex_direction *direction, uint8_t *destination, const uint8_t *source, int length)
+static bool seal(const kex_session *session, uint8_t *destination, const uint8_t *source, int length)
 {
+    const kex_direction *direction = &session->sending;
     uint8_t *content = destination + HEAD_SIZE;
     int written = 0, last = 0;
-    _kex_put_head(destination, MESSAGE_SEALED);
+    _kex_put_head(session, destination, MESSAGE_SEALED);
     return begin_message(direction, destination) &&
            EVP_CipherUpdate(direction->cipher, content, &written, source, length) == 1 && written == length &&
            EVP_CipherFinal_ex(direction->cipher, content + length, &last) == 1 && last == 0 &&
@@ -115,7 +116,7 @@ int _dh_encrypt(void *handle, void *destination, const void *source, int length)
         return -1;
     ERR_set_mark();
     bool sealed =
-        seal(direction, static_cast<uint8_t *>(destination), static_cast<const uint8_t *>(source), length);
+        seal(session, static_cast<uint8_t *>(destination), static_cast<const uint8_t *>(source), length);
     ERR_pop_to_mark();
     // The number is used up even by a message that failed halfway: a nonce must never serve twice.
     direction->number++;
@@ -131,7 +132,7 @@ int _dh_decrypt(void *handle, void *destination, const void *source, int length)
     kex_direction *direction = &session->receiving;
     const uint8_t *message = static_cast<const uint8_t *>(source);
     size_t size = static_cast<size_t>(length);
-    if (!can_go_on(session, direction) || !_kex_head_is(message, size, MESSAGE_SEALED, size))
+    if (!can_go_on(session, direction) || !_kex_head_is(session, message, size, MESSAGE_SEALED, size))
         return 0;
     ERR_set_mark();
     bool unsealed = unseal(direction, static_cast<uint8_t *>(destination), message, length - OVERHEAD);
@@ -151,6 +152,7 @@ void _dh_close_sess(void *handle)
     if (session == nullptr)
         return;
     EVP_PKEY_free(session->own_key);
+    EVP_PKEY_free(session->lasting_key);
     EVP_CIPHER_CTX_free(session->sending.cipher);
     EVP_CIPHER_CTX_free(session->receiving.cipher);
     OPENSSL_cleanse(session, sizeof *session);

@@ -32,8 +32,23 @@ extern "C" {
 #define KEXCLI_MAX_OUTPUT 260   /* _dh_negotiate never writes more */
 #define KEXCLI_MAX_OVERHEAD 512 /* the destination of _dh_encrypt has the source's length and this */
 
-/* A new session, or null: an unknown mode, no memory, no entropy. `fd` is the connection that the session is
- * for; it is not touched. The handle belongs to the caller, who ends it with _dh_close_sess.
+/* The environment variables, read by each _dh_init_sess of their side. Either names a key file, whose text is
+ * told in FORMAT.md; `clhsim --keygen` makes both halves.
+ *
+ * Client: with KEXCLI_PEER_KEY, the file with the public key of the server, only the server that has the
+ * private half is spoken with. Without the variable the server proves nothing, and somebody who answers in
+ * its place isn't noticed.
+ *
+ * Server: with KEXCLI_OWN_KEY, the file with its private key (on which nobody but the owner may have
+ * rights), it can give that proof. Without the variable it refuses clients that ask for one. Clients that
+ * don't ask are answered either way.
+ */
+#define KEXCLI_PEER_KEY "KEXCLI_PEER_KEY"
+#define KEXCLI_OWN_KEY "KEXCLI_OWN_KEY"
+
+/* A new session, or null: an unknown mode, no memory, no entropy, or the variable of this side is set and
+ * doesn't name a good key file (an empty name is none). `fd` is the connection that the session is for; it is
+ * not touched. The handle belongs to the caller, who ends it with _dh_close_sess.
  */
 void *_dh_init_sess(int mode, int fd);
 

@@ -8,22 +8,24 @@
 #include <stdint.h>
 
 #include "kexcli.h"
+#include "keyfile.h"
 
 extern "C" {
 
 // Every message, of the exchange and enciphered, begins with this head.
 constexpr size_t HEAD_SIZE = 4;
-constexpr uint8_t HEAD_MARK_0 = 'K';  // offset 0
-constexpr uint8_t HEAD_MARK_1 = 'X';  // offset 1
-constexpr uint8_t HEAD_VERSION = 1;   // offset 2; an exchange with a known key, say, is another version
+constexpr uint8_t HEAD_MARK_0 = 'K';     // offset 0
+constexpr uint8_t HEAD_MARK_1 = 'X';     // offset 1
+constexpr uint8_t VERSION_UNPROVED = 1;  // offset 2; nobody proves who he is
+constexpr uint8_t VERSION_PROVED = 2;  // the server proves that it has the lasting key that the client knows
 constexpr uint8_t MESSAGE_CLIENT_HELLO = 1;  // offset 3
 constexpr uint8_t MESSAGE_SERVER_HELLO = 2;
 constexpr uint8_t MESSAGE_CLIENT_FINISH = 3;
 constexpr uint8_t MESSAGE_SEALED = 4;
 
-constexpr size_t PUBLIC_KEY_SIZE = 32;  // X25519
-constexpr size_t CONFIRM_SIZE = 32;     // HMAC-SHA256
-constexpr size_t KEY_SIZE = 32;         // AES-256
+constexpr size_t PUBLIC_KEY_SIZE = RAW_KEY_SIZE;  // X25519
+constexpr size_t CONFIRM_SIZE = 32;               // HMAC-SHA256
+constexpr size_t KEY_SIZE = 32;                   // AES-256
 constexpr size_t NONCE_SIZE = 12;
 constexpr size_t TAG_SIZE = 16;
 
@@ -58,7 +60,10 @@ enum kex_state : int {
 struct kex_session {
     int mode;  // KEXCLI_MODE_*
     kex_state state;
-    EVP_PKEY *own_key;                        // the ephemeral key; freed as soon as the secret is derived
+    uint8_t version;        // VERSION_*, in the head of every message; the client chooses it
+    EVP_PKEY *own_key;      // the ephemeral key; freed as soon as the secret is derived
+    EVP_PKEY *lasting_key;  // server: its lasting key, null if it has none; freed with the ephemeral one
+    uint8_t server_public[PUBLIC_KEY_SIZE];   // of the lasting key; the client has it from its file
     uint8_t client_hello[CLIENT_HELLO_SIZE];  // as they went over the connection; the keys are bound to both
     uint8_t server_hello[SERVER_HELLO_SIZE];
     uint8_t client_confirm_key[KEY_SIZE];  // wiped when the exchange ends
@@ -68,10 +73,15 @@ struct kex_session {
 };
 
 // Writes the head of a message of the given kind.
-void _kex_put_head(uint8_t *message, uint8_t kind);
+void _kex_put_head(const kex_session *session, uint8_t *message, uint8_t kind);
 
-// Whether the bytes are a whole message of that kind with just that length.
-bool _kex_head_is(const uint8_t *message, size_t length, uint8_t kind, size_t expected_length);
+// Whether the bytes are a whole message of the session's version and that kind, with just that length.
+bool _kex_head_is(const kex_session *session, const uint8_t *message, size_t length, uint8_t kind,
+                  size_t expected_length);
+
+// Reads the lasting key that the environment names for this side, if it names one, and settles the version of
+// a client by it. False: a name is given and no good key is there.
+bool _kex_take_lasting_key(kex_session *session);
 
 // Makes this side's ephemeral key. False: no memory, no entropy.
 bool _kex_make_key(kex_session *session);

@@ -267,12 +267,16 @@ struct retired_block {
 
 void retire(void *memory, wthr_var *block)
 {
+    if (block->rolling != 0)
+        keep_until_end(memory, block);
+    else
+        free(memory);
+}
+
+void keep_until_end(void *memory, wthr_var *block)
+{
     if (memory == nullptr)
         return;
-    if (block->rolling == 0) {
-        free(memory);
-        return;
-    }
     retired_block *kept = (retired_block *)malloc(sizeof *kept);
     if (kept == nullptr)
         return;  // better lost than taken from under a thread that reads it

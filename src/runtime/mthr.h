@@ -233,6 +233,7 @@ void bind_row(wthr_elem *row);             // gives the row, and its context row
 // Frees a part of the session's state, at the end of the session if a rolling start replaces it: other threads
 // of the context may be reading it. By the thread that starts or ends the session.
 void retire(void *memory, wthr_var *block);
+void keep_until_end(void *memory, wthr_var *block);  // at the end of the session in any case
 void free_retired(wthr_var *block);
 
 // What field calls have allocated in the block. By the thread that ends the context, or its session.

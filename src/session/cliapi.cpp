@@ -105,6 +105,13 @@ void _clhc_close(int fd, wthr_var *block)
     block->session_token = -1;
 }
 
+void close_connections(wthr_var *block)
+{
+    _clhc_close(block->clhfd, block);
+    if (block->rolled != 0)
+        _clhc_close(block->old_clhfd, block);
+}
+
 void _clear_init_mem(wthr_var *block)
 {
     free(block->start_msg);
@@ -536,7 +543,7 @@ int tpend(void)
     _clr_tx_timer(block);
     close_kmq_sessions(block);
     bool taken = take_leave(block);
-    _clhc_close(block->clhfd, block);
+    close_connections(block);
     end_context_with(taken ? 0 : TPESYSTEM);
     return taken ? api_return(&TPEND, 1) : api_error(&frame, &TPEND);
 }

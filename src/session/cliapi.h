@@ -68,6 +68,8 @@ int32_t initout_count(const wthr_var *block, int32_t offset);  // one of the thr
 // Closes a socket of the session. Takes no lock: the send path calls it under msg_mutex, a signal handler
 // anywhere.
 void _clhc_close(int fd, wthr_var *block);
+// The current one, and the previous one of a rolling start. At the end of a session.
+void close_connections(wthr_var *block);
 void _clear_init_mem(wthr_var *block);  // drops what a start built
 int _abend_control(void);
 extern int32_t _endian_checked;  // 1 once _check_node has run

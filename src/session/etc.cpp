@@ -48,7 +48,7 @@ int tptobackup(void)
         return -1;
     VORN_TRACE(TPTOBACKUP.name, 2, TRACE_ENTRY, TPTOBACKUP.enter);
     wthr_var *block = frame.block;
-    _clhc_close(block->clhfd, block);
+    close_connections(block);
     msg_header *bare = block->start_msg == nullptr ? _header_msg_make(MSG_TPSTART, 0) : nullptr;
     msg_header *message = bare != nullptr ? bare : block->start_msg;
     if (message == nullptr)
@@ -71,7 +71,7 @@ int tpreset(void)
         return api_error(&frame, &TPRESET);
     }
     _clr_tx_timer(block);
-    _clhc_close(block->clhfd, block);
+    close_connections(block);
     close_kmq_sessions(block);
     end_context_with(0);
     return api_return(&TPRESET, 1);

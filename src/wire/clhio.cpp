@@ -57,6 +57,14 @@ bool has_waiter(const msg_header *message)
     case MSG_GET_ACTIVESVR:
     case MSG_SQ_REQUEST:
     case MSG_GETSPR:
+    case MSG_KMQ_OPEN_SESSION:
+    case MSG_KMQ_CLOSE_SESSION:
+    case MSG_KMQ_OPEN_OBJECT:
+    case MSG_KMQ_CLOSE_OBJECT:
+    case MSG_KMQ_SEND:
+    case MSG_KMQ_COMMIT:
+    case MSG_KMQ_ROLLBACK:
+    case MSG_KMQ_RECOVER:
         return true;
     case MSG_TPACALL:
         return (message->seqno & SEQNO_SHARED_CALL) != 0 || (message->flags & TPBLOCK) != 0;
@@ -234,7 +242,7 @@ static bool send_in_place(int fd, msg_header *message, wthr_var *block)
     return sent;
 }
 
-// The descriptor was chosen before the lock; the reader may have closed the socket since, and its number may
+// A descriptor that was chosen before the lock: the reader may have closed the socket since, and its number may
 // be the application's now. Expects msg_mutex, under which sockets are closed.
 static bool is_gone(int fd, const wthr_var *block)
 {
@@ -247,15 +255,21 @@ static bool heeds_warnings(const msg_header *message)
     return message->msgtype != MSG_TPSTART && message->msgtype != MSG_TPEND;
 }
 
+// CURRENT_SOCKET is whatever the current one is once the lock is held: until then another thread may move the
+// session, and the socket that was current before may have ended.
+constexpr int CURRENT_SOCKET = -2;
+
 static int send_on(int fd, msg_header *message, wthr_var *block)
 {
-    set_acall_fd(fd, message, block);
     _thread_mutex_lock(&block->msg_mutex);
+    if (fd == CURRENT_SOCKET)
+        fd = block->clhfd;
     if (is_gone(fd, block)) {
         _thread_mutex_unlock(&block->msg_mutex);
         set_tperrno(TPEOS);
         return -1;
     }
+    set_acall_fd(fd, message, block);
     stamp_call(message, block);
     bool sent =
         must_be_converted(message) ? send_converted(fd, message, block) : send_in_place(fd, message, block);
@@ -282,6 +296,6 @@ int _send_csmsg_to_clh(msg_header *message, wthr_var *block)
 {
     if (heeds_warnings(message) && heed_warnings(block->clhfd, block) < 0)
         return -1;
-    return send_on(block->clhfd, message, block);
+    return send_on(CURRENT_SOCKET, message, block);
 }
 }

@@ -19,7 +19,8 @@ int _clh_write_error(int result, int expected, wthr_var *block);
 
 // True for a message whose sender will wait for the answer and is counted in waiter_count from the send on: a
 // TPCALL, a marked TPACALL, a TPACALL with TPBLOCK, a commit or rollback, a TPCONNECT, a TPPOST, a TPNOTIFY
-// that is to be acknowledged, the requests of queues, the key store's, and questions. Another thread may read
+// that is to be acknowledged, the requests of queues, the key store's, the message service's but for that of a
+// message and its acknowledgement, and questions. Another thread may read
 // the answer before its waiter comes. As a template of a wait a TPACALL_BLOCK counts too: it stands for the
 // TPACALL with TPBLOCK that waits for its receipt.
 bool has_waiter(const msg_header *message);

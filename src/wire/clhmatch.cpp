@@ -319,19 +319,28 @@ int _unmatched_msg_process(msg_header *message, wthr_var *block)
 constexpr int ROLLING_WAIT_MILLISECONDS = 60000;
 constexpr unsigned char DOWN_WARNING = 217;
 
+// What the thread that runs the move sends meanwhile, an acknowledgement or an application's call in a handler,
+// can't wait for its end. 0, or ETIMEDOUT. Expects roll_mutex.
+static int await_end_of_move(wthr_var *block)
+{
+    if (is_moving(block))
+        return 0;
+    int result = 0;
+    timespec deadline = deadline_in(ROLLING_WAIT_MILLISECONDS);
+    while (block->rolling != 0 && result == 0)
+        result = pthread_cond_timedwait(&block->roll_cond, &block->roll_mutex, &deadline);
+    return result;
+}
+
 int _wait_while_rolling_start(int fd, wthr_var *block)
 {
     if (block->new_clhfd == fd)
         return -1;
-    // Nearly every message comes by here, and nearly none meets a rolling start. What the thread that runs it
-    // sends, an acknowledgement or an application's call in a handler, can't wait for its end.
-    if (block->rolling == 0 || is_moving(block))
+    // Nearly every message comes by here, and nearly none meets a rolling start.
+    if (block->rolling == 0)
         return 0;
-    int result = 0;
-    timespec deadline = deadline_in(ROLLING_WAIT_MILLISECONDS);
     _thread_mutex_lock(&block->roll_mutex);
-    while (block->rolling != 0 && result == 0)
-        result = pthread_cond_timedwait(&block->roll_cond, &block->roll_mutex, &deadline);
+    int result = await_end_of_move(block);
     _thread_mutex_unlock(&block->roll_mutex);
     return result;
 }
@@ -385,9 +394,9 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
         return 0;
     if (block->started == 0)
         return 0;  // a start that is given back is a refused one: there is no session yet to move elsewhere
-    _wait_while_rolling_start(block->clhfd, block);
     _thread_mutex_lock(&block->roll_mutex);
-    if (block->old_clhfd < 0 && block->clhfd >= 0 && block->rolling_failed == 0)
+    await_end_of_move(block);  // no second move may begin beside it, nor where this thread runs it itself
+    if (block->rolling == 0 && block->old_clhfd < 0 && block->clhfd >= 0 && block->rolling_failed == 0)
         run_rolling_start(block);
     _thread_cond_broadcast(&block->roll_cond);
     _thread_mutex_unlock(&block->roll_mutex);

@@ -18,6 +18,7 @@
 #include "calls/convapi.h"
 #include "calls/cscommon.h"
 #include "calls/unsolapi.h"
+#include "kmq/kmqapi.h"
 #include "fields/fbcommon2.h"
 #include "runtime/errlog.h"
 #include "runtime/mthr.h"
@@ -238,6 +239,8 @@ static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
         return take_conversation_message(want, block);
     if (want->msgtype == MSG_TPGETUNSOL)
         return take_unsolicited(want->cd, block);
+    if (want->msgtype == MSG_KMQ_GETNEXT)
+        return take_saved_message(want, block);
     if (want->msgtype == MSG_TPRQS)
         return has_queue_reply(want->target, block) ? _dequeue_qcall_q(want->target, block) : nullptr;
     if (want->msgtype != MSG_TPACALL || has_waiter(want))

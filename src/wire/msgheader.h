@@ -108,9 +108,17 @@ enum message_type : int32_t {
     MSG_GET_ACTIVESVR = 166,
     MSG_SQ_REQUEST = 181,
     MSG_GETSPR = 225,
+    MSG_KMQ_OPEN_SESSION = 500,
     MSG_KMQ_CLOSE_SESSION = 501,
+    MSG_KMQ_OPEN_OBJECT = 502,
+    MSG_KMQ_CLOSE_OBJECT = 503,
+    MSG_KMQ_SEND = 504,
     MSG_KMQ_GETNEXT = 505,
-    MSG_KMQ_DELIVERY = 507
+    MSG_KMQ_ACK = 506,
+    MSG_KMQ_DELIVERY = 507,
+    MSG_KMQ_COMMIT = 508,
+    MSG_KMQ_ROLLBACK = 509,
+    MSG_KMQ_RECOVER = 510
 };
 
 // 501 with this bit of `flags`: the server closed the session.

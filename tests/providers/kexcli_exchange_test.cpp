@@ -321,7 +321,8 @@ TEST(KexExchange, OnlyTheFiveNamesAreShown)
     for (const char *name :
          {"_dh_init_sess", "_dh_negotiate", "_dh_encrypt", "_dh_decrypt", "_dh_close_sess"})
         EXPECT_NE(dlsym(RTLD_DEFAULT, name), nullptr) << name;
-    for (const char *name : {"_kex_step", "_kex_put_head", "_kex_head_is", "_kex_make_key"})
+    for (const char *name : {"_kex_step", "_kex_put_head", "_kex_head_is", "_kex_make_key",
+                             "_kex_take_lasting_key", "_kex_read_key_file", "kexcli_make_key_files"})
         EXPECT_EQ(dlsym(RTLD_DEFAULT, name), nullptr) << name;
 }
 
