@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <sched.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 int64_t now_ns()
 {
@@ -95,8 +99,46 @@ schedule crew_schedule(const settings &chosen)
     return chosen.quick ? schedule{6, 40'000'000} : schedule{30, 60'000'000};
 }
 
+static void write_whole(int fd, const void *bytes, size_t size)
+{
+    for (const char *next = (const char *)bytes; size > 0;) {
+        ssize_t done = write(fd, next, size);
+        if (done <= 0)
+            give_up("a pipe of the benchmark is broken");
+        next += done;
+        size -= (size_t)done;
+    }
+}
+
+static void read_whole(int fd, void *bytes, size_t size)
+{
+    for (char *next = (char *)bytes; size > 0;) {
+        ssize_t done = read(fd, next, size);
+        if (done <= 0)
+            give_up("a process of the benchmark has ended");
+        next += done;
+        size -= (size_t)done;
+    }
+}
+
+// The figures of one round: its rate, the number of its trips, their times.
+static void take_round(const apart *other, int64_t length, series *result)
+{
+    double rate;
+    uint64_t count;
+    write_whole(other->orders, &length, sizeof length);
+    read_whole(other->figures, &rate, sizeof rate);
+    read_whole(other->figures, &count, sizeof count);
+    size_t before = result->times.size();
+    result->times.resize(before + count);
+    read_whole(other->figures, result->times.data() + before, count * sizeof(uint32_t));
+    result->rates.push_back(rate);
+}
+
 static void run_round(const contender &runner, int64_t length, series *result)
 {
+    if (runner.elsewhere != nullptr)
+        return take_round(runner.elsewhere, length, result);
     for (int i = 0; i < 3; i++)  // caches and sockets warm again after the other's round
         runner.once();
     int64_t begin = now_ns(), last = begin;
@@ -119,6 +161,48 @@ std::vector<series> alternate(const std::vector<contender> &contenders, schedule
         for (size_t i = 0; i < contenders.size(); i++)
             run_round(contenders[i], plan.round_ns, &results[i]);
     return results;
+}
+
+[[noreturn]] static void run_as_ordered(const contender &runner, int orders, int figures)
+{
+    int64_t length;
+    while (read(orders, &length, sizeof length) == (ssize_t)sizeof length) {
+        series round;
+        run_round(runner, length, &round);
+        uint64_t count = round.times.size();
+        write_whole(figures, &round.rates[0], sizeof(double));
+        write_whole(figures, &count, sizeof count);
+        write_whole(figures, round.times.data(), count * sizeof(uint32_t));
+    }
+    _exit(0);
+}
+
+apart start_apart(const std::function<trip()> &set_up)
+{
+    int orders[2], figures[2];
+    if (pipe(orders) != 0 || pipe(figures) != 0)
+        give_up("no pipes");
+    pid_t pid = fork();
+    if (pid < 0)
+        give_up("no process of its own for a contender");
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        close(orders[1]);
+        close(figures[0]);
+        run_as_ordered({"", set_up()}, orders[0], figures[1]);
+    }
+    close(orders[0]);
+    close(figures[1]);
+    return {pid, orders[1], figures[0]};
+}
+
+void stop_apart(apart *other)
+{
+    close(other->orders);
+    close(other->figures);
+    kill(other->pid, SIGKILL);  // later ones hold the other end of its pipe too: it would wait on
+    waitpid(other->pid, nullptr, 0);
+    other->pid = -1;
 }
 
 // The threads of one contender. They sleep outside their rounds.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 struct settings {
@@ -35,10 +36,22 @@ struct series {
 
 using trip = std::function<void()>;
 
+// A contender that is a process of its own, for what is the process's in the library: the parent has it run its
+// rounds, and takes the figures from it.
+struct apart {
+    pid_t pid;
+    int orders, figures;  // pipes
+};
+
 struct contender {
     std::string name;
     trip once;
+    const apart *elsewhere = nullptr;  // runs the rounds in place of `once`
 };
+
+// Makes such a process, before the caller's own first use of the library. `set_up` runs in it and gives its trip.
+apart start_apart(const std::function<trip()> &set_up);
+void stop_apart(apart *other);
 
 // How long to measure.
 struct schedule {

@@ -30,6 +30,14 @@ static constexpr scenario SCENARIOS[] = {
     {"multicasts-pinned", "tpmcallx over 100 groups, both on one core", multicasts, placement::one_core},
     {"multicasts-two-cores", "tpmcallx over 100 groups, each on a core of its own", multicasts,
      placement::two_cores},
+    {"enciphered-pinned", "enciphered tpcall, both on one core", enciphered, placement::one_core},
+    {"enciphered-two-cores", "enciphered tpcall, each on a core of its own", enciphered,
+     placement::two_cores},
+    {"rolling-pinned", "a rolling start under load, all on one core", rolling, placement::one_core},
+    {"rolling-two-cores", "a rolling start under load, the servers on another core", rolling,
+     placement::two_cores},
+    {"keys-pinned", "get and put of the key store, both on one core", keys, placement::one_core},
+    {"keys-two-cores", "get and put of the key store, each on a core of its own", keys, placement::two_cores},
     {"threads-pinned", "threads, 4 bytes, all on one core", threads, placement::one_core},
     {"threads-two-cores", "threads, 4 bytes, the responder on another core", threads, placement::two_cores},
     {"threads-unpinned", "threads, 4 bytes, unpinned", threads, placement::anywhere},
@@ -47,7 +55,7 @@ static constexpr scenario SCENARIOS[] = {
 static void usage(FILE *to)
 {
     fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
-          "  --quick        short rounds, about a minute in all; without it five and a half\n"
+          "  --quick        short rounds, a minute and a half in all; without it eight\n"
           "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
           "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
           "scenarios:\n",

@@ -16,6 +16,10 @@ void transactions(const settings &chosen, placement where);
 // Requests into a queue, messages and answers out of it; calls to all groups of a service.
 void queues(const settings &chosen, placement where);
 void multicasts(const settings &chosen, placement where);
+// Enciphered sessions beside plain ones; a move to another server under load; the key store.
+void enciphered(const settings &chosen, placement where);
+void rolling(const settings &chosen, placement where);
+void keys(const settings &chosen, placement where);
 // 1 to 16 threads, on one connection and on one each.
 void threads(const settings &chosen, placement where);
 // What doesn't talk to the server runs on one core, wherever it is asked to.

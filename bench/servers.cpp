@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <kexcli.h>
+#include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -21,6 +23,7 @@ enum header_offset : size_t {
     AT_BUFSIZE = 12,
     AT_MSGTYPE = 16,
     AT_RCODE = 20,
+    AT_TARGET = 28,
     AT_PRIO = 32,
     AT_VALUE = 36,
     AT_XID = 40,
@@ -31,13 +34,19 @@ enum header_offset : size_t {
     AT_SESSID = 112
 };
 constexpr uint32_t START = 1, CONNECT = 5, SEND = 6, DISCON = 8, ENQUEUE = 17, DEQUEUE = 18, INIT = 21,
-                   STORED = 25, GROUPS = 46, REPLY = 1000;
+                   STORED = 25, GROUPS = 46, KEYS = 181, REPLY = 1000;
+constexpr uint32_t GET_KEY = 2, HEADER_ONLY = 9;
 constexpr uint32_t CARRAY = 4;                         // kind of data
 constexpr uint32_t ENQUEUE_UNANSWERED = 0x4 | 0x4000;  // no service's answer follows the acceptance
 constexpr uint32_t HANDS_OVER = 0x1000;   // mark of a conversation's message: the other side may send now
 constexpr uint32_t CONVERSATION = 12345;  // descriptor of each conversation: a connection has one at a time
 constexpr uint32_t CONVERSATION_ROWS = 64, BLOCK_SECONDS = 60, TRANSACTION_SECONDS = 60;
 constexpr size_t LONGEST_MESSAGE = 1 << 20;
+constexpr char WARNING = (char)217;  // one urgent byte: the server is going down
+
+// An envelope's head: 77777777, the payload's length, 10, the kind of message.
+constexpr size_t ENVELOPE_HEAD = 16;
+constexpr uint32_t ENVELOPE_MARK = 77777777, ENVELOPE_BUFTYPE = 10, STEP = 1, SEALED = 3;
 
 static uint32_t word_at(const char *bytes)
 {
@@ -175,6 +184,20 @@ static size_t give_message(char *head)
     return fill_data(head, size < LONGEST_MESSAGE / 2 ? size : 0);
 }
 
+// What a key keeps: a message of so many bytes as the key says, behind the key. A put is accepted unseen.
+static size_t answer_key_store(char *head)
+{
+    size_t key = word_at(head + AT_TARGET), size = (size_t)atoi(head + MESSAGE_HEAD);
+    if (word_at(head + AT_RCODE) != GET_KEY || key > LONGEST_MESSAGE / 4 || size > LONGEST_MESSAGE / 2) {
+        set_word(head + AT_BUFTYPE, HEADER_ONLY);
+        set_word(head + AT_DATALEN, 0);
+        return MESSAGE_HEAD;
+    }
+    char *value = head + MESSAGE_HEAD + key;
+    memcpy(value, head, MESSAGE_HEAD);
+    return fill_data(head, key + fill_data(value, size));
+}
+
 // Turns the message at the front of `bytes` into its answer; the answer's size, 0 where none is due.
 static size_t turn_into_answer(char *bytes, size_t size)
 {
@@ -198,37 +221,118 @@ static size_t turn_into_answer(char *bytes, size_t size)
         return give_message(bytes);
     case GROUPS:
         return tell_groups(bytes);
+    case KEYS:
+        return answer_key_store(bytes);
     default:
         return size;  // calls, and commits: their result is the request's rcode, which is 0
     }
 }
 
+// Room for a message and for an answer that is longer, not cleared: to touch it all takes longer than a
+// login.
+using room = std::unique_ptr<char[]>;
+
+static room new_room()
+{
+    return room(new char[2 * LONGEST_MESSAGE + KEXCLI_MAX_OVERHEAD]);
+}
+
+// What has come on a connection and isn't answered yet.
+struct stream {
+    int fd;
+    size_t head_size, length_at;  // a frame is its head, and as many bytes more as the head's word there says
+    room buffer = new_room();
+    size_t there = 0;
+};
+
+// The size of the frame at the front, once all of it has come; 0 at the end of the stream. The first read
+// takes whatever is there; a long frame's rest then comes with one more.
+static size_t await_frame(stream *from)
+{
+    char *bytes = from->buffer.get();
+    for (;;) {
+        bool has_head = from->there >= from->head_size;
+        size_t wanted = from->head_size + (has_head ? word_at(bytes + from->length_at) : 0);
+        if (wanted > LONGEST_MESSAGE)
+            return 0;
+        if (has_head && from->there >= wanted)
+            return wanted;
+        size_t most = has_head ? wanted - from->there : LONGEST_MESSAGE - from->there;
+        ssize_t got = recv(from->fd, bytes + from->there, most, has_head ? MSG_WAITALL : 0);
+        if (got <= 0)
+            return 0;
+        from->there += (size_t)got;
+    }
+}
+
+// An answer that is longer than its request goes over what came behind it: such requests come one by one.
 static void answer_protocol(int fd)
 {
-    std::vector<char> buffer(2 * LONGEST_MESSAGE);  // an enqueue's answer is longer than its request
-    size_t there = 0;
-    for (;;) {
-        size_t wanted = MESSAGE_HEAD;
-        if (there >= MESSAGE_HEAD)
-            wanted += word_at(buffer.data() + AT_DATALEN);
-        if (wanted > LONGEST_MESSAGE)
+    stream from = {fd, MESSAGE_HEAD, AT_DATALEN};
+    char *bytes = from.buffer.get();
+    while (size_t size = await_frame(&from)) {
+        size_t answer = turn_into_answer(bytes, size);
+        if (!reply_all(fd, bytes, answer))
             return;
-        if (there < wanted) {
-            // The first read takes whatever is there; a long message's rest then comes with one more.
-            bool rest = there >= MESSAGE_HEAD;
-            ssize_t got = rest ? recv(fd, buffer.data() + there, wanted - there, MSG_WAITALL)
-                               : recv(fd, buffer.data() + there, LONGEST_MESSAGE - there, 0);
-            if (got <= 0)
-                return;
-            there += (size_t)got;
-            continue;
-        }
-        there -= wanted;
-        size_t answer = turn_into_answer(buffer.data(), wanted);
-        if (!reply_all(fd, buffer.data(), answer))
-            return;
-        memmove(buffer.data(), buffer.data() + wanted, there);
+        if (strcmp(bytes + AT_SVCNAME, WARN_NAME) == 0)
+            send(fd, &WARNING, 1, MSG_OOB | MSG_NOSIGNAL);
+        from.there -= size;
+        memmove(bytes, bytes + size, from.there);
     }
+}
+
+static size_t put_envelope(char *head, uint32_t kind, int payload)
+{
+    set_word(head, ENVELOPE_MARK);
+    set_word(head + 4, (uint32_t)payload);
+    set_word(head + 8, ENVELOPE_BUFTYPE);
+    set_word(head + 12, kind);
+    return ENVELOPE_HEAD + (size_t)payload;
+}
+
+// The cipher's steps, until the keys stand.
+static bool exchange_keys(stream *from, void *cipher)
+{
+    char out[ENVELOPE_HEAD + KEXCLI_MAX_OUTPUT];
+    int state = KEXCLI_RECEIVE;
+    while (state == KEXCLI_RECEIVE || state == KEXCLI_EXCHANGE) {
+        size_t size = await_frame(from);
+        if (size == 0)
+            return false;
+        char *bytes = from->buffer.get();
+        int32_t length = 0;
+        state = _dh_negotiate(cipher, bytes + ENVELOPE_HEAD, (int)(size - ENVELOPE_HEAD), out + ENVELOPE_HEAD,
+                              &length);
+        from->there -= size;
+        memmove(bytes, bytes + size, from->there);
+        if (length > 0 && !reply_all(from->fd, out, put_envelope(out, STEP + REPLY, length)))
+            return false;
+    }
+    return state == KEXCLI_FINISHED || state == KEXCLI_SEND_LAST;
+}
+
+// As answer_protocol, each message in an envelope.
+static void answer_enciphered(int fd)
+{
+    stream from = {fd, ENVELOPE_HEAD, 4};
+    char *bytes = from.buffer.get();
+    room plain = new_room(), sealed = new_room();
+    void *cipher = _dh_init_sess(KEXCLI_MODE_SERVER, fd);
+    bool open = exchange_keys(&from, cipher);
+    while (open) {
+        size_t frame = await_frame(&from);
+        if (frame == 0)
+            break;
+        int size = _dh_decrypt(cipher, plain.get(), bytes + ENVELOPE_HEAD, (int)(frame - ENVELOPE_HEAD));
+        from.there -= frame;
+        memmove(bytes, bytes + frame, from.there);
+        if (size < (int)MESSAGE_HEAD)
+            break;
+        size_t answer = turn_into_answer(plain.get(), (size_t)size);
+        int payload = _dh_encrypt(cipher, sealed.get() + ENVELOPE_HEAD, plain.get(), (int)answer);
+        open = payload > 0 && reply_all(fd, sealed.get(), put_envelope(sealed.get(), SEALED, payload));
+    }
+    _dh_close_sess(cipher);
 }
 
 static int listen_on_free_port(int *port)
@@ -245,20 +349,26 @@ static int listen_on_free_port(int *port)
     return fd;
 }
 
-[[noreturn]] static void serve(int protocol_fd, int bare_fd)
+struct listener {
+    int fd;
+    void (*answer)(int fd);
+};
+
+[[noreturn]] static void serve(const std::vector<listener> &ports)
 {
-    pollfd ports[2] = {{protocol_fd, POLLIN, 0}, {bare_fd, POLLIN, 0}};
+    std::vector<pollfd> ready;
+    for (const listener &port : ports)
+        ready.push_back({port.fd, POLLIN, 0});
     for (;;) {
-        poll(ports, 2, -1);
-        for (const pollfd &port : ports) {
-            if ((port.revents & POLLIN) == 0)
+        poll(ready.data(), ready.size(), -1);
+        for (size_t i = 0; i < ports.size(); i++) {
+            if ((ready[i].revents & POLLIN) == 0)
                 continue;
-            int fd = accept(port.fd, nullptr, nullptr);
+            int fd = accept(ports[i].fd, nullptr, nullptr);
             if (fd < 0)
                 continue;
             no_delay(fd);
-            auto answer = port.fd == protocol_fd ? answer_protocol : answer_bare;
-            std::thread([fd, answer] {
+            std::thread([fd, answer = ports[i].answer] {
                 answer(fd);
                 close(fd);
             }).detach();
@@ -269,18 +379,19 @@ static int listen_on_free_port(int *port)
 server start_responder(uint32_t outstanding)
 {
     server peer;
-    int protocol_fd = listen_on_free_port(&peer.protocol_port),
-        bare_fd = listen_on_free_port(&peer.bare_port);
+    std::vector<listener> ports = {{listen_on_free_port(&peer.protocol_port), answer_protocol},
+                                   {listen_on_free_port(&peer.bare_port), answer_bare},
+                                   {listen_on_free_port(&peer.cipher_port), answer_enciphered}};
     peer.pid = fork();
     if (peer.pid < 0)
         give_up("fork: %s", strerror(errno));
     if (peer.pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         acall_rows = outstanding;
-        serve(protocol_fd, bare_fd);
+        serve(ports);
     }
-    close(protocol_fd);
-    close(bare_fd);
+    for (const listener &port : ports)
+        close(port.fd);
     return peer;
 }
 
@@ -319,24 +430,60 @@ void stop_server(server *peer)
     peer->pid = -1;
 }
 
-void point_library_at(const server &peer)
+static void set_address(const char *variable, int port)
 {
-    std::string address = "127.0.0.1:" + std::to_string(peer.protocol_port);
-    setenv("VORN_HOST_ADDR", address.c_str(), 1);
+    std::string address = "127.0.0.1:" + std::to_string(port);
+    setenv(variable, address.c_str(), 1);
 }
 
-int connect_bare(const server &peer, uint32_t size)
+void point_library_at(const server &peer)
+{
+    set_address("VORN_HOST_ADDR", peer.protocol_port);
+}
+
+void point_enciphered_at(const server &peer)
+{
+    setenv("VORN_SEMANTICS", "CRYPT_SW=Y", 1);
+    set_address("VORN_HOST_ADDR", peer.cipher_port);
+}
+
+void point_backup_at(const server &peer)
+{
+    set_address("VORN_BACKUP_ADDR", peer.protocol_port);
+}
+
+static int connect_to(int port)
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons((uint16_t)peer.bare_port);
+    address.sin_port = htons((uint16_t)port);
     if (fd < 0 || connect(fd, (sockaddr *)&address, sizeof address) != 0)
         give_up("can't connect: %s", strerror(errno));
     no_delay(fd);
+    return fd;
+}
+
+int connect_bare(const server &peer, uint32_t size)
+{
+    int fd = connect_to(peer.bare_port);
     char first[4];
     set_word(first, size);
     send_all(fd, first, sizeof first);
     return fd;
+}
+
+void log_in_bare(const server &peer)
+{
+    char message[4096] = {};
+    int fd = connect_to(peer.protocol_port);
+    set_word(message + AT_MSGTYPE, START);
+    send_all(fd, message, MESSAGE_HEAD);
+    receive_all(fd, message, MESSAGE_HEAD);
+    size_t rest = word_at(message + AT_DATALEN);
+    if (rest > sizeof message)
+        give_up("a start reply of %zu bytes", rest);
+    receive_all(fd, message, rest);
+    close(fd);
 }

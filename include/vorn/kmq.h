@@ -14,7 +14,8 @@
  * Errors are told by tperrno, and all calls but three clear it at their entry. kmq_sendex, kmq_recvex and
  * kmq_ack DON'T: a number that an earlier failure left there makes them take a good reply for a failure. A
  * received message then stands in the buffer all the same, unacknowledged, and a sent one has been sent.
- * Clear it before each of the three: tperrno = 0. kmq_browser_nextmsg, kmq_browser_get_msgselector and
+ * In waits without a limit the number is cleared on the way; don't count on it. Clear it before each of the
+ * three: tperrno = 0. kmq_browser_nextmsg, kmq_browser_get_msgselector and
  * kmq_browser_get_queue don't clear it either, and set it only where it was 0 or as told. */
 #ifndef VORN_KMQ_H
 #define VORN_KMQ_H
@@ -124,7 +125,7 @@ kmq_consumer *kmq_create_browser(kmq_session *session, const char *queue, const 
 int kmq_close_browser(kmq_consumer *browser, int flags);
 /* The message behind the last one, in `*msg`, which a larger one replaces. Waits without a limit. 1, or -1
  * with tperrno: TPEINVAL, TPEOTYPE (no typed buffer), TPECLOSE, TPESYSTEM, what the server gives at the
- * queue's end. */
+ * queue's end. Where no answer comes at all, the buffer has been freed and `*msg` is null. */
 int kmq_browser_nextmsg(kmq_consumer *browser, char **msg, int extra);
 /* Copy a text with its NUL; `*len` is the room and takes the length with the NUL. A null `len` is no test.
  * -1 with TPEINVAL, TPENOENT (no selector), TPESYSTEM (no queue). */

@@ -41,6 +41,13 @@ static void mark_transaction_of(int index, wthr_var *block)
         _check_rollback(block);
 }
 
+// A row of a table that a move has replaced is another conversation's by now.
+static void release_row(int index, int32_t generation, wthr_var *block)
+{
+    if (generation == block->conv_generation)
+        release_conversation(index, block);
+}
+
 int _vorn_send_discon(int cd, wthr_var *block)
 {
     msg_header *message = _header_msg_make(MSG_TPDISCON, 0);
@@ -49,15 +56,16 @@ int _vorn_send_discon(int cd, wthr_var *block)
         return -1;
     }
     message->cd = cd;
-    int sent = _send_csmsg_to_clh(message, block);
+    int sent = send_in_conversation(message, block->conv_generation, block);
     free(message);
     return sent;
 }
 
 int end_conversation(int index, wthr_var *block)
 {
+    int32_t generation = block->conv_generation;
     int sent = _vorn_send_discon(block->conv[index].cd, block);
-    release_conversation(index, block);
+    release_row(index, generation, block);
     return sent;
 }
 
@@ -151,11 +159,24 @@ int note_conversation_end(msg_header *message, wthr_var *block)
 
 static int fail_and_release(const api_frame *frame, int index, int32_t generation, int code)
 {
-    if (generation == frame->block->conv_generation)  // otherwise the row is another conversation's
-        release_conversation(index, frame->block);
+    release_row(index, generation, frame->block);
     if (code != 0)
         set_tperrno(code);
     return api_error(frame, &TPCONNECT);
+}
+
+// The row of a conversation that has been accepted. A connect that moved with the session, because the server
+// gave it back, has none as yet. -1 with tperrno set, and the conversation broken off.
+static int row_of_connection(int index, int32_t generation, int cd, long flags, wthr_var *block)
+{
+    if (generation == block->conv_generation)
+        return index;
+    int made = _create_conv_entry(cd, (uint32_t)flags | CONV_OUT, block);
+    if (made < 0) {
+        _vorn_send_discon(cd, block);
+        set_tperrno(TPELIMIT);
+    }
+    return made;
 }
 
 // Waits for the server's answer to a connect. The descriptor, which the row bears too, or -1 with tperrno
@@ -173,9 +194,9 @@ static int await_connection(int index, int32_t generation, long flags, wthr_var 
         _check_tx_state(MSG_TPCONNECT, transactional, block);
         return -1;
     }
-    // The conversation doesn't outlive a rolling start, which makes the table anew.
-    bool accepted = reply->msgtype == MSG_TPCONNECT + REPLY && reply->cd >= 0 && index < block->conv_size &&
-                    generation == block->conv_generation;
+    // A conversation with the previous server is over as soon as the session has moved.
+    bool accepted = reply->msgtype == MSG_TPCONNECT + REPLY && reply->cd >= 0 &&
+                    reply->target == block->conv_generation;
     int code = accepted ? 0 : (int)reply->flags, cd = reply->cd;
     free(reply);
     if (!accepted) {
@@ -183,6 +204,9 @@ static int await_connection(int index, int32_t generation, long flags, wthr_var 
         _check_tx_state(MSG_TPCONNECT, transactional, block);
         return -1;
     }
+    index = row_of_connection(index, generation, cd, flags, block);
+    if (index < 0)
+        return -1;
     if (tx_state_of(block) == TX_STATE_TIMED_OUT) {
         set_tperrno(TPETIME);
         return -1;
@@ -224,7 +248,8 @@ int tpconnect(char *svc, char *data, long len, long flags)
     set_tperrno(0);
     if (send_request(message, data, block) < 0)
         return fail_and_release(&frame, index, generation, 0);
-    if (generation != block->conv_generation) {  // the send has moved to another server
+    // Behind a move the request has gone to the new server.
+    if (generation != block->conv_generation && last_sent_fd() == block->clhfd) {
         generation = block->conv_generation;
         index = _create_conv_entry(0, (uint32_t)flags | CONV_OUT, block);
         if (index < 0) {
@@ -271,6 +296,7 @@ int tpsend(int cd, char *data, long len, long flags, long *revent)
     if (revent == nullptr)
         return api_fail(&frame, &TPSEND, TPEINVAL);
     *revent = 0;
+    int32_t generation = block->conv_generation;
     int index = open_row(cd, block);
     if (index < 0)
         return api_error(&frame, &TPSEND);
@@ -301,9 +327,10 @@ int tpsend(int cd, char *data, long len, long flags, long *revent)
     message->datalen = length;
     message->flags = (uint32_t)(flags & TPRECVONLY);
     message->cd = cd;
-    if (send_request(message, data, block) < 0)
-        return api_error(&frame, &TPSEND);
-    return api_return(&TPSEND, 1);
+    int sent = send_in_conversation(message, generation, block);
+    if (data == nullptr)
+        free(message);
+    return sent < 0 ? api_error(&frame, &TPSEND) : api_return(&TPSEND, 1);
 }
 
 // --- tprecv.
@@ -438,6 +465,7 @@ int tprecv(int cd, char **data, long *len, long flags, long *revent)
     if (revent == nullptr)
         return api_fail(&frame, &TPRECV, TPEINVAL);
     *revent = 0;
+    int32_t generation = block->conv_generation;
     int index = open_row(cd, block);
     if (index < 0)
         return api_error(&frame, &TPRECV);
@@ -451,6 +479,7 @@ int tprecv(int cd, char **data, long *len, long flags, long *revent)
     msg_header *buffer = message_of(*data), *message = nullptr;
     buffer->msgtype = MSG_TPRECV;
     buffer->rcode = index;
+    buffer->target = generation;
     buffer->datalen = buffer->bufsize;
     buffer->flags = (uint32_t)flags;
     buffer->cd = cd;
@@ -464,7 +493,7 @@ int tprecv(int cd, char **data, long *len, long flags, long *revent)
         return end_with_event(&frame, index);
     } else {
         message = await_message(buffer, flags, block);
-        index = _get_conv_cd_ind(cd, block);
+        index = generation == block->conv_generation ? _get_conv_cd_ind(cd, block) : -1;
     }
     if (message == nullptr)
         return api_error(&frame, &TPRECV);
@@ -485,6 +514,7 @@ int tpdiscon(int cd)
         return -1;
     wthr_var *block = frame.block;
     set_tperrno(0);
+    int32_t generation = block->conv_generation;
     int index = open_row(cd, block);
     if (index < 0)
         return api_error(&frame, &TPDISCON);
@@ -493,7 +523,7 @@ int tpdiscon(int cd)
     mark_transaction_of(index, block);
     if (_vorn_send_discon(cd, block) < 0)
         return api_error(&frame, &TPDISCON);
-    release_conversation(index, block);
+    release_row(index, generation, block);
     return api_return(&TPDISCON, 1);
 }
 }

@@ -85,7 +85,10 @@ static bool remake_conv(int size, wthr_var *block)
         free_nodes_and_messages(table[i].head);
         clear_conv_row(&table[i]);
     }
-    block->conv_generation++;
+    if (block->rolling != 0) {
+        block->conv_generation++;
+        end_waits_of_conversations(block);
+    }
     block->conv_active = 0;
     block->conv_size = 0;
     if (size > 0 && size <= block->conv_room && block->rolling != 0) {
@@ -285,6 +288,24 @@ bool awaits_reply_on(int fd, const wthr_var *block)
     return false;
 }
 
+void fail_calls_on(int fd, wthr_var *block)
+{
+    for (int i = 0; i < block->acall_size; i++) {
+        acall_elem *row = &block->acall[i];
+        if (row->fd != fd || row->cd == -1 || row->reply != nullptr)
+            continue;
+        msg_header *reply = _header_msg_make(MSG_TPACALL + ERROR_REPLY, 0);
+        if (reply == nullptr)
+            return;  // what is left waits for its own time limit
+        reply->cd = row->cd;
+        reply->flags = TPECLOSE;
+        if (hand_to_waiter(reply, block))
+            continue;
+        row->reply = reply;
+        row->ready_no = ++block->ready_seq;
+    }
+}
+
 int oldest_ready(const wthr_var *block)
 {
     int oldest = -1;
@@ -441,7 +462,8 @@ int _get_active_tran_conv(wthr_var *block)
 
 int _get_conv_cd_ind(int cd, wthr_var *block)
 {
-    return find_descriptor(block->conv, sizeof(conv_elem), block->conv_size, cd);
+    int size = block->conv_size;  // before the table, which may be replaced by a larger one
+    return find_descriptor(block->conv, sizeof(conv_elem), size, cd);
 }
 
 int _enqueue_qcall_q(int rqno, msg_header *message, wthr_var *block)

@@ -124,14 +124,18 @@ void unlink_from_ring(void *head, void *record, size_t place)
 
 static void link_session(kmq_session *session, wthr_var *block)
 {
+    _thread_mutex_lock(&block->msg_mutex);  // the reading thread walks the rings
     link_into_ring(&block->kmq_sessions, session, offsetof(kmq_session, next));
     block->kmq_session_count++;
+    _thread_mutex_unlock(&block->msg_mutex);
 }
 
 static void unlink_session(kmq_session *session, wthr_var *block)
 {
+    _thread_mutex_lock(&block->msg_mutex);
     unlink_from_ring(&block->kmq_sessions, session, offsetof(kmq_session, next));
     block->kmq_session_count--;
+    _thread_mutex_unlock(&block->msg_mutex);
 }
 
 kmq_session *_search_sess_by_id(int id, wthr_var *block)
@@ -258,18 +262,22 @@ kmq_session *kmq_create_async_session(const char *name, void *handler, int extra
 static void abandon_producer(kmq_producer *producer, wthr_var *block)
 {
     kmq_session *session = producer->session;
+    _thread_mutex_lock(&block->msg_mutex);
     unlink_from_ring(&session->producers, producer, offsetof(kmq_producer, next));
     session->producer_count--;
     producer->session = nullptr;
+    _thread_mutex_unlock(&block->msg_mutex);
     keep_until_end(producer, block);
 }
 
 static void abandon_consumer(kmq_consumer *consumer, wthr_var *block)
 {
     kmq_session *session = consumer->session;
+    _thread_mutex_lock(&block->msg_mutex);
     unlink_from_ring(&session->consumers, consumer, offsetof(kmq_consumer, next));
     session->consumer_count--;
     consumer->session = nullptr;
+    _thread_mutex_unlock(&block->msg_mutex);
     keep_until_end(consumer->selector, block);
     keep_until_end(consumer->saved, block);
     keep_until_end(consumer, block);
@@ -301,9 +309,10 @@ static int leave_server(const kmq_session *session, wthr_var *block)
     if (reply == nullptr)
         return TPESYSTEM;
     int error = reply->msgtype == MSG_KMQ_CLOSE_SESSION + REPLY ? 0 : (int)reply->flags;
-    bool taken = reply->msgtype == MSG_KMQ_CLOSE_SESSION + REPLY;
+    if (error == 0 && reply->msgtype != MSG_KMQ_CLOSE_SESSION + REPLY)
+        error = TPESYSTEM;  // a refusal that names no reason is one all the same
     free(reply);
-    return taken || error != 0 ? error : TPESYSTEM;
+    return error;
 }
 
 int kmq_close_session(kmq_session *session, int flags)

@@ -212,18 +212,8 @@ static bool send_to_nodes(msg_header *message, int nodes, int leave_out, wthr_va
     return true;
 }
 
-// Counts the thread for its next reply, as a send would.
-static void expect_another(wthr_var *block)
-{
-    _thread_mutex_lock(&block->msg_mutex);
-    block->waiter_count++;
-    if (block->offer_left > 0)
-        block->offer_left++;
-    _thread_mutex_unlock(&block->msg_mutex);
-}
-
 // Waits for the next reply to `message`. Null with tperrno set.
-static msg_header *await_another(const msg_header *message, int limit, wthr_var *block)
+static msg_header *await_another(const msg_header *message, int limit, bool has_more, wthr_var *block)
 {
     msg_header *want = (msg_header *)malloc(BLOCK_OVERHEAD);
     if (want == nullptr) {
@@ -233,7 +223,11 @@ static msg_header *await_another(const msg_header *message, int limit, wthr_var 
     }
     memcpy(want, message, sizeof *want);
     want->bufsize = want->datalen = 0;
-    return await_answer(want, limit, block);
+    want->flags &= ~(uint32_t)TPNOCHANGE;
+    msg_header *reply = read_one_of_several(want, limit, has_more, block);
+    if (reply == nullptr)
+        free(want);
+    return reply;
 }
 
 // The sum of two counts. One that can't be spoils it.
@@ -289,16 +283,16 @@ msg_header *_sq_broadcast(msg_header *message, int nodes, int leave_out, wthr_va
     bool settled = false;
     int left = leave_out >= 0 && leave_out < nodes ? nodes - 1 : nodes;
     while (left > 0 && !settled) {
-        msg_header *reply = await_another(message, limit, block);
         left--;
+        msg_header *reply = await_another(message, limit, left > 0, block);
         if (reply == nullptr) {
             free(kept);
             kept = nullptr;
             break;
         }
         settled = add_reply(message, reply, &kept);
-        if (left > 0 && !settled)
-            expect_another(block);
+        if (left > 0 && settled)
+            forget_waiter(block);
     }
     free(message);
     return kept;

@@ -89,6 +89,9 @@ struct read_ahead {
 
 constexpr int FCACHE_SLOTS = 1019;
 
+// Values of `rolled`; in the second this side of the previous socket has ended.
+constexpr int32_t ROLLED = 1, ROLLED_AND_LEFT = 2;
+
 constexpr int CRYPT_IN = 0, CRYPT_OUT = 1;  // the two directions of an enciphered connection
 
 typedef void unsol_function(char *data, long len, long flags);
@@ -130,7 +133,7 @@ struct wthr_var {
     std::atomic<conv_elem *> conv;
     shared_int32 conv_size;
     int32_t conv_room;             // rows at `conv`, conv_size or more
-    shared_int32 conv_generation;  // counts the tables made; a row number belongs to one of them
+    shared_int32 conv_generation;  // moves of the session; a conversation belongs to one table
     shared_int32 conv_active;
     acall_elem *acall;
     int32_t acall_size, acall_next;
@@ -176,7 +179,7 @@ struct wthr_var {
     shared_int32 rq_enq_in_tran, rq_deq_in_tran;  // what the open transaction has done with queues
     shared_int32 old_clhfd;  // previous socket during and after a rolling start; -1: none
     shared_int32 rolling;    // 1 while a rolling start runs
-    shared_int32 rolled;     // 1 from a rolling start on until its previous socket has ended
+    shared_int32 rolled;     // ROLLED from a rolling start on until its previous socket has ended
     int32_t wake_fd;         // written to when the reader is to look at the sockets anew; -1: nobody shares
     retired_block *retired;  // what a rolling start replaced and other threads may still read
     kmq_session *kmq_sessions;

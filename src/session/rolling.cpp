@@ -69,7 +69,9 @@ static void change_sockets(wthr_var *block)
     block->old_clhfd = block->clhfd.load();
     block->clhfd = block->new_clhfd.load();
     block->new_clhfd = -1;
-    block->rolled = 1;
+    drop_read_ahead(block, block->clhfd);  // of a socket that had this number before
+    block->rolled = block->old_clhfd >= 0 ? ROLLED : 0;
+    block->started = 1;  // the previous connection may have ended meanwhile
     _thread_mutex_unlock(&block->msg_mutex);
     wake_reader(block);  // it sleeps on the previous socket alone
 }
@@ -86,6 +88,8 @@ int _vorn_rolling_start(void)
     msg_header *message = bare != nullptr ? bare : block->start_msg;
     if (message == nullptr)
         return api_fail(&frame, &ROLLING_START, TPESYSTEM);
+    if (block->thread_refs == 0)
+        free_retired(block);  // of an earlier move: nobody else can be reading it
     moving_block = block;
     int result = move_session(message, block);
     moving_block = nullptr;

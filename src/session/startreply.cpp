@@ -111,9 +111,10 @@ static void forget_payload(wthr_var *block)
 
 int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
 {
-    forget_payload(block);
-    if (payload == nullptr || length < 1)
+    if (payload == nullptr || length < 1) {
+        forget_payload(block);
         return -1;
+    }
     // Room for the tail's word, and for the counts of a payload that is shorter than they are.
     char *own = (char *)calloc(1, (size_t)length + INITOUT_ROWS + 4);
     if (own == nullptr) {
@@ -141,7 +142,8 @@ int _ntoh_initout_struct(const char *payload, int length, wthr_var *block)
     // cut.
     int32_t threshold = length < expected ? -1 : (int32_t)get_word(own + rows);
     memcpy(own + rows, &threshold, sizeof threshold);
-    block->initout = own;  // complete: other threads may look into it from here on
+    // Complete: other threads may look into it from here on.
+    retire(block->initout.exchange(own), block);
     block->compress_threshold = threshold;
     if (length > expected)
         _get_csval_to_loc(payload, length, (int)expected, block);

@@ -258,15 +258,18 @@ static bool heeds_warnings(const msg_header *message)
 // CURRENT_SOCKET is whatever the current one is once the lock is held: until then another thread may move the
 // session, and the socket that was current before may have ended.
 constexpr int CURRENT_SOCKET = -2;
+// A message of a conversation belongs to one table; any other to none.
+constexpr int32_t ANY_TABLE = -1;
 
-static int send_on(int fd, msg_header *message, wthr_var *block)
+static int send_on(int fd, int32_t generation, msg_header *message, wthr_var *block)
 {
     _thread_mutex_lock(&block->msg_mutex);
     if (fd == CURRENT_SOCKET)
         fd = block->clhfd;
-    if (is_gone(fd, block)) {
+    bool has_moved = generation != ANY_TABLE && generation != block->conv_generation;
+    if (has_moved || is_gone(fd, block)) {
         _thread_mutex_unlock(&block->msg_mutex);
-        set_tperrno(TPEOS);
+        set_tperrno(has_moved ? TPEBADDESC : TPEOS);
         return -1;
     }
     set_acall_fd(fd, message, block);
@@ -287,7 +290,7 @@ int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
 {
     if (heeds_warnings(message) && heed_warnings(fd, block) < 0)
         return -1;
-    return send_on(fd, message, block);
+    return send_on(fd, ANY_TABLE, message, block);
 }
 
 // The socket is chosen behind the warnings: they may have moved the session to another server, and it is there
@@ -296,6 +299,13 @@ int _send_csmsg_to_clh(msg_header *message, wthr_var *block)
 {
     if (heeds_warnings(message) && heed_warnings(block->clhfd, block) < 0)
         return -1;
-    return send_on(CURRENT_SOCKET, message, block);
+    return send_on(CURRENT_SOCKET, ANY_TABLE, message, block);
+}
+
+int send_in_conversation(msg_header *message, int32_t generation, wthr_var *block)
+{
+    if (heed_warnings(block->clhfd, block) < 0)
+        return -1;
+    return send_on(CURRENT_SOCKET, generation, message, block);
 }
 }

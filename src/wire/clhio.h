@@ -14,6 +14,10 @@ extern "C" {
 int _send_csmsg_to_clh(msg_header *message, wthr_var *block);
 int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd);
 
+// The same for a message of a conversation in the table `generation`: a move ends the conversation, and the new
+// server's of this number is another one. TPEBADDESC then.
+int send_in_conversation(msg_header *message, int32_t generation, wthr_var *block);
+
 // Turns a failed write into tperrno; always 1. Expects msg_mutex.
 int _clh_write_error(int result, int expected, wthr_var *block);
 

@@ -48,6 +48,11 @@ static int reply_matches(const msg_header *want, const msg_header *message, wthr
     case MSG_TPCALL:
     case MSG_TPACALL_BLOCK:
         return want->seqno == message->seqno;
+    case MSG_TPCONNECT:
+        return want->target == message->target;  // sent, and answered, in one table of conversations
+    case MSG_SQ_REQUEST:
+        // What comes of a broadcast that one node has settled would be taken for the answer to the next request.
+        return want->seqno == message->seqno || message->seqno == 0;
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
         return want->seqno == message->seqno || engine_version() < 1;
@@ -286,6 +291,7 @@ static const type_treatment treatments[] = {
     {1026, 1028, drop},
     {1031, 1033, late_transaction},
     {1047, 1048, drop},
+    {1181, 1181, drop},
     {1500, 1506, late_service_message},
     {1507, 1507, drop},
     {1508, 1510, late_service_message},
@@ -300,6 +306,7 @@ static const type_treatment treatments[] = {
     {2031, 2033, late_transaction},
     {2047, 2048, drop},
     {2051, 2051, server_down},
+    {2181, 2181, drop},
     {2500, 2510, drop},
     {3003, 3003, late_call},
     {3004, 3004, store_acall_reply},
@@ -334,7 +341,7 @@ static int await_end_of_move(wthr_var *block)
 
 int _wait_while_rolling_start(int fd, wthr_var *block)
 {
-    if (block->new_clhfd == fd)
+    if (fd >= 0 && block->new_clhfd == fd)
         return -1;
     // Nearly every message comes by here, and nearly none meets a rolling start.
     if (block->rolling == 0)
@@ -377,15 +384,31 @@ int _recv_oob_msg(int fd, wthr_var *block)
 }
 
 // Sends a request that was given back to the new server, for whoever awaits its answer.
-static void send_again(msg_header *message, const msg_header *want, wthr_var *block)
+// False if it can't be sent.
+static bool send_again(msg_header *message, msg_header *want, wthr_var *block)
 {
     msg_header reply = *message;
     reply.msgtype += REPLY;
     if (_send_csmsg_to_clh(message, block) < 0)
-        return;
+        return false;
     note_sent_again(&reply, want, block);
     if (has_waiter(message))
         forget_waiter(block);  // he has been counted when the request went out first
+    return true;
+}
+
+// Types of requests that a server can give back: not those of a session, and none of a conversation's.
+static bool can_be_sent_again(int32_t msgtype)
+{
+    switch (msgtype) {
+    case MSG_TPSTART:
+    case MSG_TPEND:
+    case MSG_TPINIT:
+    case MSG_TPSEND:
+    case MSG_TPDISCON:
+        return false;
+    }
+    return true;
 }
 
 int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
@@ -394,6 +417,8 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
         return 0;
     if (block->started == 0)
         return 0;  // a start that is given back is a refused one: there is no session yet to move elsewhere
+    if (!can_be_sent_again(message->msgtype - ERROR_REPLY))
+        return 0;
     _thread_mutex_lock(&block->roll_mutex);
     await_end_of_move(block);  // no second move may begin beside it, nor where this thread runs it itself
     if (block->rolling == 0 && block->old_clhfd < 0 && block->clhfd >= 0 && block->rolling_failed == 0)
@@ -413,7 +438,11 @@ int _is_msgtype_irt(msg_header *want, msg_header *message, wthr_var *block)
     }
     message->msgtype -= ERROR_REPLY;
     message->xflags &= ~(uint32_t)XFLAG_GIVEN_BACK;
-    send_again(message, want, block);
+    if (!send_again(message, want, block)) {  // whoever awaits its answer must hear of it
+        message->msgtype += ERROR_REPLY;
+        message->flags = TPERDOWN;
+        return -1;
+    }
     end_old_socket_if_done(true, block);
     return 1;
 }

@@ -31,6 +31,7 @@
 #include "wire/frames.h"
 #include "wire/msgheader.h"
 #include "wire/netapi.h"
+#include "wire/waiters.h"
 
 #include <errno.h>
 #include <semaphore.h>
@@ -40,18 +41,6 @@
 #include <unistd.h>
 
 extern "C" {
-
-// A thread that waits for the reader role or for its message. Whoever gives it one of them takes it off the
-// list, under msg_mutex, and posts `given` afterwards: the woken thread then needs no lock, and finds nobody
-// in it.
-struct read_waiter {
-    msg_header *want;
-    msg_header *message;
-    bool has_role;
-    int sent_fd;  // socket on which its request went out; -1: it awaits no reply
-    sem_t given;
-    read_waiter *previous, *next;
-};
 
 // Log codes of a reply that bears another number: a call's, a receipt's, a commit's or rollback's.
 struct sequence_codes {
@@ -71,6 +60,7 @@ struct read_wait {
     bool tolerant;         // an expired transaction doesn't end the wait
     int fallback_fd;       // read where the context has no socket
     bool watch_urgent;     // timed: still look for urgent data
+    bool has_more;         // other replies to the same request are to come behind this one
 };
 
 // A transaction that has run out of time can still hear the answer to its commit or rollback.
@@ -130,88 +120,6 @@ static msg_header *null_with(int code)
     return nullptr;
 }
 
-// --- Waiters. All of these expect msg_mutex.
-
-static void join_waiters(read_waiter *waiter, wthr_var *block)
-{
-    waiter->previous = block->waiters_tail;
-    waiter->next = nullptr;
-    if (block->waiters_tail != nullptr)
-        block->waiters_tail->next = waiter;
-    else
-        block->waiters_head = waiter;
-    block->waiters_tail = waiter;
-    block->waiter_count++;
-    block->waiting++;
-}
-
-static void leave_waiters(read_waiter *waiter, wthr_var *block)
-{
-    if (waiter->previous != nullptr)
-        waiter->previous->next = waiter->next;
-    else
-        block->waiters_head = waiter->next;
-    if (waiter->next != nullptr)
-        waiter->next->previous = waiter->previous;
-    else
-        block->waiters_tail = waiter->previous;
-    block->waiter_count--;
-    block->waiting--;
-}
-
-void forget_waiter(wthr_var *block)
-{
-    _thread_mutex_lock(&block->msg_mutex);
-    if (block->waiter_count > block->waiting)
-        block->waiter_count--;
-    if (block->offer_left > 0 && --block->offer_left < 1)
-        _thread_cond_signal(&block->offer_done_cond);
-    _thread_mutex_unlock(&block->msg_mutex);
-}
-
-// Takes the waiter that the message answers off the list and gives it the message; null if there is none. The
-// caller posts `given`.
-static read_waiter *give_message(msg_header *message, wthr_var *block)
-{
-    for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next) {
-        if (waiter->want == nullptr || !_is_msgtype_matched(waiter->want, message, block))
-            continue;
-        leave_waiters(waiter, block);
-        name_conversation(waiter->want, message, block);
-        waiter->message = message;
-        return waiter;
-    }
-    return nullptr;
-}
-
-// Gives the role to the thread that has waited longest; the caller posts `given`. Without one it is free, and
-// null.
-static read_waiter *give_role(wthr_var *block)
-{
-    read_waiter *waiter = block->waiters_head;
-    block->reader_sent_fd = waiter == nullptr ? -1 : waiter->sent_fd;
-    if (waiter == nullptr) {
-        block->reader_busy = 0;
-        return nullptr;
-    }
-    leave_waiters(waiter, block);
-    waiter->has_role = true;
-    return waiter;
-}
-
-static void post_given(read_waiter *waiter)
-{
-    if (waiter != nullptr)
-        sem_post(&waiter->given);
-}
-
-bool hand_to_waiter(msg_header *message, wthr_var *block)
-{
-    read_waiter *waiter = give_message(message, block);
-    post_given(waiter);
-    return waiter != nullptr;
-}
-
 // A thread that was counted from its send on looks at the message on offer. The message, if it is its own.
 static msg_header *look_at_offer(const msg_header *want, wthr_var *block)
 {
@@ -247,52 +155,6 @@ static msg_header *look_at_stored(const msg_header *want, wthr_var *block)
         return nullptr;
     int index = (want->flags & TPGETANY) != 0 ? oldest_ready(block) : _get_acall_cd_ind(want->cd, block);
     return index < 0 ? nullptr : take_stored_reply(index, block);
-}
-
-// --- The previous socket of a rolling start.
-
-void note_sent_again(const msg_header *reply, const msg_header *want, wthr_var *block)
-{
-    _thread_mutex_lock(&block->msg_mutex);
-    read_waiter *waiter = block->waiters_head;
-    while (waiter != nullptr && (waiter->want == nullptr || !_is_msgtype_matched(waiter->want, reply, block)))
-        waiter = waiter->next;
-    if (waiter != nullptr)
-        waiter->sent_fd = block->clhfd;
-    else if (want != nullptr && _is_msgtype_matched(want, reply, block))
-        block->reader_sent_fd = block->clhfd;
-    _thread_mutex_unlock(&block->msg_mutex);
-}
-
-// Threads that have sent and are on their way to wait can't be asked for their socket. Expects msg_mutex.
-static bool old_socket_is_needed(wthr_var *block)
-{
-    int fd = block->old_clhfd;
-    if (block->waiter_count > block->waiting || block->reader_sent_fd == fd || block->ahead.fd == fd)
-        return true;
-    for (read_waiter *waiter = block->waiters_head; waiter != nullptr; waiter = waiter->next)
-        if (waiter->sent_fd == fd)
-            return true;
-    return awaits_reply_on(fd, block);
-}
-
-void end_old_socket_if_done(bool is_reader, wthr_var *block)
-{
-    if (block->rolled == 0)
-        return;
-    int fd = -1;
-    _thread_mutex_lock(&block->msg_mutex);
-    bool done = block->rolled != 0 && !old_socket_is_needed(block);
-    bool may_close = is_reader || block->reader_busy == 0;
-    if (done && may_close) {
-        fd = block->old_clhfd.exchange(-1);
-        block->rolled = 0;
-    }
-    _thread_mutex_unlock(&block->msg_mutex);
-    if (fd >= 0)
-        close(fd);
-    else if (done && !may_close)
-        wake_reader(block);
 }
 
 // --- The reader role.
@@ -390,7 +252,7 @@ static int sleep_once(const read_wait *wait, read_waiter *me)
 static bool leave_without(read_waiter *me, wthr_var *block)
 {
     _thread_mutex_lock(&block->msg_mutex);
-    bool given = me->message != nullptr || me->has_role;
+    bool given = me->message != nullptr || me->has_role || me->error != 0;
     if (!given)
         leave_waiters(me, block);
     _thread_mutex_unlock(&block->msg_mutex);
@@ -410,6 +272,10 @@ static role_result wait_for_role(const read_wait *wait, read_waiter *me, msg_hea
         set_tperrno(code);
         return ROLE_FAILED;
     }
+    if (me->error != 0) {
+        set_tperrno(me->error);
+        return ROLE_FAILED;
+    }
     *handed = me->message;
     return me->message != nullptr ? ROLE_HANDED : ROLE_TAKEN;
 }
@@ -420,7 +286,10 @@ static role_result enter(const read_wait *wait, msg_header **handed)
     wthr_var *block = wait->block;
     const msg_header *want = wait->want;
     bool expects_reply = want != nullptr && has_waiter(want);
-    read_waiter me = {wait->want, nullptr, false, expects_reply ? last_sent_fd() : -1, {}, nullptr, nullptr};
+    read_waiter me = {};
+    me.want = wait->want;
+    me.sent_fd = expects_reply ? last_sent_fd() : -1;
+    me.has_more = wait->has_more;
     bool waits = false;
     *handed = nullptr;
     _thread_mutex_lock(&block->msg_mutex);
@@ -428,6 +297,7 @@ static role_result enter(const read_wait *wait, msg_header **handed)
         *handed = look_at_offer(want, block);
         if (block->waiter_count > block->waiting)
             block->waiter_count--;
+        block->waiter_count += *handed != nullptr && wait->has_more;
     }
     if (want != nullptr && *handed == nullptr)
         *handed = look_at_stored(want, block);
@@ -618,11 +488,34 @@ static bool pass_on(const read_wait *wait, msg_header *message)
 }
 
 // The read loop of the thread that has the role.
+// A notice that a session of the message service was closed looks for it in the rings of the context.
+static bool is_own(const msg_header *want, const msg_header *message, wthr_var *block)
+{
+    if (message->msgtype != MSG_KMQ_CLOSE_SESSION)
+        return _is_msgtype_matched(want, message, block) != 0;
+    _thread_mutex_lock(&block->msg_mutex);
+    bool own = _is_msgtype_matched(want, message, block) != 0;
+    _thread_mutex_unlock(&block->msg_mutex);
+    return own;
+}
+
+// The reader's own message: it names its conversation before the next one is read.
+static void take_name(const msg_header *want, const msg_header *message, wthr_var *block)
+{
+    if (want->msgtype != MSG_TPCONNECT)
+        return;
+    _thread_mutex_lock(&block->msg_mutex);
+    name_conversation(want, message, block);
+    _thread_mutex_unlock(&block->msg_mutex);
+}
+
 static msg_header *read_for_all(read_wait *wait)
 {
     wthr_var *block = wait->block;
     for (;;) {
         end_old_socket_if_done(true, block);
+        if (is_of_other_table(wait->want, block->conv_generation))
+            return fail_as_reader(wait, TPEBADDESC);
         int fd = wait->timed ? next_socket_timed(wait) : next_socket_unlimited(wait);
         if (fd == NEXT_GO_ON)
             continue;
@@ -636,6 +529,8 @@ static msg_header *read_for_all(read_wait *wait)
             release_role(wait);
             return wait->want;
         case FRAME_OLD_SOCKET:
+            if (block->reader_sent_fd == fd)  // the answer was to come over it
+                return fail_as_reader(wait, TPECLOSE);
             continue;
         case FRAME_NEGOTIATION:
             release_role(wait);
@@ -645,7 +540,7 @@ static msg_header *read_for_all(read_wait *wait)
             break;
         }
         undo_shared_call(message);
-        if (_is_msgtype_irt(wait->want, message, block) > 0) {
+        if (is_of_ended_conversation(fd, message, block) || _is_msgtype_irt(wait->want, message, block) > 0) {
             free(message);
             continue;
         }
@@ -655,13 +550,19 @@ static msg_header *read_for_all(read_wait *wait)
             release_role(wait);
             return message;
         }
-        if (_is_msgtype_matched(wait->want, message, block)) {
-            name_conversation(wait->want, message, block);
+        if (is_own(wait->want, message, block)) {
+            take_name(wait->want, message, block);
+            if (wait->has_more)
+                count_again(block);
             release_role(wait);
             return deliver(message, wait->want, block);
         }
         if (pass_on(wait, message))
             continue;
+        if (is_late_connect(fd, message, block)) {
+            free(message);
+            continue;
+        }
         log_sequence_error(wait, message);
         if (_unmatched_msg_process(message, block) < 0)
             return fail_as_reader(wait, 0);
@@ -706,6 +607,14 @@ msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int nob
     if (noblock == 0 && seconds < 1)
         return _read_csmsg_from_clh(-1, want, block);
     read_wait wait = timed_wait(want, seconds, noblock, block);
+    return perform(&wait);
+}
+
+msg_header *read_one_of_several(msg_header *want, int seconds, bool has_more, wthr_var *block)
+{
+    read_wait wait =
+        seconds > 0 ? timed_wait(want, seconds, 0, block) : unlimited_wait(-1, want, false, block);
+    wait.has_more = has_more;
     return perform(&wait);
 }
 

@@ -23,6 +23,11 @@ msg_header *_read_csmsg_from_clh2(int fd, msg_header *want, int tolerant, wthr_v
 msg_header *_read_csmsg_from_clh_timeout(msg_header *want, int seconds, wthr_var *block);
 msg_header *_read_csmsg_from_clh_timeout2(msg_header *want, int seconds, int noblock, wthr_var *block);
 
+// The wait for one of several replies to one request. With `has_more` the thread counts as one that has sent
+// and is on its way to wait again, from the moment on at which it gets this one: the next may be there before
+// it is. If it won't come, it calls forget_waiter. Without a reply it isn't counted.
+msg_header *read_one_of_several(msg_header *want, int seconds, bool has_more, wthr_var *block);
+
 // The socket of a rolling start, `new_clhfd`, read outside the reader role by the one thread that opens it.
 msg_header *_read_csmsg_from_ready_clh(int fd, msg_header *want, int unused, wthr_var *block);
 msg_header *_read_csmsg_from_ready_clh_timeout(msg_header *want, int seconds, wthr_var *block);
@@ -37,14 +42,25 @@ bool hand_to_waiter(msg_header *message, wthr_var *block);
 // at a new connection, since the role stays taken when the last socket goes. Takes msg_mutex.
 void free_reader_role(wthr_var *block);
 
-// Closes the previous socket of a rolling start once nothing is to come over it that anybody waits for. A
-// thread without the reader role leaves it to the reader, if there is one. Takes msg_mutex; costs a look at
-// one word outside of rolling starts.
+// Takes leave of the previous socket of a rolling start once nobody waits for anything over it: this side ends,
+// and what the server still sends, posts and requests that it gives back, is read until it ends its own. The
+// socket is closed by the reader, or while nobody reads. Takes msg_mutex; costs a look at one word outside of
+// rolling starts.
 void end_old_socket_if_done(bool is_reader, wthr_var *block);
 
 // The request to which `reply` would be the answer has gone out over the current socket now; `want` is what
 // the reader itself awaits, or null. For the reader; takes msg_mutex.
-void note_sent_again(const msg_header *reply, const msg_header *want, wthr_var *block);
+void note_sent_again(const msg_header *reply, msg_header *want, wthr_var *block);
+
+// Ends the waits for conversations whose table a move has replaced: TPEBADDESC. Expects msg_mutex. The reader
+// finds out by itself, once it is woken.
+void end_waits_of_conversations(wthr_var *block);
+
+// The previous socket has ended: nothing comes of what is outstanding on it. Its calls fail with TPECLOSE. For
+// the reader; takes msg_mutex.
+void end_previous_socket(int fd, wthr_var *block);
+// True for the previous socket of a rolling start.
+bool is_previous_socket(int fd, const wthr_var *block);
 
 // Has the reader look at the context's sockets anew.
 void wake_reader(const wthr_var *block);

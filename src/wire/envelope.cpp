@@ -21,6 +21,7 @@
 
 #include <errno.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 
 extern "C" {
 
@@ -163,23 +164,25 @@ static void put_envelope_head(char *head, uint32_t length, uint32_t msgtype)
     put_word(head + 12, msgtype);
 }
 
-// The head of the envelope takes the place of the last 16 bytes of the header, so that it and the payload are
-// one piece.
-static int send_in_clear(msg_header *message, int datalen, wthr_var *block)
-{
-    uint32_t msgtype = get_word(&message->msgtype);
-    char *head = message_data(message) - ENVELOPE_FRAME_HEAD;
-    put_envelope_head(head, (uint32_t)datalen, msgtype);
-    int length = datalen + ENVELOPE_FRAME_HEAD;
-    return _vorn_writen(block->clhfd, head, length) == length ? 1 : -1;
-}
-
 static int fail_to_send(char *frame)
 {
     free(frame);
     errno = 0;  // an earlier call's would be taken for this one's
     set_tperrno(TPEOS);
     return -1;
+}
+
+// The head of the envelope takes the place of the last 16 bytes of the header, so that it and the payload are
+// one piece.
+static int send_in_clear(msg_header *message, int datalen, wthr_var *block)
+{
+    if (datalen < 0 || datalen > INT32_MAX - ENVELOPE_FRAME_HEAD)
+        return fail_to_send(nullptr);
+    uint32_t msgtype = get_word(&message->msgtype);
+    char *head = message_data(message) - ENVELOPE_FRAME_HEAD;
+    put_envelope_head(head, (uint32_t)datalen, msgtype);
+    int length = datalen + ENVELOPE_FRAME_HEAD;
+    return _vorn_writen(block->clhfd, head, length) == length ? 1 : -1;
 }
 
 // Enciphers a message and sends it; `*written` tells whether the socket took all of it. 1, or -1 with tperrno
@@ -195,9 +198,13 @@ static int send_enciphered(const msg_header *message, int datalen, bool *written
     if (payload < 0 || payload > length + KEXCLI_MAX_OVERHEAD)
         return fail_to_send(frame);
     put_envelope_head(frame, (uint32_t)payload, ENCIPHERED_MSGTYPE);
-    *written =
-        _vorn_writen(block->clhfd, frame, payload + ENVELOPE_FRAME_HEAD) == payload + ENVELOPE_FRAME_HEAD;
+    int size_of_frame = payload + ENVELOPE_FRAME_HEAD;
+    *written = _vorn_writen(block->clhfd, frame, size_of_frame) == size_of_frame;
+    int cause = errno;
+    if (!*written)
+        shutdown(block->clhfd, SHUT_RDWR);  // the peer would refuse every message behind this one
     free(frame);
+    errno = cause;
     return 1;
 }
 
@@ -240,7 +247,8 @@ static msg_header *take_converted(msg_header *message, msg_header *plain)
 static bool has_room(const msg_header *message, const msg_header *plain)
 {
     int host = 1, net = 1;
-    if (plain->buftype == BUF_STRUCT && _get_host_nw_stsize(plain->subtype, &host, &net) < 0)
+    bool records = plain->buftype == BUF_STRUCT;
+    if (records && (_get_host_nw_stsize(plain->subtype, &host, &net) < 0 || host < 1 || net < 1))
         return false;
     return (int64_t)plain->datalen / net * host <= message->bufsize && plain->datalen <= message->bufsize;
 }

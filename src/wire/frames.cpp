@@ -28,6 +28,7 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <time.h>
 
 extern "C" {
 
@@ -41,7 +42,8 @@ struct frame_reader {
     int stall_seconds;
     msg_header *want;  // null: none is awaited
     wthr_var *block;
-    char *bytes;  // owned; FIRST_BLOCK bytes at least
+    time_t deadline;  // of the whole frame; 0: none
+    char *bytes;      // owned; FIRST_BLOCK bytes at least
     int64_t size;
 };
 
@@ -60,21 +62,13 @@ static int take_read_ahead(frame_reader *reader, char *to, int64_t length)
     return taken;
 }
 
-// One recv into the empty read-ahead. Above 0 if bytes came; otherwise what _vorn_readn gives when nothing
-// came.
-static int fill_read_ahead(frame_reader *reader)
+// One recv. Above 0 if bytes came; otherwise what _vorn_readn gives when nothing came.
+static int receive_some(int fd, char *to, size_t room)
 {
-    read_ahead *ahead = &reader->block->ahead;
     for (;;) {
-        ssize_t got = recv(reader->fd, ahead->bytes, sizeof ahead->bytes, 0);
-        if (got > 0) {
-            ahead->begin = 0;
-            ahead->end = (int32_t)got;
-            ahead->fd = reader->fd;
+        ssize_t got = recv(fd, to, room, 0);
+        if (got >= 0)
             return (int)got;
-        }
-        if (got == 0)
-            return 0;
         if (errno == EAGAIN)
             return -TPEBLOCK;
         if (errno != EINTR)
@@ -82,6 +76,25 @@ static int fill_read_ahead(frame_reader *reader)
         if (_tx_timeout_check(nullptr) < 0)
             return -TPETIME;
     }
+}
+
+static int fill_read_ahead(frame_reader *reader)
+{
+    read_ahead *ahead = &reader->block->ahead;
+    int got = receive_some(reader->fd, ahead->bytes, sizeof ahead->bytes);
+    if (got > 0) {
+        ahead->begin = 0;
+        ahead->end = got;
+        ahead->fd = reader->fd;
+    }
+    return got;
+}
+
+// Seconds for which the frame may stand still from here on; 1 at the least.
+static int stall_of(const frame_reader *reader)
+{
+    int64_t left = reader->deadline == 0 ? reader->stall_seconds : reader->deadline - time(nullptr);
+    return left > 0 ? (int)left : 1;
 }
 
 // Reads exactly `length` bytes of a frame that has begun. The number read; a short one at the end of the
@@ -96,14 +109,15 @@ static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
             break;
         if (got > 0) {
             done += got;
+            if (reader->deadline != 0 && done < length && time(nullptr) > reader->deadline)
+                return -TPESYSTEM;  // a peer that sends byte by byte would stall for ever
             continue;
         }
         if (errno == EINTR)
             continue;
         if (errno != EAGAIN)
             return -1;
-        int ready =
-            _set_bc_timer3(reader->stall_seconds > 0 ? reader->stall_seconds : 1, nullptr, reader->fd);
+        int ready = _set_bc_timer3(stall_of(reader), nullptr, reader->fd);
         if (ready == TIMER_FAILED)
             return -1;
         if (ready == TIMER_EXPIRED && reader->stall_seconds > 0)
@@ -116,8 +130,13 @@ static int64_t read_rest(frame_reader *reader, char *to, int64_t length)
 static int64_t read_head(frame_reader *reader, char *to, int length)
 {
     errno = 0;
-    if (reader->alone || (reader->block->ahead.fd >= 0 && reader->block->ahead.fd != reader->fd))
-        return _vorn_readn(reader->fd, to, length, reader->block);
+    if (reader->alone || (reader->block->ahead.fd >= 0 && reader->block->ahead.fd != reader->fd)) {
+        int first = receive_some(reader->fd, to, (size_t)length);
+        if (first <= 0)
+            return first;
+        int64_t rest = read_rest(reader, to + first, length - first);
+        return rest < 0 ? rest : first + rest;
+    }
     int got = reader->block->ahead.fd == reader->fd ? 1 : fill_read_ahead(reader);
     return got <= 0 ? got : read_rest(reader, to, length);
 }
@@ -126,6 +145,10 @@ static int64_t read_head(frame_reader *reader, char *to, int length)
 // _clh_read_error to judge.
 static frame_result failed(frame_reader *reader, int64_t result)
 {
+    if (result >= -1 && !reader->alone && is_previous_socket(reader->fd, reader->block)) {
+        end_previous_socket(reader->fd, reader->block);
+        return FRAME_OLD_SOCKET;
+    }
     if (result < -1)
         set_tperrno((int)-result);
     else
@@ -214,8 +237,12 @@ static frame_result read_in_place(frame_reader *reader, const msg_header *head)
     msg_header *want = reader->want;
     char *data = message_data(want);
     int64_t got = read_rest(reader, data, head->datalen);
-    if (got != head->datalen)
-        return failed(reader, got);
+    if (got != head->datalen) {
+        // What the caller waits for has been cut: his wait is over, also where the session goes on.
+        if (failed(reader, got) == FRAME_OLD_SOCKET)
+            set_tperrno(TPECLOSE);
+        return FRAME_FAILED;
+    }
     int32_t bufsize = want->bufsize;
     memcpy(want, head, sizeof *want);
     want->bufsize = bufsize;
@@ -308,6 +335,8 @@ static bool is_step_heard(const msg_header *want)
            (want != nullptr && want->msgtype == MSG_TPSTART && want->buftype == BUF_NEGOTIATION);
 }
 
+constexpr int32_t LONGEST_STEP = 260;  // no provider gives a longer one
+
 static frame_result read_envelope(frame_reader *reader)
 {
     frame_result result;
@@ -322,7 +351,8 @@ static frame_result read_envelope(frame_reader *reader)
         return without_memory();
     const char *payload = reader->bytes + ENVELOPE_FRAME_HEAD;
     if (msgtype == MSG_TPSTART + REPLY) {
-        if (!is_step_heard(reader->want)) {
+        bool too_long = _vorn_crypt_sw != 0 && length > LONGEST_STEP;
+        if (too_long || !is_step_heard(reader->want)) {
             free(bytes);
             return failed(reader, -TPESYSTEM);
         }
@@ -421,8 +451,10 @@ static frame_result read_one(frame_reader *reader, int body_fd, msg_header **mes
     }
     int64_t got = read_head(reader, reader->bytes, SHORTEST_FRAME_HEAD);
     if (got != SHORTEST_FRAME_HEAD) {
-        failed(reader, got);
+        frame_result ended = failed(reader, got);
         free(reader->bytes);
+        if (ended == FRAME_OLD_SOCKET)
+            return ended;
         if (got != 0 || reader->block->clhfd < 0)
             return FRAME_FAILED;
         set_tperrno(0);
@@ -434,7 +466,7 @@ static frame_result read_one(frame_reader *reader, int body_fd, msg_header **mes
         _cs_del_trailer((msg_header *)reader->bytes);
         result = convert_data(reader);
     }
-    if (result == FRAME_FAILED || result == FRAME_IN_PLACE)
+    if (result == FRAME_FAILED || result == FRAME_IN_PLACE || result == FRAME_OLD_SOCKET)
         free(reader->bytes);
     else
         *message = (msg_header *)reader->bytes;
@@ -443,15 +475,17 @@ static frame_result read_one(frame_reader *reader, int body_fd, msg_header **mes
 
 frame_result read_frame(int fd, int stall_seconds, msg_header *want, msg_header **message, wthr_var *block)
 {
-    frame_reader reader = {fd, false, stall_seconds, want, block, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
+    frame_reader reader = {fd,         false, stall_seconds, want, block, 0, (char *)malloc(FIRST_BLOCK),
+                           FIRST_BLOCK};
     return read_one(&reader, fd, message);
 }
 
 frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message,
                               wthr_var *block)
 {
-    frame_reader reader = {head_fd,    true, stall_seconds, nullptr, block, (char *)malloc(FIRST_BLOCK),
-                           FIRST_BLOCK};
+    time_t deadline = stall_seconds > 0 ? time(nullptr) + stall_seconds : 0;
+    frame_reader reader = {
+        head_fd, true, stall_seconds, nullptr, block, deadline, (char *)malloc(FIRST_BLOCK), FIRST_BLOCK};
     return read_one(&reader, body_fd, message);
 }
 }

@@ -41,7 +41,8 @@ enum frame_result {
 frame_result read_frame(int fd, int stall_seconds, msg_header *want, msg_header **message, wthr_var *block);
 
 // The same for the thread that opens `new_clhfd`, beside the one that has the role: it reads the first bytes
-// from `head_fd` and the rest from `body_fd`, and never more than the frame.
+// from `head_fd` and the rest from `body_fd`, and never more than the frame. `stall_seconds` is for the whole
+// of it.
 frame_result read_frame_alone(int head_fd, int body_fd, int stall_seconds, msg_header **message,
                               wthr_var *block);
 }

@@ -257,8 +257,8 @@ int wait_readable(wthr_var *block, int milliseconds)
         if (limited)
             continue;
         // No other server took over: the connection is read on, as if nothing had been said. Where another
-        // thread is moving the session it may be another connection soon.
-        if (result < 0 && block->old_clhfd < 0 && block->rolling == 0)
+        // thread may be moving the session it may be another connection soon.
+        if (result < 0 && block->old_clhfd < 0 && block->wake_fd < 0)
             return block->clhfd;
     }
 }

@@ -14,7 +14,8 @@ TEST(ClhsimControl, HelpNamesEveryCommand)
          {"help",     "services",      "clients",      "stats",    "delay",        "drop",
           "refuse",   "giveback",      "truncate",     "clear",    "close",        "reset",
           "warn",     "post",          "set",          "login",    "quit",         "result",
-          "converse", "conversations", "transactions", "accounts", "subscriptions"})
+          "converse", "conversations", "transactions", "accounts", "subscriptions",
+          "godown",   "envelope",      "keys",         "counts"})
         EXPECT_NE(help.find(std::string("  ") + name + " "), std::string::npos) << name;
     EXPECT_NE(server.command("services").find("  TOUPPER "), std::string::npos);
 }

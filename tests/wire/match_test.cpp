@@ -13,6 +13,7 @@
 #include "vorn/errors.h"
 #include "vorn/flags.h"
 #include "wire/clhmatch.h"
+#include "wire/clhread.h"
 
 namespace {
 
@@ -588,8 +589,14 @@ struct GivenBack : WireTest {
         int ends[2];
         tcp_pair(ends);
         block->old_clhfd = ends[0];
-        block->rolled = 1;
+        block->rolled = ROLLED;
         other_end = ends[1];
+    }
+    // True once the client has ended its side of the previous connection.
+    bool has_been_left()
+    {
+        char byte;
+        return recv(other_end, &byte, 1, MSG_DONTWAIT) == 0;
     }
 };
 
@@ -651,7 +658,12 @@ TEST_F(GivenBack, OldSocketIsClosedWhenNoCallIsOpenOnIt)
     want = new_message(MSG_TPCALL, "", 100);
     error_reply(2003);
     EXPECT_EQ(_is_msgtype_irt(want, message, block), 1);
+    EXPECT_TRUE(has_been_left());
+    close(other_end);  // the server ends its side, too
+    other_end = -1;
+    end_old_socket_if_done(true, block);
     EXPECT_EQ(block->old_clhfd, -1);
+    EXPECT_EQ(block->rolled, 0);
 }
 
 TEST_F(GivenBack, OldSocketStaysWhileACallIsOpenOnIt)
@@ -673,7 +685,7 @@ TEST_F(GivenBack, OldSocketStaysWhileACallIsOpenOnIt)
     want->msgtype = MSG_TPRECV;
     error_reply(2003);
     EXPECT_EQ(_is_msgtype_irt(want, message, block), 1);
-    EXPECT_EQ(block->old_clhfd, -1);
+    EXPECT_TRUE(has_been_left());
 }
 
 TEST_F(GivenBack, OldSocketStaysWhileAThreadAwaitsItsAnswerOnIt)
@@ -689,10 +701,11 @@ TEST_F(GivenBack, OldSocketStaysWhileAThreadAwaitsItsAnswerOnIt)
     error_reply(2003);
     EXPECT_EQ(_is_msgtype_irt(nullptr, message, block), 1);
     EXPECT_EQ(block->old_clhfd, old);
+    EXPECT_FALSE(has_been_left());
     block->reader_sent_fd = -1;
     error_reply(2003);
     EXPECT_EQ(_is_msgtype_irt(nullptr, message, block), 1);
-    EXPECT_EQ(block->old_clhfd, -1);
+    EXPECT_TRUE(has_been_left());
 }
 
 TEST_F(GivenBack, SocketThatNoRollingStartMadeIsLeftOpen)

@@ -1,4 +1,6 @@
 // The life of a connection: bytes in, bytes out, and its end.
+#include "godown.h"
+#include "keystore.h"
 #include "server.h"
 
 #include <algorithm>
@@ -59,6 +61,11 @@ void add_client(Server &server, int fd, bool local)
     client->fd = fd;
     client->number = number;
     client->transport = local ? "local" : "tcp";
+    if (server.options.encipher && !begin_cipher(server, *client)) {
+        say("client %d: no session of the cipher can be had; hung up", number);
+        close(fd);
+        return;
+    }
     server.numbers[number] = client.get();
     server.stats.accepted++;
     watch(server, Source::CLIENT, client->id, fd, EPOLLIN, client->interest);
@@ -70,9 +77,11 @@ static void forget_client(Server &server, Client &client)
     if (client.timers > 0)
         std::erase_if(server.timers, [&](const auto &row) { return row.second.client == client.id; });
     close(client.fd);
+    end_cipher(client);
     server.numbers.erase(client.number);
     server.clients.erase(client.id);
     resume_listening(server);
+    end_if_alone(server);
 }
 
 static void end_connection(Server &server, Client &client)
@@ -114,7 +123,9 @@ void send_message(Server &server, Client &client, const Header &header, std::str
     if (client.life != Life::OPEN)
         return;
     server.stats.messages_out++;
-    if (append_message(client.output, header, data, server.options.compress_from))
+    if (client.cipher.state != CipherState::NONE)
+        append_sealed(client, header, data);
+    else if (append_message(client.output, header, data, server.options.compress_from))
         server.stats.compressed_out++;
     settle_later(server, client);
 }
@@ -128,10 +139,32 @@ void send_raw(Server &server, Client &client, std::string_view data)
     settle_later(server, client);
 }
 
+void send_bytes(Server &server, Client &client, std::string_view bytes)
+{
+    if (client.life != Life::OPEN)
+        return;
+    client.output.append(bytes);
+    settle_later(server, client);
+}
+
 void send_urgent(Server &, Client &client, unsigned char byte)
 {
     if (client.life == Life::OPEN)
         send(client.fd, &byte, 1, MSG_OOB | MSG_NOSIGNAL);
+}
+
+static Frame frame_of(Server &server, Client &client, std::string_view stream)
+{
+    auto max_data = static_cast<size_t>(server.options.max_data);
+    return client.cipher.state == CipherState::NONE ? next_frame(stream, max_data, server.plain)
+                                                    : next_envelope(client, stream, max_data, server.plain);
+}
+
+static void take_message(Server &server, Client &client, const Frame &frame)
+{
+    server.stats.messages_in++;
+    server.stats.compressed_in += frame.compressed;
+    handle_message(server, client, frame);
 }
 
 // Takes the whole frames from the front of `stream`; returns how many bytes that is.
@@ -144,20 +177,21 @@ static size_t take_frames(Server &server, Client &client, std::string_view strea
             client.paused = true;
             break;
         }
-        Frame frame =
-            next_frame(stream.substr(used), static_cast<size_t>(server.options.max_data), server.plain);
+        CipherState state = client.cipher.state;
+        Frame frame = frame_of(server, client, stream.substr(used));
         if (frame.state == FrameState::INCOMPLETE)
             break;
-        if (frame.state == FrameState::BROKEN) {
-            server.stats.broken++;
-            say("client %d: %s; hung up", client.number, frame.problem);
-            end_connection(server, client);
-            break;
-        }
         used += frame.size;
-        server.stats.messages_in++;
-        server.stats.compressed_in += frame.compressed;
-        handle_message(server, client, frame);
+        const char *problem = frame.problem;
+        if (frame.state == FrameState::COMPLETE && state == CipherState::NEGOTIATING)
+            problem = negotiate(server, client, frame.data);
+        else if (frame.state == FrameState::COMPLETE)
+            take_message(server, client, frame);
+        if (problem) {
+            server.stats.broken++;
+            say("client %d: %s; hung up", client.number, problem);
+            end_connection(server, client);
+        }
     }
     if (server.plain.capacity() > KEPT_CAPACITY)
         std::string().swap(server.plain);
@@ -252,10 +286,12 @@ static void take_leave(Server &server, Client &client)
     abandon_transaction(server, client);
     abandon_notices(server, client);
     abandon_queues(server, client);
+    abandon_keys(server, client);
 }
 
 static void settle_client(Server &server, Client &client)
 {
+    leave_if_done(server, client);
     if (client.life == Life::OPEN || client.life == Life::FLUSHING)
         write_output(server, client);
     if (client.life == Life::FLUSHING && unsent(client) == 0) {

@@ -1,5 +1,7 @@
 // The control socket: a line is a command, a table row each. An answer is any number of lines that begin with
 // two spaces, and then one that begins with "ok" or "error".
+#include "godown.h"
+#include "keystore.h"
 #include "services.h"
 
 #include <algorithm>
@@ -113,6 +115,16 @@ static std::string hold_command(Server &server, const Words &words)
     return hold_queue(server, words[1], words[0] == "hold") ? "ok\n" : wrong("no such queue");
 }
 
+static std::string keys_command(Server &server, const Words &)
+{
+    return list_keys(server) + "ok\n";
+}
+
+static std::string counts_command(Server &server, const Words &)
+{
+    return list_counts(server) + "ok\n";
+}
+
 static std::string services_command(Server &, const Words &)
 {
     return services_help() + "ok\n";
@@ -152,6 +164,8 @@ static const StatRow STATS[] = {
     {"notifications", &Stats::notifications},
     {"delivered", &Stats::delivered},
     {"undelivered", &Stats::undelivered},
+    {"enciphered", &Stats::enciphered},
+    {"given_back", &Stats::given_back},
 };
 // clang-format on
 
@@ -225,6 +239,42 @@ static std::string warn_command(Server &server, const Words &words)
 {
     return for_clients(server, words[1], true,
                        [&](Client &client) { send_urgent(server, client, DOWN_WARNING); });
+}
+
+// Without a client, "godown" or "godown silent", it is the whole server.
+static std::string godown_command(Server &server, const Words &words)
+{
+    bool silent = words.back() == "silent";
+    size_t named = words.size() - 1 - silent;
+    if (named > 1)
+        return wrong("the last word can only be silent");
+    if (named == 0) {
+        go_down(server, !silent);
+        return "ok\n";
+    }
+    return for_clients(server, words[1], true,
+                       [&](Client &client) { take_leave_of(server, client, !silent); });
+}
+
+static std::string envelope_command(Server &server, const Words &words)
+{
+    EnvelopeFault fault = EnvelopeFault::NONE;
+    int64_t count = 1;
+    if (!server.options.encipher)
+        return wrong("the connections aren't enciphered");
+    if (!find_envelope_fault(words[2], fault))
+        return wrong("the faults are " + envelope_fault_names());
+    if (words.size() > 3 && !parse_number(words[3], 1, INT32_MAX, count))
+        return wrong("count out of range");
+    if (words[1] == "new") {
+        server.new_envelope_fault = fault;
+        server.new_envelope_faults = count;
+        return "ok\n";
+    }
+    return for_clients(server, words[1], false, [&](Client &client) {
+        client.cipher.fault = fault;
+        client.cipher.faults_left = count;
+    });
 }
 
 struct PostKind {
@@ -356,6 +406,15 @@ static const CommandRow COMMANDS[] = {
     {"close", "CLIENT|all", "close the connection", 2, 2, false, close_command},
     {"reset", "CLIENT|all", "break the connection off with a reset", 2, 2, false, reset_command},
     {"warn", "CLIENT|all", "send the urgent byte of a server that is going down", 2, 2, false, warn_command},
+    {"godown", "[CLIENT|all] [silent]",
+     "go down in order, for these clients or, without them, for all and good; silent: without the warning", 1,
+     3, false, godown_command},
+    {"envelope", "CLIENT|all|new FAULT [N]",
+     "spoil the next envelope: cut, change, replay, clear, step; new: of those who connect", 3, 4, false,
+     envelope_command},
+    {"keys", "", "what is in the key stores, the first 1000 entries", 1, 1, false, keys_command},
+    {"counts", "", "calls of the service COUNT, different numbers, and those that came twice", 1, 1, false,
+     counts_command},
     {"post", "CLIENT|all KIND TEXT",
      "send an unsolicited message: post, broadcast, notify, notifyack, sendtocli, raw", 3, 4, true,
      post_command},

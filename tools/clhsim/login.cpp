@@ -1,4 +1,5 @@
 // The start exchange: who is let in, and what the start reply tells the client.
+#include "keystore.h"
 #include "server.h"
 
 #include <algorithm>
@@ -11,7 +12,6 @@ constexpr size_t LOGIN_FIELD_SIZE = 18;
 constexpr size_t NODE_NAME_SIZE = 16;
 constexpr size_t SERVER_NAME_LIMIT = 31;
 constexpr uint32_t TAG_SERVER_NAME = 0;
-constexpr int32_t SESSION_TOKEN_BASE = 0x5e550000;
 
 static std::string login_field(std::string_view data, size_t index)
 {
@@ -76,15 +76,16 @@ static std::string start_payload(const Options &options)
     return out;
 }
 
-static Header start_reply(const Options &options, const Header &request, int32_t number)
+static Header start_reply(const Server &server, const Header &request, int32_t number)
 {
+    const Options &options = server.options;
     Header header = reply_header(request, 0, options.acall_size);
     header.buftype = BUF_HEADER_ONLY;
     header.cd = options.conv_size;
     header.prio = options.engine_version;
     header.value = number;
     header.xid = {options.node_number << 8 | options.clh_number, options.tx_timeout, options.block_time};
-    header.sessid = SESSION_TOKEN_BASE + number;
+    header.sessid = node_count(server);
     return header;
 }
 
@@ -102,7 +103,7 @@ void handle_start(Server &server, Client &client, const Header &request, std::st
     client.user = login_field(data, 0);
     client.name = login_field(data, 1);
     server.stats.logins++;
-    Reply reply = {.header = start_reply(server.options, request, client.number)};
+    Reply reply = {.header = start_reply(server, request, client.number)};
     if (server.options.payload)
         reply.data = start_payload(server.options);
     send_reply(server, client, std::move(reply), "_tpstart");

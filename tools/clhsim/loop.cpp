@@ -206,9 +206,18 @@ bool open_server(Server &server, std::string &problem)
             return false;
         }
     }
+    if (server.options.encipher && !check_cipher()) {
+        problem =
+            "--encipher: no session of the cipher can be had; is the file of KEXCLI_OWN_KEY a private key?";
+        return false;
+    }
     server.next_number = server.options.first_client;
     if (!open_queues(server, problem))
         return false;
+    if (!open_counts(server.counts, server.options.count_file)) {
+        problem = system_problem(server.options.count_file);
+        return false;
+    }
     if (!open_listeners(server, problem))
         return false;
     uint32_t unused = 0;
@@ -216,6 +225,16 @@ bool open_server(Server &server, std::string &problem)
     watch_listeners(server, EPOLLIN);
     tell_ready(server);
     return true;
+}
+
+// Who connects from now on is refused, by the system or because nobody is there.
+void close_listeners(Server &server)
+{
+    for (int *fd : {&server.tcp_fd, &server.local_fd}) {
+        if (*fd != -1)
+            close(*fd);
+        *fd = -1;
+    }
 }
 
 void resume_listening(Server &server)
@@ -319,8 +338,10 @@ void run_server(Server &server)
 
 void close_server(Server &server)
 {
-    for (auto &[id, client] : server.clients)
+    for (auto &[id, client] : server.clients) {
         close(client->fd);
+        end_cipher(*client);
+    }
     for (auto &[id, controller] : server.controllers)
         close(controller->fd);
     for (int fd : {server.tcp_fd, server.local_fd, server.control_fd, server.signal_fd, server.epoll_fd}) {
@@ -332,6 +353,7 @@ void close_server(Server &server)
             unlink(path.c_str());
     }
     close_store(server.queues.store);
+    close_counts(server.counts);
     if (server.log)
         fclose(server.log);
 }

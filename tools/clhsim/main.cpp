@@ -2,9 +2,23 @@
 // for the file of the queues, no disk, so that an application can be developed and tested on one machine.
 #include "services.h"
 
+#include "keygen.h"
+
+#include <cerrno>
+#include <cstring>
 #include <exception>
 
 namespace clhsim {
+
+static int make_keys(const std::string &path)
+{
+    if (kexcli_make_key_files(path.c_str()) == 0) {
+        say("private key in %s, public key in %s%s", path.c_str(), path.c_str(), KEXCLI_PUBLIC_SUFFIX);
+        return 0;
+    }
+    fprintf(stderr, "clhsim: %s: %s\n", path.c_str(), strerror(errno));
+    return 1;
+}
 
 static int run(int count, char **words)
 {
@@ -17,8 +31,10 @@ static int run(int count, char **words)
             "commands of the control socket, one a line; SERVICE may be * for all, an event's name, or the\n"
             "exchanges _tpstart, _tpend, _tx_commit, _tx_rback, _notify, _tpenq, _tpdeq, _tpqstat, "
             "_tpreissue,\n"
-            "_getsvg, _getspr, _getaddr and _getactivesvr, or SERVICE@GROUP for one group of a service; N "
-            "says how\n"
+            "_getsvg, _getspr, _getaddr, _getactivesvr, _sq and _negotiate, or SERVICE@GROUP for one group "
+            "of a\n"
+            "service, _sq@NODE for one node of the key store, _sq@session for the stores of sessions; N says "
+            "how\n"
             "often (otherwise until it is cleared):\n%s\n"
             "An answer is any number of lines that begin with two spaces, and then one that begins\n"
             "with ok or error.\n",
@@ -30,6 +46,8 @@ static int run(int count, char **words)
     case Parsed::RUN:
         break;
     }
+    if (!server.options.keygen_file.empty())
+        return make_keys(server.options.keygen_file);
     bool opened = open_server(server, problem);
     if (opened)
         run_server(server);

@@ -1,5 +1,7 @@
 // What each message type of a client is answered with: a table of handlers.
+#include "godown.h"
 #include "groups.h"
+#include "keystore.h"
 #include "services.h"
 
 #include <algorithm>
@@ -64,6 +66,14 @@ std::string_view without_trailer(const Header &header, std::string_view data)
     return data.substr(0, data.size() - std::min<size_t>(data.size(), xflags & XFLAG_TRAILER_LENGTH));
 }
 
+Header given_back(const Header &request)
+{
+    Header back = request;
+    back.msgtype += ERROR_REPLY;
+    back.xflags |= static_cast<int32_t>(XFLAG_GIVEN_BACK);
+    return back;
+}
+
 bool gives_back(Server &server, Client &client, const Header &request, std::string_view data,
                 std::string_view name)
 {
@@ -71,10 +81,8 @@ bool gives_back(Server &server, Client &client, const Header &request, std::stri
         name = service_name(request);
     if (!strike(server.faults, name, FaultKind::GIVE_BACK))
         return false;
-    Reply back = {.header = reply_header(request, 0, 0), .data = std::string(data)};
-    back.header.msgtype = request.msgtype + ERROR_REPLY;
-    back.header.xflags = request.xflags | static_cast<int32_t>(XFLAG_GIVEN_BACK);
-    send_reply(server, client, std::move(back), name);
+    server.stats.given_back++;
+    send_reply(server, client, {.header = given_back(request), .data = std::string(data)}, name);
     return true;
 }
 
@@ -221,7 +229,7 @@ static const MessageRow MESSAGES[] = {
     {MSG_GETSVG, "GETSVG", false, true, handle_group_list},
     {MSG_GETADDR, "GETADDR", false, true, handle_address},
     {MSG_ACTIVESVR, "GET_ACTIVESVR", false, true, handle_active_servers},
-    {MSG_SQ, "SQ_REQUEST", false, true, handle_unserved},
+    {MSG_SQ, "SQ_REQUEST", false, true, handle_key_store},
     {MSG_GETSPR, "GETSPR", false, true, handle_process_list},
     {MSG_KMQ_FIRST, "message service", false, true, handle_unserved},
     {MSG_KMQ_FIRST + 1, "message service", false, true, handle_unserved},
@@ -264,6 +272,8 @@ void handle_message(Server &server, Client &client, const Frame &frame)
         send_refusal(server, client, frame.header, ERR_PROTO);
         return;
     }
+    if (row->answered && handled_on_leave(server, client, frame.header, frame.data))
+        return;
     row->handle(server, client, frame.header, frame.data);
 }
 

@@ -141,6 +141,12 @@ static const char *take_no_payload(Options &options, std::string_view)
     return nullptr;
 }
 
+static const char *take_encipher(Options &options, std::string_view)
+{
+    options.encipher = true;
+    return nullptr;
+}
+
 static const char *take_verbose(Options &options, std::string_view)
 {
     options.verbose = true;
@@ -201,14 +207,29 @@ static const OptionRow ROWS[] = {
     taken_row("--user", "USER[:CRED1[:CRED2]]", "let in only such logins; may be given several times",
               take_login),
 
-    text_row("--queue-file", "FILE",
-             "keep the queues in this SQLite file, so that they outlive the server; otherwise in memory",
-             &Options::queue_file),
+    text_row(
+        "--store-file", "FILE",
+        "keep queues and key store in this SQLite file, so that they outlive the server; otherwise in memory",
+        &Options::queue_file),
+    text_row("--queue-file", "FILE", "the same", &Options::queue_file),
     number_row("--queue-limit", "most messages of a queue, 1000000", &Options::queue_limit, 0, INT32_MAX),
     taken_row("--group", "SERVICE=GROUP,...",
               "the server groups of a service, one of the node's own; may be given several times",
               take_group),
 
+    text_row("--count-file", "FILE",
+             "append the numbers of the service COUNT to FILE, which several servers can share",
+             &Options::count_file),
+
+    taken_row(
+        "--encipher", nullptr,
+        "every connection has to negotiate keys; the private key that KEXCLI_OWN_KEY names proves who it is",
+        take_encipher),
+    text_row("--keygen", "FILE",
+             "make a private key in FILE and its public half in FILE.pub, and end; neither may be there",
+             &Options::keygen_file),
+    number_row("--leave-time", "going down: how long a client has to be quiet before it is closed, ms, 1000",
+               &Options::leave_time, 0, 1000 * 1000),
     taken_row("--compress", "N",
               "compress messages to clients from this size of data on, -1 for never; as --threshold",
               take_compress),

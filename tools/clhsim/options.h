@@ -59,8 +59,12 @@ struct Options {
     std::string queue_file;  // empty: the queues are kept in memory
     int32_t queue_limit = 1000 * 1000;
     std::vector<GroupList> groups;
+    std::string count_file;  // empty: the service COUNT keeps its numbers in memory
 
     // The server's own ways.
+    bool encipher = false;      // every connection begins with a negotiation
+    int32_t leave_time = 1000;  // milliseconds without a request, before a client on its way out is closed
+    std::string keygen_file;    // make a pair of keys there, and do nothing else
     bool compress_own = false;  // compress_from was given, otherwise it follows the threshold
     int32_t compress_from = -1;
     int32_t max_data = 64 * 1024 * 1024;

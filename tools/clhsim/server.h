@@ -7,7 +7,9 @@
 #define CLHSIM_SERVER_H
 
 #include "conversations.h"
+#include "envelope.h"
 #include "events.h"
+#include "counts.h"
 #include "faults.h"
 #include "options.h"
 #include "queues.h"
@@ -56,6 +58,10 @@ struct Client {
     std::string name;
     uint64_t calls = 0;
     uint64_t acknowledged = 0;  // notifications
+
+    Cipher cipher;
+    bool leaving = false;            // warned, or the server goes down: what it asks for is given back
+    Clock::time_point last_request;  // of a leaving client
 
     bool gone = false;  // what others kept for it is cleared away
     std::map<int32_t, Conversation> conversations;
@@ -108,6 +114,8 @@ struct Stats {
     uint64_t notifications = 0;
     uint64_t delivered = 0;
     uint64_t undelivered = 0;
+    uint64_t enciphered = 0;  // connections
+    uint64_t given_back = 0;
 };
 
 struct Server {
@@ -142,7 +150,11 @@ struct Server {
     std::unordered_map<uint64_t, std::unique_ptr<Controller>> controllers;
     std::multimap<Clock::time_point, Timer> timers;
     std::vector<uint64_t> unsettled;
-    std::string plain;  // room for uncompressed messages
+    std::string plain;                                       // room for uncompressed messages
+    EnvelopeFault new_envelope_fault = EnvelopeFault::NONE;  // for those who connect from now on
+    int64_t new_envelope_faults = 0;
+    Counts counts;
+    bool going_down = false;  // nobody new comes in; the last client's end is the server's
     bool stopping = false;
 };
 
@@ -153,6 +165,7 @@ void run_server(Server &server);
 void close_server(Server &server);
 void watch(Server &server, Source source, uint64_t id, int fd, uint32_t events, uint32_t &interest);
 void resume_listening(Server &server);
+void close_listeners(Server &server);                                     // those for clients
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));  // a line on standard output
 
 // client.cpp
@@ -164,6 +177,7 @@ bool congested(const Client &client);  // too much waits for it
 // nothing.
 void send_message(Server &server, Client &client, const Header &header, std::string_view data);
 void send_raw(Server &server, Client &client, std::string_view data);
+void send_bytes(Server &server, Client &client, std::string_view bytes);  // as they are
 void send_urgent(Server &server, Client &client, unsigned char byte);
 // Closes the connection in order, after the output or without it.
 void hang_up(Server &server, Client &client, bool after_output);
@@ -187,6 +201,9 @@ struct Reply {
 // `name` is that of the exchange, by default the service's.
 bool gives_back(Server &server, Client &client, const Header &request, std::string_view data,
                 std::string_view name = {});
+// A request as it goes back: as it came, but for the type and the mark. No error number is put into it, so
+// that it can be sent again as it was.
+Header given_back(const Header &request);
 // A reply without data.
 void send_refusal(Server &server, Client &client, const Header &request, int32_t error);
 // The data without the trailer that the transport may have put behind it.

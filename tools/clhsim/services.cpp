@@ -150,6 +150,8 @@ static const Service SERVICES[] = {
     {"DEPOSIT", "adds to an account (\"ann 100\", \"ann -30\"), and tells what is in it then", TAKES_TEXT,
      nullptr, deposit_service},
     {"BALANCE", "what is in an account (\"ann\")", TAKES_TEXT, nullptr, balance_service},
+    {"COUNT", "keeps the number that the data says, and returns it; see the command \"counts\"", TAKES_TEXT,
+     nullptr, count_service},
     {"WHICH", "the group or server that the call was directed to, or none", TAKES_TEXT, which_service},
     {"WHOAMI", "the caller's identity, for those who want to notify it", TAKES_TEXT, nullptr, whoami_service},
     {".CHK_CONN", "nothing: the connection check of a client", TAKES_ALL, ping_service},

@@ -39,6 +39,9 @@ Answer balance_service(Server &server, Client &client, const Header &request, st
 // groups.cpp
 Answer which_service(const Options &options, const Header &request, std::string_view data);
 
+// counts.cpp
+Answer count_service(Server &server, Client &client, const Header &request, std::string_view data);
+
 const Service *find_service(std::string_view name);
 std::vector<std::string> service_names();
 // What is wrong with data of this type for the service; 0 if nothing is.

@@ -21,10 +21,21 @@ enum Statement : size_t {
     COUNT_SERVICE,
     COUNT_ROWS,
     LIST,
+    PUT_ENTRY,
+    FIND_ENTRY,
+    HAS_ENTRY,
+    REMOVE_ENTRY,
+    REMOVE_ENTRIES,
+    COUNT_ENTRIES,
+    COUNT_ALL_ENTRIES,
+    LIST_ENTRIES,
+    NEXT_KEY,
 };
 
 #define MESSAGE_COLUMNS "id, kind, owner, error, rcode, header, record, data"
 #define IN_PLACE "queue = ? AND kind = ?"
+#define ENTRY_COLUMNS "session, node, key, header, length(data)"
+#define IN_STORE "session = ? AND node = ?"
 
 // clang-format off
 static const char *const SQL[STORE_STATEMENTS] = {
@@ -47,6 +58,17 @@ static const char *const SQL[STORE_STATEMENTS] = {
     /* COUNT_ROWS */    "SELECT count(*) FROM messages WHERE queue = ?",
     /* LIST */          "SELECT " MESSAGE_COLUMNS " FROM messages WHERE queue = ? AND hold <= 0 "
                         "ORDER BY id LIMIT ?",
+    /* PUT_ENTRY */     "INSERT OR REPLACE INTO entries(session, node, key, header, data) "
+                        "VALUES(?, ?, ?, ?, ?)",
+    /* FIND_ENTRY */    "SELECT " ENTRY_COLUMNS ", data FROM entries WHERE " IN_STORE " AND key = ?",
+    /* HAS_ENTRY */     "SELECT 1 FROM entries WHERE " IN_STORE " AND key = ?",
+    /* REMOVE_ENTRY */  "DELETE FROM entries WHERE " IN_STORE " AND key = ?",
+    /* REMOVE_ENTRIES */ "DELETE FROM entries WHERE " IN_STORE,
+    /* COUNT_ENTRIES */ "SELECT count(*) FROM entries WHERE " IN_STORE,
+    /* COUNT_ALL_ENTRIES */ "SELECT count(*) FROM entries",
+    /* LIST_ENTRIES */  "SELECT " ENTRY_COLUMNS " FROM entries WHERE session >= ? AND session <= ? AND "
+                        "node >= ? AND node <= ? ORDER BY session, node, key LIMIT ?",
+    /* NEXT_KEY */      "UPDATE key_numbers SET last = last + 1 RETURNING last",
 };
 // clang-format on
 
@@ -65,18 +87,29 @@ static const char SET_UP[] =
     "data BLOB NOT NULL);"
     "CREATE INDEX IF NOT EXISTS by_place ON messages(queue, kind, hold, id);"
     "CREATE INDEX IF NOT EXISTS by_holder ON messages(hold) WHERE hold != 0;"
+    "CREATE TABLE IF NOT EXISTS entries("
+    "session INTEGER NOT NULL, node INTEGER NOT NULL, key BLOB NOT NULL, header BLOB NOT NULL,"
+    "data BLOB NOT NULL, PRIMARY KEY(session, node, key));"
+    "CREATE TABLE IF NOT EXISTS key_numbers(last INTEGER NOT NULL);"
+    "INSERT INTO key_numbers SELECT 0 WHERE NOT EXISTS(SELECT 1 FROM key_numbers);"
+    "DELETE FROM entries WHERE session != 0;"
     "DELETE FROM messages WHERE hold != 0 AND fresh = 1;"
     "UPDATE messages SET hold = 0 WHERE hold != 0;"
     "UPDATE messages SET owner = 0 WHERE owner != 0;"
-    "PRAGMA user_version = 1;"
+    "PRAGMA user_version = 2;"
     "COMMIT";
-constexpr int64_t FORMAT = 1;
+constexpr int64_t FORMAT = 2;
 
 struct Blob {
     std::string_view bytes;
 };
 
 static void bind_one(sqlite3_stmt *statement, int index, int64_t value)
+{
+    sqlite3_bind_int64(statement, index, value);
+}
+
+static void bind_one(sqlite3_stmt *statement, int index, int32_t value)
 {
     sqlite3_bind_int64(statement, index, value);
 }
@@ -170,6 +203,8 @@ bool open_store(Store &store, const std::string &path, std::string &problem)
         }
         opened = format >= 0 && execute(store, SET_UP);
     }
+    if (opened)
+        store.entries = number_of(store, COUNT_ALL_ENTRIES);
     if (!opened)
         problem = path + ": " + (store.database ? sqlite3_errmsg(store.database) : "out of memory");
     return opened;
@@ -310,6 +345,106 @@ int64_t count_rows(Store &store, std::string_view queue)
 std::vector<QueuedMessage> list_messages(Store &store, std::string_view queue, int64_t most)
 {
     return rows_of(prepared(store, LIST, queue, most), false);
+}
+
+// --- The key store.
+
+bool put_entry(Store &store, const KeyPlace &place, const StoredEntry &entry)
+{
+    bool there = has_entry(store, place, entry.key);
+    bool put = run(store, PUT_ENTRY, place.session, place.node, Blob{entry.key}, Blob{entry.header},
+                   Blob{entry.data});
+    store.entries += put && !there;
+    return put;
+}
+
+// A row of ENTRY_COLUMNS. A header that somebody has cut in the file is an empty one.
+static StoredEntry entry_in(sqlite3_stmt *statement)
+{
+    StoredEntry entry;
+    entry.place = {sqlite3_column_int64(statement, 0), sqlite3_column_int(statement, 1)};
+    entry.key = bytes_in(statement, 2);
+    entry.header = bytes_in(statement, 3);
+    entry.header.resize(HEADER_SIZE);
+    entry.size = static_cast<size_t>(sqlite3_column_int64(statement, 4));
+    return entry;
+}
+
+std::optional<StoredEntry> find_entry(Store &store, const KeyPlace &place, std::string_view key)
+{
+    sqlite3_stmt *statement = prepared(store, FIND_ENTRY, place.session, place.node, Blob{key});
+    if (!statement)
+        return {};
+    std::optional<StoredEntry> entry;
+    if (sqlite3_step(statement) == SQLITE_ROW) {
+        entry = entry_in(statement);
+        entry->data = bytes_in(statement, 5);
+    }
+    release(statement);
+    return entry;
+}
+
+bool has_entry(Store &store, const KeyPlace &place, std::string_view key)
+{
+    return number_of(store, HAS_ENTRY, place.session, place.node, Blob{key}) == 1;
+}
+
+// What a statement has removed, or -1.
+static int64_t removed(Store &store, bool done)
+{
+    if (!done)
+        return -1;
+    int64_t count = sqlite3_changes64(store.database);
+    store.entries -= count;
+    return count;
+}
+
+int64_t remove_entries(Store &store, const KeyPlace &place, std::string_view key)
+{
+    return removed(store, run(store, REMOVE_ENTRY, place.session, place.node, Blob{key}));
+}
+
+int64_t remove_all_entries(Store &store, const KeyPlace &place)
+{
+    return removed(store, run(store, REMOVE_ENTRIES, place.session, place.node));
+}
+
+int64_t count_entries(Store &store, const KeyPlace &place)
+{
+    return number_of(store, COUNT_ENTRIES, place.session, place.node);
+}
+
+int64_t count_all_entries(Store &store)
+{
+    return store.entries;
+}
+
+static std::vector<StoredEntry> entries_of(sqlite3_stmt *statement)
+{
+    std::vector<StoredEntry> entries;
+    if (!statement)
+        return entries;
+    while (sqlite3_step(statement) == SQLITE_ROW)
+        entries.push_back(entry_in(statement));
+    release(statement);
+    return entries;
+}
+
+std::vector<StoredEntry> entries_in(Store &store, const KeyPlace &place)
+{
+    constexpr int64_t ALL = -1;
+    return entries_of(
+        prepared(store, LIST_ENTRIES, place.session, place.session, place.node, place.node, ALL));
+}
+
+std::vector<StoredEntry> all_entries(Store &store, int64_t most)
+{
+    return entries_of(prepared(store, LIST_ENTRIES, INT64_C(0), INT64_MAX, INT32_MIN, INT32_MAX, most));
+}
+
+uint32_t next_key_number(Store &store)
+{
+    return static_cast<uint32_t>(number_of(store, NEXT_KEY));
 }
 
 }  // namespace clhsim

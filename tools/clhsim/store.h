@@ -1,4 +1,5 @@
-// What the reliable queues hold, in an SQLite database: a file, so that it outlives the server, or memory.
+// What the reliable queues and the key store hold, in an SQLite database: a file, so that it outlives the
+// server, or memory.
 //
 // A message is one row. Its kind tells in which part of its queue it stands; `hold` tells who has a hand on
 // it: a transaction that put it there or takes it out, or the service that works on it. A held row is nobody
@@ -53,11 +54,27 @@ struct QueuedMessage {
     size_t size = 0;  // of the data, where that is left out
 };
 
-constexpr size_t STORE_STATEMENTS = 16;
+// Whose store of keys: a session's, by its client's id, or with session 0 a node's.
+struct KeyPlace {
+    int64_t session = 0;
+    int32_t node = 0;
+};
+
+// An entry of the key store: the value's header as it came, and its data.
+struct StoredEntry {
+    KeyPlace place = {};
+    std::string key = {};
+    std::string header = {};
+    std::string data = {};
+    size_t size = 0;  // of the data, where that is left out
+};
+
+constexpr size_t STORE_STATEMENTS = 25;
 
 struct Store {
     sqlite3 *database = nullptr;
     std::array<sqlite3_stmt *, STORE_STATEMENTS> statements = {};  // made when first used
+    int64_t entries = 0;                                           // of the key store
 };
 
 // An empty path: in memory. On failure `problem` says why.
@@ -84,6 +101,22 @@ int64_t count_messages(Store &store, std::string_view queue, MessageKind kind, s
 int64_t count_rows(Store &store, std::string_view queue);  // the held ones too
 // Without their data.
 std::vector<QueuedMessage> list_messages(Store &store, std::string_view queue, int64_t most);
+
+// The entries of the key store. Those of sessions are gone with the server.
+bool put_entry(Store &store, const KeyPlace &place,
+               const StoredEntry &entry);  // in the place of an older one
+std::optional<StoredEntry> find_entry(Store &store, const KeyPlace &place, std::string_view key);
+bool has_entry(Store &store, const KeyPlace &place, std::string_view key);
+// How many, or -1.
+int64_t remove_entries(Store &store, const KeyPlace &place, std::string_view key);
+int64_t remove_all_entries(Store &store, const KeyPlace &place);
+int64_t count_entries(Store &store, const KeyPlace &place);
+int64_t count_all_entries(Store &store);
+// In no order, without their data.
+std::vector<StoredEntry> entries_in(Store &store, const KeyPlace &place);
+std::vector<StoredEntry> all_entries(Store &store, int64_t most);
+// A number that this store has never given before; 0 if it can't be written down.
+uint32_t next_key_number(Store &store);
 
 }  // namespace clhsim
 

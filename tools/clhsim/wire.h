@@ -99,6 +99,7 @@ enum CallError : int32_t {
     ERR_PROTO = 9,
     ERR_SVCFAIL = 11,
     ERR_SYSTEM = 12,
+    ERR_TRAN = 14,
     ERR_ITYPE = 17,
     ERR_MATCH = 23,
     ERR_SECURITY = 25,
@@ -157,7 +158,7 @@ struct Frame {
     bool compressed = false;
     Header header;
     std::string_view data;
-    const char *problem = "";
+    const char *problem = nullptr;
 };
 Frame next_frame(std::string_view stream, size_t max_data, std::string &plain);
 
