@@ -10,6 +10,7 @@
 #include "runtime/mthr.h"
 
 #include "calls/svgapi.h"
+#include "wire/envelope.h"
 
 #include "runtime/errlog.h"
 #include "vorn/context.h"
@@ -316,6 +317,7 @@ static void free_block(wthr_var *block)
         return;
     free(block->subscr);
     free_answers(block);
+    end_cipher(block);  // a signal handler may have had to leave it
     free_retired(block);
     if (block->wake_fd >= 0)
         close(block->wake_fd);

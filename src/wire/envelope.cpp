@@ -111,9 +111,12 @@ static msg_header *receive_step(msg_header *step, wthr_var *block)
 {
     fill_step(step, STEP_ROOM);
     msg_header *answer = _read_csmsg_from_clh_timeout(step, STEP_SECONDS, block);
-    if (answer == nullptr)
-        free(step);
-    return answer;
+    if (answer != nullptr)
+        return answer;
+    free(step);
+    if (get_tperrno() == 0)  // something that no key deciphers
+        set_tperrno(TPESYSTEM);
+    return nullptr;
 }
 
 int _vorn_negotiate(wthr_var *block)

@@ -335,7 +335,7 @@ static bool is_step_heard(const msg_header *want)
            (want != nullptr && want->msgtype == MSG_TPSTART && want->buftype == BUF_NEGOTIATION);
 }
 
-constexpr int32_t LONGEST_STEP = 260;  // no provider gives a longer one
+constexpr int32_t LONGEST_STEP = 0x10000;  // far more than a provider needs; keys don't protect it
 
 static frame_result read_envelope(frame_reader *reader)
 {

@@ -598,7 +598,9 @@ TEST_F(KeyBroadcast, WhatIsNoQuestionToAllGivesNothing)
         peer.done();
     }
     msg_header *message = _header_msg_make(MSG_SQ_REQUEST, wire::COUNT);
+    set_tperrno(TPESYSTEM);
     EXPECT_EQ(_sq_broadcast(message, 0, -1, block()), nullptr);
+    EXPECT_EQ(get_tperrno(), 0);
     message = _header_msg_make(MSG_SQ_REQUEST, wire::COUNT);
     EXPECT_EQ(_sq_broadcast(message, 1, 0, block()), nullptr);
     peer.expect_nothing();

@@ -192,6 +192,22 @@ TEST_F(KeyGet, EmptyValuesOfEachKind)
     }
 }
 
+// A reply to a call may have left a buffer with hardly any room.
+TEST_F(KeyGet, SmallBufferGrowsForTheHeadOfAnEmptyFieldBuffer)
+{
+    ASSERT_TRUE(open());
+    for (int32_t room : {0, 4, 7}) {
+        tpfree(data);
+        data = message_data(new_message(0, "", room));
+        serve_value(wire::value("", wire::FIELD));
+        expect_good(get());
+        EXPECT_EQ(got, 0);
+        EXPECT_GE(tpgetasize(data), 8);
+        EXPECT_TRUE(fld::equal((FBUF *)data, {}));
+        peer.done();
+    }
+}
+
 TEST_F(KeyGet, FieldsAreFoundWhereTheyStandNow)
 {
     ASSERT_TRUE(open());

@@ -1,5 +1,4 @@
 // Sessions that are enciphered from their start to their end, whatever ends them.
-#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -303,55 +302,6 @@ TEST_F(Enciphered, SecondAttemptHasKeysOfItsOwn)
     EXPECT_EQ(fake.opened, 2);
     EXPECT_EQ(fake.closed, 1);
     expect_sealed_call();
-}
-
-TEST_F(Enciphered, WithoutMemoryTheStartFailsAndTheNextServes)
-{
-    ASSERT_TRUE(start_sealed());  // without its tables of threads the process ends
-    peer.hang_up();
-    tpend();
-    for (int nth = 1;; nth++) {
-        ASSERT_LT(nth, 100);
-        SCOPED_TRACE("allocation " + std::to_string(nth));
-        std::atomic<bool> over{false};
-        peer.play([&] {
-            while (!over) {
-                pollfd knocks = {peer.listener, POLLIN, 0};
-                if (poll(&knocks, 1, 1) != 1)
-                    continue;
-                peer.accept();
-                std::string first, last;
-                server.keys = (cipher::close_sess(server.keys), cipher::init_sess(KEXCLI_MODE_SERVER, -1));
-                if (!cipher::read_envelope(peer, cipher::STEP, &first))
-                    continue;
-                server.answer(first);
-                if (!cipher::read_envelope(peer, cipher::STEP, &last))
-                    continue;
-                server.answer(last);
-                wire::frame message;
-                if (server.receive(&message))
-                    server.send(wire::start_answer(message, {}));
-            }
-        });
-        faults::fail_allocation(nth);
-        int result = tpstart(nullptr);
-        bool failed = faults::allocation_failed();
-        faults::disarm_allocations();
-        over = true;
-        peer.done();
-        if (result < 0) {
-            EXPECT_TRUE(failed);
-            EXPECT_TRUE(get_tperrno() == TPEOS || get_tperrno() == TPESYSTEM) << get_tperrno();
-            EXPECT_EQ(fake.live(), 0);
-        } else {
-            EXPECT_EQ(fake.live(), 1);
-        }
-        peer.hang_up();
-        if (result >= 0)
-            tpend();
-        if (!failed)
-            return;
-    }
 }
 
 // ---- ends

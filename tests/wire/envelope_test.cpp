@@ -104,7 +104,7 @@ TEST_F(Negotiation, ManyRoundsMayBeRun)
 
 TEST_F(Negotiation, AnswerIsHandedOverWhole)
 {
-    for (size_t length : {0, 1, 136, 259, 260}) {
+    for (size_t length : {0, 1, 136, 259, 260, 261, 280, 1864, 1865, 65536}) {
         SCOPED_TRACE(length);
         send_step(long_text(length));
         EXPECT_EQ(run({{1}, {0}}), 1);
@@ -115,7 +115,7 @@ TEST_F(Negotiation, AnswerIsHandedOverWhole)
 
 TEST_F(Negotiation, AnswerLongerThanAnyProvidersIsRefused)
 {
-    for (size_t length : {261, 280, 1864, 1865, 30000}) {
+    for (size_t length : {65537, 100000}) {
         SCOPED_TRACE(length);
         send_step(long_text(length));
         EXPECT_EQ(run({{1}, {0}}), -1);
