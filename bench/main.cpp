@@ -38,6 +38,8 @@ static constexpr scenario SCENARIOS[] = {
      placement::two_cores},
     {"keys-pinned", "get and put of the key store, both on one core", keys, placement::one_core},
     {"keys-two-cores", "get and put of the key store, each on a core of its own", keys, placement::two_cores},
+    {"messages-pinned", "the message service, both on one core", messages, placement::one_core},
+    {"messages-two-cores", "the message service, each on a core of its own", messages, placement::two_cores},
     {"threads-pinned", "threads, 4 bytes, all on one core", threads, placement::one_core},
     {"threads-two-cores", "threads, 4 bytes, the responder on another core", threads, placement::two_cores},
     {"threads-unpinned", "threads, 4 bytes, unpinned", threads, placement::anywhere},
@@ -50,12 +52,13 @@ static constexpr scenario SCENARIOS[] = {
     {"fields-loops", "field buffers: loops over occurrences", field_loops, placement::one_core},
     {"fields-wire", "field buffers: wire form of 64 KiB", field_wire, placement::one_core},
     {"fields-threads", "field buffers: threads with a buffer each", field_threads, placement::anywhere},
+    {"properties", "ten properties of a message", properties, placement::one_core},
 };
 
 static void usage(FILE *to)
 {
     fputs("usage: bench [--quick] [--only NAME]... [--clhsim PATH]\n\n"
-          "  --quick        short rounds, a minute and a half in all; without it eight\n"
+          "  --quick        short rounds, a minute and a half in all; without it nine\n"
           "  --only NAME    scenarios whose name contains NAME; may be given several times\n"
           "  --clhsim PATH  the stand-in server; otherwise the one beside this program, if there is one\n\n"
           "scenarios:\n",

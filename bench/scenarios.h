@@ -20,6 +20,8 @@ void multicasts(const settings &chosen, placement where);
 void enciphered(const settings &chosen, placement where);
 void rolling(const settings &chosen, placement where);
 void keys(const settings &chosen, placement where);
+// The message service: sends and receives.
+void messages(const settings &chosen, placement where);
 // 1 to 16 threads, on one connection and on one each.
 void threads(const settings &chosen, placement where);
 // What doesn't talk to the server runs on one core, wherever it is asked to.
@@ -31,6 +33,8 @@ void field_records(const settings &chosen, placement where);
 void field_loops(const settings &chosen, placement where);
 void field_wire(const settings &chosen, placement where);
 void field_threads(const settings &chosen, placement where);
+// Ten properties of a message, beside ten fields and protobuf.
+void properties(const settings &chosen, placement where);
 
 // Steps that they share. All of them end the program on an error.
 void open_session(long flags);
@@ -38,7 +42,8 @@ char *new_carray(size_t size);
 
 // One call of ECHO; `data` is sent, `reply` receives.
 trip call_trip(size_t size);
-// One message over a bare connection that carries as many bytes as a call with `size` bytes of data.
-trip bare_trip(const server &peer, size_t size);
+// One message over a bare connection that carries as many bytes as a call with `size` bytes of data, and `behind`
+// bytes more one way, once the answer is there.
+trip bare_trip(const server &peer, size_t size, size_t behind = 0);
 
 #endif

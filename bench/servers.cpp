@@ -1,6 +1,7 @@
 #include "servers.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -35,8 +36,9 @@ enum header_offset : size_t {
 };
 constexpr uint32_t START = 1, CONNECT = 5, SEND = 6, DISCON = 8, ENQUEUE = 17, DEQUEUE = 18, INIT = 21,
                    STORED = 25, GROUPS = 46, KEYS = 181, REPLY = 1000;
+constexpr uint32_t OPEN_MESSAGES = 500, OPEN_END = 502, GET_NEXT = 505, ACKNOWLEDGE = 506, DELIVERY = 507;
 constexpr uint32_t GET_KEY = 2, HEADER_ONLY = 9;
-constexpr uint32_t CARRAY = 4;                         // kind of data
+constexpr uint32_t FIELDS = 2, CARRAY = 4;             // kinds of data
 constexpr uint32_t ENQUEUE_UNANSWERED = 0x4 | 0x4000;  // no service's answer follows the acceptance
 constexpr uint32_t HANDS_OVER = 0x1000;   // mark of a conversation's message: the other side may send now
 constexpr uint32_t CONVERSATION = 12345;  // descriptor of each conversation: a connection has one at a time
@@ -105,16 +107,17 @@ static bool reply_all(int fd, const char *bytes, size_t size)
 
 static void answer_bare(int fd)
 {
-    char first[4];
+    char first[8];
     if (recv(fd, first, sizeof first, MSG_WAITALL) != (ssize_t)sizeof first)
         return;
-    size_t size = word_at(first);
-    if (size > LONGEST_MESSAGE)
+    size_t size = word_at(first), behind = word_at(first + 4);
+    if (size > LONGEST_MESSAGE || behind > LONGEST_MESSAGE)
         return;
-    std::vector<char> message(size);
+    std::vector<char> message(size), unanswered(behind);
     while (recv(fd, message.data(), size, MSG_WAITALL) == (ssize_t)size &&
            reply_all(fd, message.data(), size))
-        ;
+        if (behind > 0 && recv(fd, unanswered.data(), behind, MSG_WAITALL) != (ssize_t)behind)
+            return;
 }
 
 // What a start reply tells behind its header: no nodes, one queue, no services, and never to compress.
@@ -198,6 +201,41 @@ static size_t answer_key_store(char *head)
     return fill_data(head, key + fill_data(value, size));
 }
 
+// A session of the message service, or an end of one, gets a number of its own.
+static size_t open_for_messages(char *head, header_offset place)
+{
+    static std::atomic<uint32_t> given = 0;
+    set_word(head + place, ++given);
+    set_word(head + AT_BUFTYPE, HEADER_ONLY);
+    set_word(head + AT_BUFSIZE, 0);
+    set_word(head + AT_DATALEN, 0);
+    return MESSAGE_HEAD;
+}
+
+// A message with a body of as many bytes as the session's name says, behind its first character.
+static size_t deliver(char *head)
+{
+    constexpr char BODY_NAME[] = "$Data";
+    constexpr uint32_t MAGIC = 8888, NAME_KEY = 7 << 26, BODY_KEY = 8 << 26;
+    constexpr size_t AT_NAME = 8, AT_BODY = 24, ALIGNMENT = 8;
+    size_t body = (size_t)atoi(head + AT_SVCNAME + 1);
+    if (body > LONGEST_MESSAGE / 2)
+        body = 0;
+    size_t used = AT_BODY + (8 + body + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+    char *data = head + MESSAGE_HEAD;
+    memset(data, 0, AT_BODY + 8);
+    set_word(data, MAGIC);
+    set_word(data + 4, (uint32_t)used);
+    set_word(data + AT_NAME, NAME_KEY);
+    memcpy(data + AT_NAME + 4, BODY_NAME, sizeof BODY_NAME);
+    set_word(data + AT_BODY, BODY_KEY);
+    set_word(data + AT_BODY + 4, (uint32_t)body);
+    size_t size = fill_data(head, used);
+    set_word(head + AT_BUFTYPE, FIELDS);
+    set_word(head + AT_MSGTYPE, DELIVERY);
+    return size;
+}
+
 // Turns the message at the front of `bytes` into its answer; the answer's size, 0 where none is due.
 static size_t turn_into_answer(char *bytes, size_t size)
 {
@@ -205,7 +243,7 @@ static size_t turn_into_answer(char *bytes, size_t size)
     bool answered = (word_at(bytes + AT_FLAGS) & ENQUEUE_UNANSWERED) == 0;
     if (type == SEND)  // goes back as it came, with the right to send
         return (word_at(bytes + AT_FLAGS) & HANDS_OVER) != 0 ? size : 0;
-    if (type == DISCON)
+    if (type == DISCON || type == ACKNOWLEDGE)
         return 0;
     set_word(bytes + AT_MSGTYPE, type + REPLY);
     set_word(bytes + AT_FLAGS, 0);
@@ -223,8 +261,14 @@ static size_t turn_into_answer(char *bytes, size_t size)
         return tell_groups(bytes);
     case KEYS:
         return answer_key_store(bytes);
+    case OPEN_MESSAGES:
+        return open_for_messages(bytes, AT_SESSID);
+    case OPEN_END:
+        return open_for_messages(bytes, AT_PRIO);
+    case GET_NEXT:
+        return deliver(bytes);
     default:
-        return size;  // calls, and commits: their result is the request's rcode, which is 0
+        return size;  // calls, messages, and commits: their result is the request's rcode, which is 0
     }
 }
 
@@ -465,11 +509,12 @@ static int connect_to(int port)
     return fd;
 }
 
-int connect_bare(const server &peer, uint32_t size)
+int connect_bare(const server &peer, uint32_t size, uint32_t behind)
 {
     int fd = connect_to(peer.bare_port);
-    char first[4];
+    char first[8];
     set_word(first, size);
+    set_word(first + 4, behind);
     send_all(fd, first, sizeof first);
     return fd;
 }

@@ -7,7 +7,8 @@
 // right to send. So the bytes there and back are as many as those of a bare message of that size. Its one queue
 // accepts all that comes, with a service's answer right behind where one is due, and always has a message of as
 // many bytes as the name of the dequeue's service says; each service has a hundred groups. Its key store takes
-// whatever is put, and under each key keeps as many bytes as the key says. A call of the service WARN is answered
+// whatever is put, and under each key keeps as many bytes as the key says. The message service sends back what is
+// sent to it, and always has a message whose body is as long as the session's name says. A call of WARN is answered
 // and followed by the warning that the server goes down. A third port speaks the protocol enciphered.
 #ifndef VORN_BENCH_SERVERS_H
 #define VORN_BENCH_SERVERS_H
@@ -40,8 +41,8 @@ void point_enciphered_at(const server &peer);
 // Where the sessions move to when the server of the others goes down.
 void point_backup_at(const server &peer);
 
-// A bare connection of messages of `size` bytes.
-int connect_bare(const server &peer, uint32_t size);
+// A bare connection of messages of `size` bytes, each with `behind` bytes behind it that nothing answers.
+int connect_bare(const server &peer, uint32_t size, uint32_t behind = 0);
 // Connects to the protocol's port, sends a start message and takes its reply, without the library.
 void log_in_bare(const server &peer);
 void send_all(int fd, const char *bytes, size_t size);

@@ -47,14 +47,15 @@ trip call_trip(size_t size)
     };
 }
 
-trip bare_trip(const server &peer, size_t size)
+trip bare_trip(const server &peer, size_t size, size_t behind)
 {
     size_t bytes = size + MESSAGE_HEAD;
-    int fd = connect_bare(peer, (uint32_t)bytes);
-    auto message = std::make_shared<std::vector<char>>(bytes, 'x');
-    return [fd, message] {
-        send_all(fd, message->data(), message->size());
-        receive_all(fd, message->data(), message->size());
+    int fd = connect_bare(peer, (uint32_t)bytes, (uint32_t)behind);
+    auto message = std::make_shared<std::vector<char>>(bytes > behind ? bytes : behind, 'x');
+    return [fd, message, bytes, behind] {
+        send_all(fd, message->data(), bytes);
+        receive_all(fd, message->data(), bytes);
+        send_all(fd, message->data(), behind);
     };
 }
 

@@ -3,7 +3,8 @@
  * consumers, which receive, and browsers, which look at a queue without taking anything. Messages are field
  * buffers with a body and named properties.
  *
- * Lifecycle. A session lives from one of the three create calls until kmq_close_session, tpend or tpreset;
+ * Lifecycle. A session lives from one of the three create calls until kmq_close_session, or the end of the
+ * context's session: tpend, tpreset, and behind a lost connection also a tpstart or first call that fails;
  * its producers, consumers and browsers from their create call until their closing or that of the session.
  * Don't use a pointer afterwards. The server may close a session: every call on it then fails with TPECLOSE
  * until the application closes it, too, which sends nothing. A connection that is lost leaves the objects.
@@ -12,9 +13,10 @@
  * messages), and a session isn't closed while another thread is in it.
  *
  * Errors are told by tperrno, and all calls but three clear it at their entry. kmq_sendex, kmq_recvex and
- * kmq_ack DON'T: a number that an earlier failure left there makes them take a good reply for a failure. A
+ * kmq_ack DON'T: a number that an earlier failure left there makes the first two take a good reply for a
+ * failure, and stays behind the third. A
  * received message then stands in the buffer all the same, unacknowledged, and a sent one has been sent.
- * In waits without a limit the number is cleared on the way; don't count on it. Clear it before each of the
+ * Calls in XA sessions clear it on the way; don't count on it. Clear it before each of the
  * three: tperrno = 0. kmq_browser_nextmsg, kmq_browser_get_msgselector and
  * kmq_browser_get_queue don't clear it either, and set it only where it was 0 or as told. */
 #ifndef VORN_KMQ_H
@@ -50,8 +52,8 @@ typedef struct kmq_consumer kmq_consumer; /* also a browser */
 char *kmq_alloc(void *owner, int size);
 void kmq_free(char *msg);
 
-/* A property by its name. `*type` takes its field type, `*len` bytes are at `value`, and `*len` takes the
- * property's. What the header tells has names of its own:
+/* A property by its name. `*type` (which may be null) takes its field type, `*len` bytes are at `value`, and
+ * `*len` takes the property's: of a string without a NUL, which isn't copied; of a long 4, its low half. What the header tells has names of its own:
  *
  *   "$MessageID"     string, 12 hexadecimal digits; `*len` counts the NUL
  *   "$TimeStamp"     int: seconds since 1970 at sending; after kmq_sendex, the seconds that it took
@@ -89,7 +91,8 @@ kmq_session *kmq_create_xa_session(const char *name, int extra);
 kmq_session *kmq_create_async_session(const char *name, void *handler, int extra);
 
 /* Closes the session's producers and consumers, and the session. 1, or -1 with tperrno: TPEINVAL, TPESYSTEM,
- * what the server gives; then it stays, without its objects. */
+ * what the server gives; then it stays, without its objects. 1 may leave in tperrno why one of these couldn't be
+ * closed. */
 int kmq_close_session(kmq_session *session, int flags);
 
 /* End of a transacted session's work so far. A commit turns into a rollback, and succeeds if that does,
@@ -108,13 +111,13 @@ int kmq_recover(kmq_session *session, int flags);
 /* `kind` 0: a queue, 1: a topic. */
 kmq_producer *kmq_create_producer(kmq_session *session, const char *queue, int kind, const char *subname,
                                   int extra);
+/* With any answer of the server the producer is gone, also where the call fails. So it is with the others. */
 int kmq_close_producer(kmq_producer *producer, int flags);
 
 /* `kind` 0: a queue, 1: a topic, 2: a topic with the durable subscription `subname`, which outlives the
  * consumer. `flags`: 0; kmq_create_browser has its own. */
 kmq_consumer *kmq_create_consumer(kmq_session *session, const char *queue, int kind, const char *subname,
                                   const char *selector, const char *consname, int flags);
-/* With any answer of the server the consumer is gone, also where the call fails. */
 int kmq_close_consumer(kmq_consumer *consumer, int flags);
 /* Ends a durable subscription. TPETIME after 30 seconds. */
 int kmq_unsubscribe_durable_subscriber(kmq_session *session, const char *queue, const char *subname,

@@ -130,6 +130,24 @@ static void link_session(kmq_session *session, wthr_var *block)
     _thread_mutex_unlock(&block->msg_mutex);
 }
 
+static bool stands_in(const kmq_session *session, const wthr_var *block)
+{
+    const kmq_session *walk = block->kmq_sessions;
+    for (int32_t i = 0; i < block->kmq_session_count; i++, walk = walk->next)
+        if (walk == session)
+            return true;
+    return false;
+}
+
+// False for one of another context, or one that is gone.
+static bool is_of_context(const kmq_session *session, wthr_var *block)
+{
+    _thread_mutex_lock(&block->msg_mutex);
+    bool found = stands_in(session, block);
+    _thread_mutex_unlock(&block->msg_mutex);
+    return found;
+}
+
 static void unlink_session(kmq_session *session, wthr_var *block)
 {
     _thread_mutex_lock(&block->msg_mutex);
@@ -197,6 +215,8 @@ static kmq_session *open_session(const char *name, uint32_t flags, void *handler
     }
     snprintf(message->svcname, sizeof message->svcname, "_%.14s", name);
     message->flags = flags;
+    if ((flags & KMQ_ASYNC) != 0)
+        message->xflags = 0;  // this request goes without a trailer
     kmq_session *session = (kmq_session *)_create_something(KMQ_MAKE_SESSION, message, block);
     free(message);
     if (session == nullptr)
@@ -301,18 +321,20 @@ static void close_objects(kmq_session *session, int flags, wthr_var *block)
     }
 }
 
-// Tells the server. 0, or an error number.
-static int leave_server(const kmq_session *session, wthr_var *block)
+// Tells the server. False with tperrno set, which a refusal may leave at 0: it need not name a reason.
+static bool leave_server(const kmq_session *session, wthr_var *block)
 {
     msg_header *message = session_message(session, MSG_KMQ_CLOSE_SESSION, session->flags);
     msg_header *reply = message == nullptr ? nullptr : ask_server(message, block);
-    if (reply == nullptr)
-        return TPESYSTEM;
-    int error = reply->msgtype == MSG_KMQ_CLOSE_SESSION + REPLY ? 0 : (int)reply->flags;
-    if (error == 0 && reply->msgtype != MSG_KMQ_CLOSE_SESSION + REPLY)
-        error = TPESYSTEM;  // a refusal that names no reason is one all the same
+    if (reply == nullptr) {
+        set_tperrno(TPESYSTEM);
+        return false;
+    }
+    bool left = reply->msgtype == MSG_KMQ_CLOSE_SESSION + REPLY;
+    if (!left)
+        set_tperrno((int)reply->flags);
     free(reply);
-    return error;
+    return left;
 }
 
 int kmq_close_session(kmq_session *session, int flags)
@@ -322,14 +344,11 @@ int kmq_close_session(kmq_session *session, int flags)
         return -1;
     wthr_var *block = frame.block;
     set_tperrno(0);
-    if (session == nullptr)
+    if (session == nullptr || !is_of_context(session, block))
         return api_fail(&frame, &CLOSE, TPEINVAL);
     close_objects(session, flags, block);
-    if (session->open != 0) {
-        int error = leave_server(session, block);
-        if (error != 0)
-            return api_fail(&frame, &CLOSE, error);
-    }
+    if (session->open != 0 && !leave_server(session, block))
+        return api_error(&frame, &CLOSE);
     unlink_session(session, block);
     free(session);
     return api_return(&CLOSE, 1);
@@ -345,6 +364,19 @@ void close_kmq_sessions(wthr_var *block)
             continue;
         unlink_session(session, block);
         keep_until_end(session, block);
+    }
+}
+
+void forget_kmq_sessions(wthr_var *block)
+{
+    while (block->kmq_session_count > 0) {
+        kmq_session *session = block->kmq_sessions;
+        while (session->producer_count > 0)
+            abandon_producer(session->producers, block);
+        while (session->consumer_count > 0)
+            abandon_consumer(session->consumers, block);
+        unlink_session(session, block);
+        free(session);
     }
 }
 

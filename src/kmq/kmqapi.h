@@ -78,6 +78,8 @@ int _close_session_by_clhclose(void);
 int _close_session_by_clhstart(int socket);
 int _tms_check_tx_flag(kmq_session *session, wthr_var *block);
 void close_kmq_sessions(wthr_var *block);  // at the end of the context's session
+// The same without a word to the server, where the connection was lost before.
+void forget_kmq_sessions(wthr_var *block);
 
 // A request of the session, header only, with its name, identity and flags; null with TPESYSTEM.
 msg_header *session_message(const kmq_session *session, int32_t msgtype, uint32_t flags);

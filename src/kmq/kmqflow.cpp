@@ -129,6 +129,8 @@ static msg_header *address_message(const kmq_producer *producer, char *msg, uint
     message->sessid = session->id;
     message->prio = producer->id;
     clear_direction(message);
+    if (message->buftype == BUF_HEADER)  // left by an answer without data; the fields are there all the same
+        message->buftype = BUF_FIELD;
     if ((session->flags & KMQ_XA) != 0)
         return _check_args_and_tx(MSG_KMQ_SEND, session->name, msg, length, word, block);
     put_name(message->svcname, sizeof message->svcname, session->name);
@@ -306,13 +308,16 @@ static void hand_over(msg_header *saved, char **msg)
     free(saved);
 }
 
-// Waits for the message; the block that has it. Null with tperrno set.
+// Waits for the message; the block that has it. Null with tperrno set. An error that stands there stays.
 static msg_header *await_message(msg_header *want, int timeout, wthr_var *block)
 {
+    int earlier = get_tperrno();
     msg_header *message = timeout == 0 ? _read_csmsg_from_clh(-1, want, block)
                                        : _read_csmsg_from_clh_timeout(want, timeout, block);
     if (message == nullptr)
         set_tperrno_if_none(timeout == 0 ? TPESYSTEM : TPETIME);
+    else if (earlier != 0)  // a wait without a limit has cleared it
+        set_tperrno(earlier);
     return message;
 }
 
@@ -427,7 +432,9 @@ int kmq_ack(char *msg, int flags)
         return api_fail(&frame, &ACK, TPEINVAL);
     if (!is_typed_buffer(msg) || message_of(msg)->msgtype != MSG_KMQ_DELIVERY)
         return api_fail(&frame, &ACK, TPEITYPE);
+    _thread_mutex_lock(&block->msg_mutex);  // sessions of other threads may come and go
     const kmq_session *session = _search_sess_by_id(message_of(msg)->sessid, block);
+    _thread_mutex_unlock(&block->msg_mutex);
     if (!session_is_open(session))
         return api_error(&frame, &ACK);
     if ((session->flags & (KMQ_TRANSACTED | KMQ_XA)) != 0 ||

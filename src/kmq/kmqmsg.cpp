@@ -16,6 +16,7 @@
 
 #include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 extern "C" {
@@ -77,6 +78,7 @@ char *kmq_alloc(void *owner, int size)
 
 void kmq_free(char *msg)
 {
+    VORN_TRACE("kmq_free", 1, TRACE_ENTRY, "kmq_free(%#x)", msg);
     fbfree(fields_of(msg));
 }
 
@@ -98,7 +100,8 @@ char *_search_by_name(char *msg, int key, const char *name)
         if (is_first)
             _upd_fcache(fields, key, 0, (int)(walk.entry - first_entry(fields)));
         is_first = false;
-        if (count % 2 == 0 && strcmp(value_of(walk.entry), name) == 0)
+        const char *text = value_of(walk.entry);
+        if (count % 2 == 0 && *text == *name && strcmp(text, name) == 0)
             return walk.entry;
     }
     return nullptr;
@@ -143,7 +146,8 @@ static int give_number(int32_t number, length_rule rule, int *type, void *value,
     return 1;
 }
 
-// The queue of the producer or consumer that the message belongs to; null if either is gone.
+// The queue of the producer or consumer that the message belongs to; null if either is gone. Expects msg_mutex:
+// sessions of other threads may come and go.
 static const char *destination_of(const msg_header *header, wthr_var *block)
 {
     kmq_session *session = _search_sess_by_id(header->sessid, block);
@@ -158,15 +162,19 @@ static const char *destination_of(const msg_header *header, wthr_var *block)
 
 static int give_destination(const msg_header *header, int *type, void *value, long *len, wthr_var *block)
 {
+    _thread_mutex_lock(&block->msg_mutex);
     const char *queue = destination_of(header, block);
-    if (queue != nullptr)
-        return give_text(queue, false, type, value, len);
-    set_tperrno(TPESYSTEM);
-    return -1;
+    int given = queue != nullptr ? give_text(queue, false, type, value, len) : -1;
+    _thread_mutex_unlock(&block->msg_mutex);
+    if (queue == nullptr)
+        set_tperrno(TPESYSTEM);
+    return given;
 }
 
 int _get_property_from_header(char *msg, const char *name, int *type, void *value, long *len, wthr_var *block)
 {
+    if (name[0] != '$')  // none of these, as nearly every name
+        return 0;
     const msg_header *header = message_of(msg);
     uint32_t priority = header->callid[WORD_PRIORITY];
     if (strcmp(name, "$MessageID") == 0) {
@@ -246,6 +254,11 @@ int kmq_get_body(char *msg, void *data, long *len)
 
 // --- Writing.
 
+static void *memcpy_or_null(void *to, const void *from, size_t bytes)
+{
+    return to == nullptr ? nullptr : memcpy(to, from, bytes);
+}
+
 int _update_value(char *msg, int key, const char *value, long len, char *position)
 {
     FBUF *fields = fields_of(msg);
@@ -262,13 +275,25 @@ int _update_value(char *msg, int key, const char *value, long len, char *positio
         set_fberror(FBENOSPACE);
         return -1;
     }
+    // A value out of the message itself would move, or be written over.
+    char *copy = nullptr;
+    if (moves && value >= bytes_of(fields) && value < at.end) {
+        size_t bytes = type == FB_STRING ? strlen(value) + 1 : (size_t)length;
+        value = copy = (char *)memcpy_or_null(malloc(bytes), value, bytes);
+        if (copy == nullptr) {
+            set_fberror(FBEMALLOC);
+            return -1;
+        }
+    }
     if (moves) {
         _clear_fcache(fields);
         char *tail = position + at.size;
         memmove(position + size, tail, (size_t)(at.end - tail));
         set_used(fields, end);
     }
-    return _put_fld_to_fbuf(position, key, value, length, 1);
+    int result = _put_fld_to_fbuf(position, key, value, length, 1);
+    free(copy);
+    return result;
 }
 
 // Appends a name and its value. 1, or -1: no room, or no such type; then the message is as before.
@@ -308,6 +333,8 @@ int _set_property(char *msg, const char *name, int type, const char *value, long
 
 static bool is_reserved(const char *name)
 {
+    if (name[0] != '$' && name[0] != '@')
+        return false;
     for (const char *reserved : rsvd_property)
         if (strcmp(name, reserved) == 0)
             return true;

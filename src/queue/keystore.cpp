@@ -198,11 +198,17 @@ static int take_key(const msg_header *reply, char *key)
 static bool send_to_nodes(msg_header *message, int nodes, int leave_out, wthr_var *block)
 {
     bool counted = false;
+    int fd = -1;
     for (int node = 0; node < nodes; node++) {
         if (node == leave_out)
             continue;
         message->cd = store_of_node(node);
-        bool sent = _send_csmsg_to_clh(message, block) > 0;
+        // All over one connection, also where the session moves meanwhile: its server gives back what it
+        // doesn't answer, and the thread knows where its replies are to come from.
+        int result =
+            counted ? _internal_send_csmsg_to_clh(message, block, fd) : _send_csmsg_to_clh(message, block);
+        bool sent = result > 0;
+        fd = last_sent_fd();
         if (counted)
             forget_waiter(block);
         if (!sent)
@@ -386,6 +392,7 @@ static int64_t unwrap(msg_header *reply)
     if (head.magic != MESSAGE_MAGIC || head.datalen < 0 || head.datalen > size - HEADER_SIZE)
         return 0;
     memmove(reply, stored, (size_t)size);
+    head.xflags &= ~(uint32_t)XFLAG_TRAILER;  // the value has none, whatever its header says
     memcpy(reply, &head, sizeof head);
     return size;
 }

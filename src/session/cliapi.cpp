@@ -114,6 +114,7 @@ void close_connections(wthr_var *block)
 
 void _clear_init_mem(wthr_var *block)
 {
+    forget_kmq_sessions(block);
     free(block->start_msg);
     block->start_msg = nullptr;
     free_field_memory(block);

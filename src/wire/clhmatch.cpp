@@ -311,6 +311,7 @@ static const type_treatment treatments[] = {
     {3003, 3003, late_call},
     {3004, 3004, store_acall_reply},
     {3007, 3007, store_conversation_message},
+    {3181, 3181, drop},
 };
 
 int _unmatched_msg_process(msg_header *message, wthr_var *block)

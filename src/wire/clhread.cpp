@@ -487,7 +487,6 @@ static bool pass_on(const read_wait *wait, msg_header *message)
     return taken;
 }
 
-// The read loop of the thread that has the role.
 // A notice that a session of the message service was closed looks for it in the rings of the context.
 static bool is_own(const msg_header *want, const msg_header *message, wthr_var *block)
 {
@@ -509,6 +508,7 @@ static void take_name(const msg_header *want, const msg_header *message, wthr_va
     _thread_mutex_unlock(&block->msg_mutex);
 }
 
+// The read loop of the thread that has the role.
 static msg_header *read_for_all(read_wait *wait)
 {
     wthr_var *block = wait->block;
@@ -533,6 +533,8 @@ static msg_header *read_for_all(read_wait *wait)
                 return fail_as_reader(wait, TPECLOSE);
             continue;
         case FRAME_NEGOTIATION:
+            if (wait->has_more)
+                count_again(block);
             release_role(wait);
             free(wait->want);  // the step takes its place
             return message;
@@ -555,7 +557,10 @@ static msg_header *read_for_all(read_wait *wait)
             if (wait->has_more)
                 count_again(block);
             release_role(wait);
-            return deliver(message, wait->want, block);
+            message = deliver(message, wait->want, block);
+            if (message == nullptr && wait->has_more)
+                forget_waiter(block);
+            return message;
         }
         if (pass_on(wait, message))
             continue;
@@ -577,6 +582,8 @@ static msg_header *perform(read_wait *wait)
         break;
     case ROLE_HANDED:
         result = deliver(handed, wait->want, wait->block);
+        if (result == nullptr && wait->has_more)
+            forget_waiter(wait->block);
         break;
     case ROLE_TAKEN:
         result = read_for_all(wait);

@@ -2,6 +2,7 @@
 #ifndef VORN_TESTS_SESSION_MOVING_H
 #define VORN_TESTS_SESSION_MOVING_H
 
+#include <poll.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
@@ -58,7 +59,11 @@ struct Moving : SessionTest {
     void warn(Conn &server) const
     {
         server.send_urgent(DOWN_WARNING);
-        ASSERT_TRUE(wait_for_urgent(block()->clhfd));
+        // A thread that reads may heed it at once.
+        ASSERT_TRUE(faults::eventually([this] {
+            pollfd urgent = {block()->clhfd, POLLPRI, 0};
+            return block()->rolling != 0 || block()->rolled != 0 || poll(&urgent, 1, 0) == 1;
+        }));
     }
 
     static outcome call(const std::string &text, long flags = 0)

@@ -214,7 +214,7 @@ TEST_F(Negotiation, EnvelopeThatIsNoStepAndDoesNotDecipherEndsIt)
         SCOPED_TRACE(msgtype);
         peer.send_raw(cipher::envelope(msgtype, "not sealed, and nothing that could be opened"));
         EXPECT_EQ(run({{1}, {0}}), -1);
-        expect_failure(0);
+        expect_failure(TPESYSTEM);
         EXPECT_EQ(fake.inputs.size(), 1u);
         EXPECT_GE(block->clhfd, 0);
     }

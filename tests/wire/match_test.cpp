@@ -46,7 +46,7 @@ TEST_F(Match, EveryPairOfTypesWithoutNumbersInCommon)
     _vorn_engine_version = 1;
     for (int32_t w = 1; w <= 511; w++)
         for (int32_t m = 0; m <= 3600; m++) {
-            bool numbered = w == 3 || w == 4 || w == 7 || w == 28 || w == 32 || w == 33;
+            bool numbered = w == 3 || w == 4 || w == 7 || w == 28 || w == 32 || w == 33 || w == 181;
             bool awaited = (is_reply(w, m) && !numbered) || (m == 507 && w == 505);
             ASSERT_EQ(matches(w, m), awaited) << "want " << w << ", message " << m;
         }
@@ -64,6 +64,15 @@ TEST_F(Match, EveryPairOfTypesWithTheSameNumbers)
                            (w == 11 && m == 12) || (m == 507 && w == 505);
             ASSERT_EQ(matches(w, m), awaited) << "want " << w << ", message " << m;
         }
+}
+
+TEST_F(Match, KeyStoreRepliesGoBySequenceNumberIfTheyBearOne)
+{
+    want.seqno = 5;
+    for (int32_t seqno : {5, 0, 6}) {
+        message.seqno = seqno;
+        EXPECT_EQ(matches(181, 1181), seqno != 6) << seqno;
+    }
 }
 
 TEST_F(Match, CallsGoBySequenceNumber)
@@ -194,7 +203,8 @@ const fate_row FATES[] = {
     {2026, 2028, DROPPED},      {1031, 1033, LATE_TX},      {2031, 2033, LATE_TX},
     {1047, 1048, DROPPED},      {2047, 2048, DROPPED},      {1500, 1506, LATE_SERVICE},
     {1507, 1507, DROPPED},      {1508, 1510, LATE_SERVICE}, {2051, 2051, SERVER_DOWN},
-    {2500, 2510, DROPPED},
+    {2500, 2510, DROPPED},      {1181, 1181, DROPPED},      {2181, 2181, DROPPED},
+    {3181, 3181, DROPPED},
 };
 // These have treatments of their own, below.
 const int32_t OWN_TREATMENT[] = {6,    8,    12,   13,   14,   19,   130,  1004, 2004,
