@@ -11,11 +11,11 @@ TEST(ClhsimControl, HelpNamesEveryCommand)
     Simulator server;
     std::string help = server.command("help");
     for (const char *name :
-         {"help",     "services",      "clients",      "stats",    "delay",        "drop",
-          "refuse",   "giveback",      "truncate",     "clear",    "close",        "reset",
-          "warn",     "post",          "set",          "login",    "quit",         "result",
-          "converse", "conversations", "transactions", "accounts", "subscriptions",
-          "godown",   "envelope",      "keys",         "counts"})
+         {"help",     "services",      "clients",      "stats",    "delay",         "drop",
+          "refuse",   "giveback",      "truncate",     "clear",    "close",         "reset",
+          "warn",     "post",          "set",          "login",    "quit",          "result",
+          "converse", "conversations", "transactions", "accounts", "subscriptions", "godown",
+          "envelope", "keys",          "counts",       "kmq",      "closesession"})
         EXPECT_NE(help.find(std::string("  ") + name + " "), std::string::npos) << name;
     EXPECT_NE(server.command("services").find("  TOUPPER "), std::string::npos);
 }

@@ -284,6 +284,7 @@ static void take_leave(Server &server, Client &client)
     client.conversations.clear();
     client.subscriptions.clear();
     abandon_transaction(server, client);
+    abandon_sessions(server, client);
     abandon_notices(server, client);
     abandon_queues(server, client);
     abandon_keys(server, client);

@@ -120,6 +120,20 @@ static std::string keys_command(Server &server, const Words &)
     return list_keys(server) + "ok\n";
 }
 
+static std::string kmq_command(Server &server, const Words &)
+{
+    return list_message_service(server) + "ok\n";
+}
+
+static std::string closesession_command(Server &server, const Words &words)
+{
+    size_t count = 0;
+    std::vector<Client *> chosen = chosen_clients(server, words[1], true);
+    for (Client *client : chosen)
+        count += close_sessions(server, *client);
+    return chosen.empty() && words[1] != "all" ? wrong("no such client") : counted(count, "session");
+}
+
 static std::string counts_command(Server &server, const Words &)
 {
     return list_counts(server) + "ok\n";
@@ -166,6 +180,11 @@ static const StatRow STATS[] = {
     {"undelivered", &Stats::undelivered},
     {"enciphered", &Stats::enciphered},
     {"given_back", &Stats::given_back},
+    {"messages_sent", &Stats::messages_sent},
+    {"messages_delivered", &Stats::messages_delivered},
+    {"messages_redelivered", &Stats::messages_redelivered},
+    {"messages_expired", &Stats::messages_expired},
+    {"sessions_closed", &Stats::sessions_closed},
 };
 // clang-format on
 
@@ -413,6 +432,10 @@ static const CommandRow COMMANDS[] = {
      "spoil the next envelope: cut, change, replay, clear, step; new: of those who connect", 3, 4, false,
      envelope_command},
     {"keys", "", "what is in the key stores, the first 1000 entries", 1, 1, false, keys_command},
+    {"kmq", "", "the message service: its sessions, queues and subscriptions with their messages", 1, 1,
+     false, kmq_command},
+    {"closesession", "CLIENT|all", "close the client's sessions of the message service", 2, 2, false,
+     closesession_command},
     {"counts", "", "calls of the service COUNT, different numbers, and those that came twice", 1, 1, false,
      counts_command},
     {"post", "CLIENT|all KIND TEXT",

@@ -214,6 +214,10 @@ bool open_server(Server &server, std::string &problem)
     server.next_number = server.options.first_client;
     if (!open_queues(server, problem))
         return false;
+    if (!open_message_service(server)) {
+        problem = "the store gives no identities for messages";
+        return false;
+    }
     if (!open_counts(server.counts, server.options.count_file)) {
         problem = system_problem(server.options.count_file);
         return false;

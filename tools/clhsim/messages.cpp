@@ -231,13 +231,16 @@ static const MessageRow MESSAGES[] = {
     {MSG_ACTIVESVR, "GET_ACTIVESVR", false, true, handle_active_servers},
     {MSG_SQ, "SQ_REQUEST", false, true, handle_key_store},
     {MSG_GETSPR, "GETSPR", false, true, handle_process_list},
-    {MSG_KMQ_FIRST, "message service", false, true, handle_unserved},
-    {MSG_KMQ_FIRST + 1, "message service", false, true, handle_unserved},
-    {MSG_KMQ_FIRST + 2, "message service", false, true, handle_unserved},
-    {MSG_KMQ_FIRST + 3, "message service", false, true, handle_unserved},
-    {MSG_KMQ_FIRST + 4, "message service", false, true, handle_unserved},
-    {MSG_KMQ_FIRST + 5, "message service", false, true, handle_unserved},
-    {MSG_KMQ_FIRST + 8, "message service", false, true, handle_unserved},
+    {MSG_SESSION_OPEN, "KMQ_SESSION_OPEN", false, true, handle_session_open},
+    {MSG_SESSION_CLOSE, "KMQ_SESSION_CLOSE", false, true, handle_session_close},
+    {MSG_OBJECT_OPEN, "KMQ_OBJECT_OPEN", false, true, handle_object_open},
+    {MSG_OBJECT_CLOSE, "KMQ_OBJECT_CLOSE", false, true, handle_object_close},
+    {MSG_SERVICE_SEND, "KMQ_SEND", false, true, handle_service_send},
+    {MSG_SERVICE_GET, "KMQ_GETNEXT", false, true, handle_service_get},
+    {MSG_SERVICE_ACK, "KMQ_ACK", false, false, handle_service_ack},
+    {MSG_SESSION_COMMIT, "KMQ_COMMIT", false, true, handle_session_commit},
+    {MSG_SESSION_ROLLBACK, "KMQ_ROLLBACK", false, true, handle_session_rollback},
+    {MSG_SESSION_RECOVER, "KMQ_RECOVER", false, true, handle_session_recover},
 };
 
 static const MessageRow *find_message(int32_t type)

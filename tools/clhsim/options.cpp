@@ -90,6 +90,18 @@ static const char *take_queues(Options &options, std::string_view value)
     return nullptr;
 }
 
+static const char *take_message_servers(Options &options, std::string_view value)
+{
+    constexpr size_t LONGEST = 14;
+    options.message_servers.clear();
+    for (std::string_view name : split(value, ',')) {
+        if (name.empty() || name.size() > LONGEST)
+            return "not NAME,... with names of at most 14 characters";
+        options.message_servers.emplace_back(name);
+    }
+    return nullptr;
+}
+
 static const char *take_group(Options &options, std::string_view value)
 {
     size_t equals = value.find('=');
@@ -209,10 +221,13 @@ static const OptionRow ROWS[] = {
 
     text_row(
         "--store-file", "FILE",
-        "keep queues and key store in this SQLite file, so that they outlive the server; otherwise in memory",
+        "keep queues, key store and messages in this SQLite file, to outlive the server; otherwise in memory",
         &Options::queue_file),
     text_row("--queue-file", "FILE", "the same", &Options::queue_file),
-    number_row("--queue-limit", "most messages of a queue, 1000000", &Options::queue_limit, 0, INT32_MAX),
+    number_row("--queue-limit", "most messages of a queue or subscription, 1000000", &Options::queue_limit, 0,
+               INT32_MAX),
+    taken_row("--message-servers", "NAME,...", "the message servers that sessions can name, otherwise any",
+              take_message_servers),
     taken_row("--group", "SERVICE=GROUP,...",
               "the server groups of a service, one of the node's own; may be given several times",
               take_group),

@@ -58,6 +58,7 @@ struct Options {
     // What it offers.
     std::string queue_file;  // empty: the queues are kept in memory
     int32_t queue_limit = 1000 * 1000;
+    std::vector<std::string> message_servers;  // names of the message service; empty: any
     std::vector<GroupList> groups;
     std::string count_file;  // empty: the service COUNT keeps its numbers in memory
 

@@ -11,6 +11,7 @@
 #include "events.h"
 #include "counts.h"
 #include "faults.h"
+#include "kmq.h"
 #include "options.h"
 #include "queues.h"
 #include "transactions.h"
@@ -116,6 +117,11 @@ struct Stats {
     uint64_t undelivered = 0;
     uint64_t enciphered = 0;  // connections
     uint64_t given_back = 0;
+    uint64_t messages_sent = 0;  // of the message service
+    uint64_t messages_delivered = 0;
+    uint64_t messages_redelivered = 0;
+    uint64_t messages_expired = 0;
+    uint64_t sessions_closed = 0;  // from this side
 };
 
 struct Server {
@@ -144,6 +150,7 @@ struct Server {
     std::map<int32_t, Notice> notices;  // notifications that are to be acknowledged
     Accounts accounts;
     Queues queues;
+    MessageService service;
     Client nobody;  // whose timers are the server's own
     std::unordered_map<uint64_t, std::unique_ptr<Client>> clients;
     std::map<int32_t, Client *> numbers;

@@ -30,12 +30,23 @@ enum Statement : size_t {
     COUNT_ALL_ENTRIES,
     LIST_ENTRIES,
     NEXT_KEY,
+    KEEP_MESSAGE,
+    DROP_MESSAGE,
+    LIST_KEPT,
+    KEEP_SUBSCRIPTION,
+    DROP_SUBSCRIPTION,
+    DROP_ALL_OF,
+    LIST_SUBSCRIPTIONS,
+    RESERVE,
 };
 
 #define MESSAGE_COLUMNS "id, kind, owner, error, rcode, header, record, data"
 #define IN_PLACE "queue = ? AND kind = ?"
 #define ENTRY_COLUMNS "session, node, key, header, length(data)"
 #define IN_STORE "session = ? AND node = ?"
+#define PLACE_COLUMNS "server, topic, name, reader"
+#define KEPT_COLUMNS PLACE_COLUMNS ", id, priority, flags, sent, time_to_live, expires, data"
+#define AT_PLACE "server = ? AND topic = ? AND name = ? AND reader = ?"
 
 // clang-format off
 static const char *const SQL[STORE_STATEMENTS] = {
@@ -69,6 +80,16 @@ static const char *const SQL[STORE_STATEMENTS] = {
     /* LIST_ENTRIES */  "SELECT " ENTRY_COLUMNS " FROM entries WHERE session >= ? AND session <= ? AND "
                         "node >= ? AND node <= ? ORDER BY session, node, key LIMIT ?",
     /* NEXT_KEY */      "UPDATE key_numbers SET last = last + 1 RETURNING last",
+    /* KEEP_MESSAGE */  "INSERT INTO service_messages(" KEPT_COLUMNS ") "
+                        "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+    /* DROP_MESSAGE */  "DELETE FROM service_messages WHERE " AT_PLACE " AND id = ?",
+    /* LIST_KEPT */     "SELECT " KEPT_COLUMNS " FROM service_messages",
+    /* KEEP_SUBSCRIPTION */ "INSERT OR REPLACE INTO subscriptions(" PLACE_COLUMNS ", selector) "
+                        "VALUES(?, ?, ?, ?, ?)",
+    /* DROP_SUBSCRIPTION */ "DELETE FROM subscriptions WHERE " AT_PLACE,
+    /* DROP_ALL_OF */   "DELETE FROM service_messages WHERE " AT_PLACE,
+    /* LIST_SUBSCRIPTIONS */ "SELECT " PLACE_COLUMNS ", selector FROM subscriptions",
+    /* RESERVE */       "UPDATE identities SET last = last + ? RETURNING last",
 };
 // clang-format on
 
@@ -92,13 +113,23 @@ static const char SET_UP[] =
     "data BLOB NOT NULL, PRIMARY KEY(session, node, key));"
     "CREATE TABLE IF NOT EXISTS key_numbers(last INTEGER NOT NULL);"
     "INSERT INTO key_numbers SELECT 0 WHERE NOT EXISTS(SELECT 1 FROM key_numbers);"
+    "CREATE TABLE IF NOT EXISTS service_messages("
+    "server TEXT NOT NULL, topic INTEGER NOT NULL, name TEXT NOT NULL, reader TEXT NOT NULL,"
+    "id INTEGER NOT NULL, priority INTEGER NOT NULL, flags INTEGER NOT NULL, sent INTEGER NOT NULL,"
+    "time_to_live INTEGER NOT NULL, expires INTEGER NOT NULL, data BLOB NOT NULL,"
+    "PRIMARY KEY(server, topic, name, reader, id));"
+    "CREATE TABLE IF NOT EXISTS subscriptions("
+    "server TEXT NOT NULL, topic INTEGER NOT NULL, name TEXT NOT NULL, reader TEXT NOT NULL,"
+    "selector TEXT NOT NULL, PRIMARY KEY(server, topic, name, reader));"
+    "CREATE TABLE IF NOT EXISTS identities(last INTEGER NOT NULL);"
+    "INSERT INTO identities SELECT 0 WHERE NOT EXISTS(SELECT 1 FROM identities);"
     "DELETE FROM entries WHERE session != 0;"
     "DELETE FROM messages WHERE hold != 0 AND fresh = 1;"
     "UPDATE messages SET hold = 0 WHERE hold != 0;"
     "UPDATE messages SET owner = 0 WHERE owner != 0;"
-    "PRAGMA user_version = 2;"
+    "PRAGMA user_version = 3;"
     "COMMIT";
-constexpr int64_t FORMAT = 2;
+constexpr int64_t FORMAT = 3;
 
 struct Blob {
     std::string_view bytes;
@@ -252,15 +283,28 @@ int64_t requeue_failed(Store &store, std::string_view queue)
     return done ? sqlite3_changes64(store.database) : -1;
 }
 
+bool begin_changes(Store &store)
+{
+    return execute(store, "SAVEPOINT changes");
+}
+
+// A release that fails leaves the savepoint, and a full disk may have ended the whole transaction already.
+bool end_changes(Store &store, bool keep)
+{
+    if (keep && execute(store, "RELEASE changes"))
+        return true;
+    execute(store, "ROLLBACK TO changes");
+    execute(store, "RELEASE changes");
+    return false;
+}
+
 // Both statements or none of them.
 static bool run_pair(Store &store, Statement first, Statement second, int64_t transaction)
 {
-    if (!execute(store, "BEGIN IMMEDIATE"))
+    if (!begin_changes(store))
         return false;
-    bool done = run(store, first, transaction) && run(store, second, transaction) && execute(store, "COMMIT");
-    if (!done)
-        execute(store, "ROLLBACK");
-    return done;
+    bool done = run(store, first, transaction) && run(store, second, transaction);
+    return end_changes(store, done);
 }
 
 bool commit_held(Store &store, int64_t transaction)
@@ -445,6 +489,87 @@ std::vector<StoredEntry> all_entries(Store &store, int64_t most)
 uint32_t next_key_number(Store &store)
 {
     return static_cast<uint32_t>(number_of(store, NEXT_KEY));
+}
+
+// --- The message service.
+
+// A statement with the place first.
+template <typename... Values>
+static bool run_at(Store &store, Statement which, const KeptPlace &place, Values... values)
+{
+    return run(store, which, std::string_view(place.server), static_cast<int32_t>(place.topic),
+               std::string_view(place.name), std::string_view(place.reader), values...);
+}
+
+static KeptPlace place_in(sqlite3_stmt *statement)
+{
+    return {.server = bytes_in(statement, 0),
+            .topic = sqlite3_column_int(statement, 1) != 0,
+            .name = bytes_in(statement, 2),
+            .reader = bytes_in(statement, 3)};
+}
+
+bool keep_message(Store &store, const KeptMessage &message)
+{
+    return run_at(store, KEEP_MESSAGE, message.place, message.id, message.priority, message.flags,
+                  message.sent, message.time_to_live, message.expires, Blob{message.data});
+}
+
+bool drop_message(Store &store, const KeptPlace &place, int64_t id)
+{
+    return run_at(store, DROP_MESSAGE, place, id);
+}
+
+std::vector<KeptMessage> kept_messages(Store &store)
+{
+    std::vector<KeptMessage> messages;
+    sqlite3_stmt *statement = prepared(store, LIST_KEPT);
+    if (!statement)
+        return messages;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        messages.push_back({.place = place_in(statement),
+                            .id = sqlite3_column_int64(statement, 4),
+                            .priority = sqlite3_column_int(statement, 5),
+                            .flags = sqlite3_column_int(statement, 6),
+                            .sent = sqlite3_column_int(statement, 7),
+                            .time_to_live = sqlite3_column_int(statement, 8),
+                            .expires = sqlite3_column_int64(statement, 9),
+                            .data = bytes_in(statement, 10)});
+    }
+    release(statement);
+    return messages;
+}
+
+bool keep_subscription(Store &store, const KeptPlace &place)
+{
+    return run_at(store, KEEP_SUBSCRIPTION, place, std::string_view(place.selector));
+}
+
+bool drop_subscription(Store &store, const KeptPlace &place)
+{
+    if (!begin_changes(store))
+        return false;
+    bool done = run_at(store, DROP_ALL_OF, place) && run_at(store, DROP_SUBSCRIPTION, place);
+    return end_changes(store, done);
+}
+
+std::vector<KeptPlace> kept_subscriptions(Store &store)
+{
+    std::vector<KeptPlace> places;
+    sqlite3_stmt *statement = prepared(store, LIST_SUBSCRIPTIONS);
+    if (!statement)
+        return places;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        places.push_back(place_in(statement));
+        places.back().selector = bytes_in(statement, 4);
+    }
+    release(statement);
+    return places;
+}
+
+uint64_t reserve_identities(Store &store, int64_t count)
+{
+    return static_cast<uint64_t>(number_of(store, RESERVE, count));
 }
 
 }  // namespace clhsim

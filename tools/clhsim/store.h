@@ -1,5 +1,5 @@
-// What the reliable queues and the key store hold, in an SQLite database: a file, so that it outlives the
-// server, or memory.
+// What the reliable queues, the key store and the message service hold, in an SQLite database: a file, so
+// that it outlives the server, or memory.
 //
 // A message is one row. Its kind tells in which part of its queue it stands; `hold` tells who has a hand on
 // it: a transaction that put it there or takes it out, or the service that works on it. A held row is nobody
@@ -69,7 +69,26 @@ struct StoredEntry {
     size_t size = 0;  // of the data, where that is left out
 };
 
-constexpr size_t STORE_STATEMENTS = 25;
+// A message of the message service where it stands, or a durable subscription.
+struct KeptPlace {
+    std::string server = {};
+    bool topic = false;
+    std::string name = {};
+    std::string reader = {};
+    std::string selector = {};  // of a subscription
+};
+struct KeptMessage {
+    KeptPlace place = {};
+    int64_t id = 0;
+    int32_t priority = 0;
+    int32_t flags = 0;
+    int32_t sent = 0;
+    int32_t time_to_live = 0;
+    int64_t expires = 0;
+    std::string data = {};
+};
+
+constexpr size_t STORE_STATEMENTS = 33;
 
 struct Store {
     sqlite3 *database = nullptr;
@@ -117,6 +136,20 @@ std::vector<StoredEntry> entries_in(Store &store, const KeyPlace &place);
 std::vector<StoredEntry> all_entries(Store &store, int64_t most);
 // A number that this store has never given before; 0 if it can't be written down.
 uint32_t next_key_number(Store &store);
+
+// Changes between the two are all done, or none of them: with `keep` false, and where they can't be written.
+bool begin_changes(Store &store);
+bool end_changes(Store &store, bool keep);
+
+// The message service.
+bool keep_message(Store &store, const KeptMessage &message);
+bool drop_message(Store &store, const KeptPlace &place, int64_t id);
+std::vector<KeptMessage> kept_messages(Store &store);
+bool keep_subscription(Store &store, const KeptPlace &place);  // or gives it another selector
+bool drop_subscription(Store &store, const KeptPlace &place);  // with its messages
+std::vector<KeptPlace> kept_subscriptions(Store &store);
+// Sets `count` identities aside that nobody else gets; the last of them, or 0.
+uint64_t reserve_identities(Store &store, int64_t count);
 
 }  // namespace clhsim
 

@@ -28,7 +28,9 @@ void abandon_transaction(Server &server, Client &client)
         return;
     server.stats.rolled_back++;
     undo_messages(server, client);
+    Work messages = std::move(client.transaction.messages);
     end_transaction(client);
+    undo_work(server, std::move(messages));
 }
 
 bool join_transaction(Server &server, Client &client, const Header &request)
@@ -100,6 +102,16 @@ static void refuse_end(Server &server, Client &client, const Header &request, in
     send_refusal(server, client, request, error);
 }
 
+// What it did in queues and in the message service is written down in one.
+static bool commit_store(Server &server, Client &client)
+{
+    Store &store = server.queues.store;
+    if (!begin_changes(store))
+        return false;
+    bool done = write_work(server, client.transaction.messages) && commit_messages(server, client);
+    return end_changes(store, done);
+}
+
 // A commit keeps the changes if its result is TX_OK; what has another one is undone, whoever set it.
 void handle_commit(Server &server, Client &client, const Header &request, std::string_view data)
 {
@@ -118,13 +130,15 @@ void handle_commit(Server &server, Client &client, const Header &request, std::s
         return;
     }
     result = static_cast<int32_t>(strike(server.faults, name, FaultKind::RESULT).value_or(result));
-    if (result == TX_OK && can_apply(server, client.transaction.changes) && !commit_messages(server, client))
+    if (result == TX_OK && can_apply(server, client.transaction.changes) && !commit_store(server, client))
         result = TX_ROLLBACK;
     if (result == TX_OK && can_apply(server, client.transaction.changes)) {
         for (const auto &[account, amount] : client.transaction.changes)
             server.accounts[account] += amount;
         server.stats.committed++;
+        Work messages = std::move(client.transaction.messages);
         end_transaction(client);
+        show_work(server, std::move(messages));
     }
     abandon_transaction(server, client);
     send_result(server, client, request, result);

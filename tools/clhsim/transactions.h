@@ -3,6 +3,7 @@
 #ifndef CLHSIM_TRANSACTIONS_H
 #define CLHSIM_TRANSACTIONS_H
 
+#include "kmq.h"
 #include "wire.h"
 
 #include <cstdint>
@@ -31,6 +32,7 @@ struct Transaction {
     uint64_t requests = 0;
     Accounts changes;
     std::map<int32_t, TouchedQueue> queues;
+    Work messages;  // of the message service
 };
 
 // Takes note of a call or a connect: the first one that bears the start mark opens the transaction. Whether

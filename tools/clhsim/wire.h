@@ -56,7 +56,17 @@ enum MessageType : int32_t {
     MSG_ACTIVESVR = 166,
     MSG_SQ = 181,
     MSG_GETSPR = 225,
-    MSG_KMQ_FIRST = 500,
+    MSG_SESSION_OPEN = 500,
+    MSG_SESSION_CLOSE = 501,
+    MSG_OBJECT_OPEN = 502,
+    MSG_OBJECT_CLOSE = 503,
+    MSG_SERVICE_SEND = 504,
+    MSG_SERVICE_GET = 505,
+    MSG_SERVICE_ACK = 506,
+    MSG_SERVICE_DELIVER = 507,  // to a client
+    MSG_SESSION_COMMIT = 508,
+    MSG_SESSION_ROLLBACK = 509,
+    MSG_SESSION_RECOVER = 510,
 };
 constexpr int32_t REPLY = 1000;        // added to a request's number
 constexpr int32_t ERROR_REPLY = 2000;  // likewise
@@ -104,6 +114,7 @@ enum CallError : int32_t {
     ERR_MATCH = 23,
     ERR_SECURITY = 25,
     ERR_QFULL = 26,
+    ERR_CLOSE = 28,
 };
 
 // A message header in host order. Words keep the sign that the client's side sees in them.
