@@ -53,7 +53,8 @@ char *kmq_alloc(void *owner, int size);
 void kmq_free(char *msg);
 
 /* A property by its name. `*type` (which may be null) takes its field type, `*len` bytes are at `value`, and
- * `*len` takes the property's: of a string without a NUL, which isn't copied; of a long 4, its low half. What the header tells has names of its own:
+ * `*len` takes the property's: of a string without a NUL, which isn't copied; of a long 4, its low half. What
+ * the header tells has names of its own:
  *
  *   "$MessageID"     string, 12 hexadecimal digits; `*len` counts the NUL
  *   "$TimeStamp"     int: seconds since 1970 at sending; after kmq_sendex, the seconds that it took
@@ -91,8 +92,8 @@ kmq_session *kmq_create_xa_session(const char *name, int extra);
 kmq_session *kmq_create_async_session(const char *name, void *handler, int extra);
 
 /* Closes the session's producers and consumers, and the session. 1, or -1 with tperrno: TPEINVAL, TPESYSTEM,
- * what the server gives; then it stays, without its objects. 1 may leave in tperrno why one of these couldn't be
- * closed. */
+ * what the server gives; then it stays, without its objects. 1 may leave in tperrno why one of these couldn't
+ * be closed. */
 int kmq_close_session(kmq_session *session, int flags);
 
 /* End of a transacted session's work so far. A commit turns into a rollback, and succeeds if that does,

@@ -174,8 +174,8 @@ int tpchkauth(void)
 
 // --- Servers and their groups.
 
-// Is there a row for this node? _get_nodeno_from_nodename wouldn't tell: where there is one node only, any name
-// is its.
+// Is there a row for this node? _get_nodeno_from_nodename wouldn't tell: where there is one node only, any
+// name is its.
 static bool is_known_node(const char *name, const wthr_var *block)
 {
     initout_tables tables = initout_of(block);

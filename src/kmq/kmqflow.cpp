@@ -289,8 +289,8 @@ static msg_header *receive_into(const kmq_consumer *consumer, char **msg)
     return want;
 }
 
-// Gives a saved message to the caller: into his buffer, or in its place. It has been checked when it was read,
-// and its data is within its `bufsize`.
+// Gives a saved message to the caller: into his buffer, or in its place. It has been checked when it was
+// read, and its data is within its `bufsize`.
 static void hand_over(msg_header *saved, char **msg)
 {
     msg_header *buffer = message_of(*msg);

@@ -146,8 +146,8 @@ static int give_number(int32_t number, length_rule rule, int *type, void *value,
     return 1;
 }
 
-// The queue of the producer or consumer that the message belongs to; null if either is gone. Expects msg_mutex:
-// sessions of other threads may come and go.
+// The queue of the producer or consumer that the message belongs to; null if either is gone. Expects
+// msg_mutex: sessions of other threads may come and go.
 static const char *destination_of(const msg_header *header, wthr_var *block)
 {
     kmq_session *session = _search_sess_by_id(header->sessid, block);

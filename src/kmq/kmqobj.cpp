@@ -1,8 +1,8 @@
 // Producers, consumers and browsers: making them, closing them, what they tell.
 //
-// Entered from the application. An object is made once the server has given it its identity, and goes with the
-// server's answer to its closing, whatever that is. The rings are changed under msg_mutex: the thread that
-// reads for the context looks for a message's consumer in them.
+// Entered from the application. An object is made once the server has given it its identity, and goes with
+// the server's answer to its closing, whatever that is. The rings are changed under msg_mutex: the thread
+// that reads for the context looks for a message's consumer in them.
 #include "kmq/kmqobj.h"
 
 #include "calls/cscommon.h"
@@ -37,8 +37,8 @@ static constexpr api_text GET_QUEUE = API_TEXT("kmq_browser_get_queue", "(%#x, %
 
 // --- Requests.
 
-// What follows the header of a request, each name ended by a NUL. A selector takes its length and two bytes in
-// the place of `selector`; without one there is the NUL alone.
+// What follows the header of a request, each name ended by a NUL. A selector takes its length and two bytes
+// in the place of `selector`; without one there is the NUL alone.
 struct object_names {
     char subname[KMQ_LONG_NAME];
     char queue[KMQ_NAME];
@@ -501,7 +501,8 @@ int kmq_unsubscribe_durable_subscriber(kmq_session *session, const char *queue, 
 
 // --- What a browser tells.
 
-// Copies a text with its NUL, if there is room for it. An empty one is `error_if_empty`. The exit of the call.
+// Copies a text with its NUL, if there is room for it. An empty one is `error_if_empty`. The exit of the
+// call.
 static int tell_text(const api_frame *frame, const api_text *text, const char *from, int error_if_empty,
                      char *buffer, long *len)
 {

@@ -242,8 +242,8 @@ static bool send_in_place(int fd, msg_header *message, wthr_var *block)
     return sent;
 }
 
-// A descriptor that was chosen before the lock: the reader may have closed the socket since, and its number may
-// be the application's now. Expects msg_mutex, under which sockets are closed.
+// A descriptor that was chosen before the lock: the reader may have closed the socket since, and its number
+// may be the application's now. Expects msg_mutex, under which sockets are closed.
 static bool is_gone(int fd, const wthr_var *block)
 {
     return fd >= 0 && fd != block->clhfd && fd != block->new_clhfd && fd != block->old_clhfd;
@@ -293,8 +293,8 @@ int _internal_send_csmsg_to_clh(msg_header *message, wthr_var *block, int fd)
     return send_on(fd, ANY_TABLE, message, block);
 }
 
-// The socket is chosen behind the warnings: they may have moved the session to another server, and it is there
-// that requests go from then on.
+// The socket is chosen behind the warnings: they may have moved the session to another server, and it is
+// there that requests go from then on.
 int _send_csmsg_to_clh(msg_header *message, wthr_var *block)
 {
     if (heeds_warnings(message) && heed_warnings(block->clhfd, block) < 0)

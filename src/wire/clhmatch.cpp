@@ -51,7 +51,8 @@ static int reply_matches(const msg_header *want, const msg_header *message, wthr
     case MSG_TPCONNECT:
         return want->target == message->target;  // sent, and answered, in one table of conversations
     case MSG_SQ_REQUEST:
-        // What comes of a broadcast that one node has settled would be taken for the answer to the next request.
+        // What comes of a broadcast that one node has settled would be taken for the answer to the next
+        // request.
         return want->seqno == message->seqno || message->seqno == 0;
     case MSG_TX_COMMIT:
     case MSG_TX_ROLLBACK:
@@ -327,8 +328,8 @@ int _unmatched_msg_process(msg_header *message, wthr_var *block)
 constexpr int ROLLING_WAIT_MILLISECONDS = 60000;
 constexpr unsigned char DOWN_WARNING = 217;
 
-// What the thread that runs the move sends meanwhile, an acknowledgement or an application's call in a handler,
-// can't wait for its end. 0, or ETIMEDOUT. Expects roll_mutex.
+// What the thread that runs the move sends meanwhile, an acknowledgement or an application's call in a
+// handler, can't wait for its end. 0, or ETIMEDOUT. Expects roll_mutex.
 static int await_end_of_move(wthr_var *block)
 {
     if (is_moving(block))

@@ -1,10 +1,10 @@
 // Enciphered sessions.
 //
 // The exchange runs on the thread that starts the session, before the start message. Afterwards messages are
-// enciphered under msg_mutex, by whatever thread sends, and deciphered by the thread with the reader role; the
-// two may run at once. The handle of the session can go at any time, when another thread or a signal handler
-// closes the connection: crypt_mutex keeps it as long as it is in use, one mutex a direction, so that neither
-// waits for the other.
+// enciphered under msg_mutex, by whatever thread sends, and deciphered by the thread with the reader role;
+// the two may run at once. The handle of the session can go at any time, when another thread or a signal
+// handler closes the connection: crypt_mutex keeps it as long as it is in use, one mutex a direction, so that
+// neither waits for the other.
 #include "wire/envelope.h"
 
 #include "buffers/dencode.h"

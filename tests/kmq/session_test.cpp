@@ -560,19 +560,26 @@ TEST_F(Sessions, EndOverALostConnection)
     SUCCEED() << "nothing leaks, and nothing hangs";
 }
 
-TEST_F(Sessions, LostConnectionLeavesThemForTheNext)
+TEST_F(Sessions, LostConnectionLeavesThemUntilTheEnd)
 {
     ASSERT_TRUE(open_session());
-    peer.hang_up();
+    ASSERT_NE(make_producer(), nullptr);
+    peer.play([&] {
+        peer.expect(wire::TPCALL);
+        peer.hang_up();
+    });
     EXPECT_EQ(call(TPNOTRAN), -1);
+    peer.done();
+    ASSERT_EQ(block()->started, 0);
     EXPECT_EQ(count(), 1);
     EXPECT_EQ(session->open, 1);
-    ASSERT_TRUE(start());
+    EXPECT_EQ(kmq_close_session(session, 0), -1);
+    EXPECT_EQ(gettperrno(), TPESYSTEM);
     EXPECT_EQ(count(), 1);
-    wire::frame request;
-    EXPECT_EQ(close_answered(session, {}, &request), 1);
-    EXPECT_EQ(request.sessid, SESSION_ID);
-    EXPECT_EQ(count(), 0);
+    EXPECT_EQ(tpend(), -1);
+    EXPECT_EQ(gettperrno(), TPEPROTO);
+    ASSERT_TRUE(open_session());
+    EXPECT_EQ(count(), 1);
 }
 
 TEST_F(Sessions, ResetDropsThem)
