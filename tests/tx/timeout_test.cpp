@@ -256,26 +256,32 @@ TEST_F(Limited, AllThreadsInATransactionHearOfItsEnd)
 {
     constexpr int THREADS = 3;
     ASSERT_TRUE(start({}, true));
-    ASSERT_TRUE(run_into_the_last_second());
+    ASSERT_EQ(tx_set_transaction_timeout(5000), TX_OK);
+    ASSERT_TRUE(run());
     int number = context();
-    peer.play([&] {
-        for (int i = 0; i < THREADS; i++)
-            peer.expect(wire::TPACALL);  // nobody is answered
-    });
     std::vector<std::thread> threads;
     std::atomic<int> attached{0};
+    std::atomic<bool> runs{false};
     for (int i = 0; i < THREADS; i++)
         threads.emplace_back([&] {
             EXPECT_EQ(tpsetctxt(number, 0), 1);
-            attached++;
-            EXPECT_TRUE(faults::eventually([&] { return attached == THREADS; }));
             char *reply = new_buffer("STRING");
             long length = 0;
+            attached++;
+            EXPECT_TRUE(faults::eventually([&] { return runs.load(); }));
             EXPECT_EQ(tpcall(svc("S"), nullptr, 0, &reply, &length, 0), -1);
             EXPECT_EQ(gettperrno(), TPETIME);
             tpfree(reply);
             tpsetctxt(TPNULLCONTEXT, 0);
         });
+    // What little time is left is for the calls alone.
+    EXPECT_TRUE(faults::eventually([&] { return attached == THREADS; }));
+    _set_tx_timer(1, block());
+    peer.play([&] {
+        for (int i = 0; i < THREADS; i++)
+            peer.expect(wire::TPACALL);  // nobody is answered
+    });
+    runs = true;
     for (std::thread &thread : threads)
         thread.join();
     peer.done();
