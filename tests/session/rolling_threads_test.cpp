@@ -187,10 +187,13 @@ struct RollingThreads : Moving {
     }
 
     // `count` calls of a thread, each with a text of its own. How many were not answered as they should be.
-    static long keep_calling(int thread, int count)
+    // With a gate the second half of the calls waits for it: whatever happens meanwhile meets a thread at work.
+    static long keep_calling(int thread, int count, const std::atomic<bool> *gate = nullptr)
     {
         long wrong = 0;
         for (int i = 0; i < count; i++) {
+            if (gate != nullptr && i == count / 2)
+                wrong += !faults::eventually([&] { return gate->load(); });
             std::string text = std::to_string(thread) + "." + std::to_string(i);
             outcome out;
             if (i % 3 == 2) {
@@ -214,6 +217,9 @@ struct RollingThreads : Moving {
                 return false;
         return true;
     }
+
+    std::atomic<bool> warned{false};
+    const std::atomic<bool> *const gate = &warned;
 
     static void expect_each_once(Server &one, Server &two, int threads, int count)
     {
@@ -519,9 +525,10 @@ TEST_F(RollingThreads, ManyThreadsOfOneContextLoseNothingInAWarning)
     ASSERT_TRUE(open_at_server());
     std::vector<std::unique_ptr<client>> clients;
     for (int i = 0; i < THREADS; i++)
-        clients.push_back(begin([=] { return outcome{(int)keep_calling(i, COUNT), 0, "", 0}; }));
+        clients.push_back(begin([=, this] { return outcome{(int)keep_calling(i, COUNT, gate), 0, "", 0}; }));
     EXPECT_TRUE(faults::eventually([&] { return first.requests > THREADS * COUNT / 4; }));
     first.warn_all();
+    warned = true;
     for (auto &one : clients)
         EXPECT_EQ(one->task.get(), 0);
     expect_each_once(first, second, THREADS, COUNT);
@@ -539,10 +546,11 @@ TEST_F(RollingThreads, ManyThreadsOfOneContextLoseNothingWhenRequestsComeBack)
     ASSERT_TRUE(open_at_server());
     std::vector<std::unique_ptr<client>> clients;
     for (int i = 0; i < THREADS; i++)
-        clients.push_back(begin([=] { return outcome{(int)keep_calling(i, COUNT), 0, "", 0}; }));
+        clients.push_back(begin([=, this] { return outcome{(int)keep_calling(i, COUNT, gate), 0, "", 0}; }));
     EXPECT_TRUE(faults::eventually([&] { return first.requests > THREADS * COUNT / 4; }));
     first.gives_back = true;
     first.warn_all();
+    warned = true;
     for (auto &one : clients)
         EXPECT_EQ(one->task.get(), 0);
     expect_each_once(first, second, THREADS, COUNT);
@@ -612,13 +620,14 @@ TEST_F(RollingThreads, SessionsOfTheirOwnMoveEachForItself)
             record->flags = TPMULTICONTEXTS;
             wrong += tpstart(record) < 0;
             tpfree((char *)record);
-            wrong += (int)keep_calling(i, COUNT);
+            wrong += (int)keep_calling(i, COUNT, gate);
             wrong += tpgethostaddr(nullptr, nullptr, 0) != 2;
             wrong += tpend() != 1;
         });
     EXPECT_TRUE(faults::eventually([&] { return first.logins == THREADS && first.requests > THREADS * 5; }));
     first.gives_back = true;
     first.warn_all();
+    warned = true;
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(wrong, 0);
