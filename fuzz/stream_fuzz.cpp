@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     msg_header *want = template_of(MSG_TPSTART, 64);
     msg_header *reply = _read_csmsg_from_clh_timeout(want, 1, block);
     if (reply != nullptr && reply->msgtype == MSG_TPSTART + REPLY)
-        take_start_reply(reply, block->clhfd, block);
+        take_start_reply(reply, block->clhfd, false, block);
     free(reply != nullptr ? reply : want);
     if (block->acall == nullptr)
         _init_acall(4, block);
