@@ -42,10 +42,10 @@ int tpspracall(char *svc, int spri, char *data, long len, long flags);
 int tpspracall2(char *svc, int spri, int proc, char *data, long len, long flags);
 
 /* One request without reply to group `svgno`: through queue `qname`, whose acceptance is awaited, or with
- * null directly. `flags` must be 0. The request stands outside the open transaction, whose time limit ends the
- * wait for the queue all the same. 1, or -1 with tperrno: TPEINVAL, TPEOTYPE (no typed buffer), TPEITYPE,
- * TPENOENT (unknown queue), TPETIME, TPECLOSE, TPEOS, TPESYSTEM. A queue that refuses gives no error number,
- * but the user code of the reply that the buffer last took, or if that is 0, 0x80000C. */
+ * null directly. `flags` must be 0. The request stands outside the open transaction, whose time limit ends
+ * the wait for the queue all the same. 1, or -1 with tperrno: TPEINVAL, TPEOTYPE (no typed buffer),
+ * TPEITYPE, TPENOENT (unknown queue), TPETIME, TPECLOSE, TPEOS, TPESYSTEM. A queue that refuses gives no
+ * error number, but the user code of the reply that the buffer last took, or if that is 0, 0x80000C. */
 int tpsvgcall(int svgno, char *qname, char *svc, char *data, long len, long flags);
 
 /* The same to all groups of the service, which the server is asked for. Groups whose request failed stand in

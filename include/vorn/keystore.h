@@ -50,11 +50,11 @@ int vorn_get_sessionid(void);
 int vorn_sq_put(char *key, int keylen, char *data, long len, long flags);
 int vorn_gq_put(char *key, int keylen, char *data, long len, long flags);
 
-/* Fetches what is stored. It takes the place of what `*data`, a typed buffer, held; `*len` takes its bytes. A
- * larger value moves the buffer: take the pointer back. Flags: TPNOBLOCK, TPSIGRSTRT, TPNOTIME (but the other
- * nodes, once these are asked, have the block time), TPNOCHANGE (the value's type must be the buffer's), 0x1000
- * (for the server). 1, or -1 with tperrno: as above, and TPEOTYPE (no typed buffer, another type with
- * TPNOCHANGE). A failed call leaves what the buffer held. */
+/* Fetches what is stored. It takes the place of what `*data`, a typed buffer, held; `*len` takes its bytes.
+ * A larger value moves the buffer: take the pointer back. Flags: TPNOBLOCK, TPSIGRSTRT, TPNOTIME (but the
+ * other nodes, once these are asked, have the block time), TPNOCHANGE (the value's type must be the
+ * buffer's), 0x1000 (for the server). 1, or -1 with tperrno: as above, and TPEOTYPE (no typed buffer,
+ * another type with TPNOCHANGE). A failed call leaves what the buffer held. */
 int vorn_sq_get(char *key, int keylen, char **data, long *len, long flags);
 int vorn_gq_get(char *key, int keylen, char **data, long *len, long flags);
 
@@ -79,8 +79,8 @@ int vorn_gq_keygen(char *key, int keylen);
 char *vorn_sq_getkeylist(char *key, int keylen);
 char *vorn_gq_getkeylist(char *key, int keylen);
 
-/* How many keys a list has, or -1 with TPEINVAL (null) or TPEBADDESC (no list; but a block whose header counts
- * rows passes for one). */
+/* How many keys a list has, or -1 with TPEINVAL (null) or TPEBADDESC (no list; but a block whose header
+ * counts rows passes for one). */
 int vorn_keylist_count(char *list);
 /* Tells of one key, counted from 0; it takes time in proportion to `index`. 1, or -1 with TPEINVAL (null, a
  * negative index), TPEBADDESC (no list), TPELIMIT (beyond the last one). */

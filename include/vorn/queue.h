@@ -69,13 +69,12 @@ int tpdeq(char *qname, char *svc, char **data, long *len, long flags);
  * dequeue, not both: TPETRAN (but a dequeue that is the transaction's first request is not seen by a later
  * enqueue). `ctl` is a control record that goes in front of the data, or null; tpdeq_ctl doesn't look at
  * it. An enqueue that is refused, or gets no answer, marks the transaction rollback-only. Behind a control
- * record texts, bytes and field
- * buffers arrive whole; of struct data the server gets as many bytes as the same length of plain records
- * takes on the wire, so that the last of them may be cut: send these as fields.
+ * record texts, bytes and field buffers arrive whole; of struct data the server gets as many bytes as the
+ * same length of plain records takes on the wire, so that the last of them may be cut: send these as fields.
  *
  * tpenq_ctl looks at the buffer as tpcall does (TPEITYPE for no typed buffer); tpdeq_ctl refuses a null
- * `data`, `*data` or `len` before bad flags. A null `svc` of tpenq_ctl stands for the service
- * that the buffer last went to. Otherwise as tpenq and tpdeq. */
+ * `data`, `*data` or `len` before bad flags. A null `svc` of tpenq_ctl stands for the service that the buffer
+ * last went to. Otherwise as tpenq and tpdeq. */
 int tpenq_ctl(char *qname, char *svc, RQCTL_T *ctl, char *data, long len, long flags);
 int tpdeq_ctl(char *qname, char *svc, RQCTL_T *ctl, char **data, long *len, long flags);
 

@@ -64,12 +64,12 @@ int _make_tran_acall_cd_invalid(wthr_var *block);
 int _get_active_tran_acall(wthr_var *block);
 int _get_acall_cd_ind(int cd, wthr_var *block);  // row or -1
 int set_acall_fd(int fd, const msg_header *message, wthr_var *block);
-int check_rolling_cd(int fd, wthr_var *block);                // 1 if a row bears the socket, also a released one; -1
+int check_rolling_cd(int fd, wthr_var *block);  // 1 if a row, released or not, bears the socket; -1
 // Calls whose reply was to come over a socket that has ended get one that says TPECLOSE. Expects msg_mutex.
 void fail_calls_on(int fd, wthr_var *block);
 bool awaits_reply_on(int fd, const wthr_var *block);  // true for a call whose reply is still to come over it
-int _get_acall_ind_from_ready(wthr_var *block);  // row of the oldest stored reply, or -1
-int oldest_ready(const wthr_var *block);         // the same; expects msg_mutex
+int _get_acall_ind_from_ready(wthr_var *block);       // row of the oldest stored reply, or -1
+int oldest_ready(const wthr_var *block);              // the same; expects msg_mutex
 
 // Conversations.
 int _create_conv_entry(int cd, uint32_t flags, wthr_var *block);  // row, not descriptor, or -1

@@ -25,8 +25,8 @@ char *_search_by_name(char *msg, int key, const char *name);
 int _get_property_from_header(char *msg, const char *name, int *type, void *value, long *len,
                               wthr_var *block);
 int _set_property(char *msg, const char *name, int type, const char *value, long len);  // 1, or -1: no room
-// Writes a value over the entry at `position`. A text or a row of bytes gets the room that it needs; any other
-// type is written over what is there, whose rest stays. 1, or -1 with fberror set.
+// Writes a value over the entry at `position`. A text or a row of bytes gets the room that it needs; any
+// other type is written over what is there, whose rest stays. 1, or -1 with fberror set.
 int _update_value(char *msg, int key, const char *value, long len, char *position);
 }
 

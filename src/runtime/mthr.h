@@ -160,8 +160,8 @@ struct wthr_var {
     mcallx_result mcallx;
     std::atomic<fcache_slot *> fcache;  // positions of looked-up fields; null until the first
     char server_name[32];               // service name from the tail of the start reply
-    std::atomic<void *> crypt_sess;    // libkexcli's handle of the connection; null: none
-    pthread_mutex_t crypt_mutex[2];    // by direction: held while the handle is in use; both, to end it
+    std::atomic<void *> crypt_sess;     // libkexcli's handle of the connection; null: none
+    pthread_mutex_t crypt_mutex[2];     // by direction: held while the handle is in use; both, to end it
 
     pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
     pthread_mutex_t roll_mutex;  // the rolling start; taken inside the reader role, never inside msg_mutex
@@ -169,7 +169,7 @@ struct wthr_var {
     pthread_cond_t offer_done_cond;  // the reader waits here while an offer stands
     pthread_cond_t roll_cond;        // threads wait here until a rolling start has ended
     int32_t reader_busy;             // 1 while a thread has the reader role
-    int32_t reader_sent_fd;          // socket on which the reader's own request went out; -1: it awaits no reply
+    int32_t reader_sent_fd;          // socket of the reader's own request; -1: it awaits no reply
     int32_t waiter_count;            // threads with a reply outstanding, from the send on
     int32_t offer_left;              // waiters that have still to look at the offered message
     msg_header *offer_msg;
@@ -233,8 +233,8 @@ wthr_elem *_get_idle_wthr_ptr(void);       // a row and a context row for the ca
 int _get_idle_wthr_ptr2(void);             // number of a free thread row, or the caller's own; -1
 void bind_row(wthr_elem *row);             // gives the row, and its context row, to the caller
 
-// Frees a part of the session's state, at the end of the session if a rolling start replaces it: other threads
-// of the context may be reading it. By the thread that starts or ends the session.
+// Frees a part of the session's state, at the end of the session if a rolling start replaces it: other
+// threads of the context may be reading it. By the thread that starts or ends the session.
 void retire(void *memory, wthr_var *block);
 void keep_until_end(void *memory, wthr_var *block);  // at the end of the session in any case
 void free_retired(wthr_var *block);

@@ -42,10 +42,10 @@ bool hand_to_waiter(msg_header *message, wthr_var *block);
 // at a new connection, since the role stays taken when the last socket goes. Takes msg_mutex.
 void free_reader_role(wthr_var *block);
 
-// Takes leave of the previous socket of a rolling start once nobody waits for anything over it: this side ends,
-// and what the server still sends, posts and requests that it gives back, is read until it ends its own. The
-// socket is closed by the reader, or while nobody reads. Takes msg_mutex; costs a look at one word outside of
-// rolling starts.
+// Takes leave of the previous socket of a rolling start once nobody waits for anything over it: this side
+// ends, and what the server still sends, posts and requests that it gives back, is read until it ends its
+// own. The socket is closed by the reader, or while nobody reads. Takes msg_mutex; costs a look at one word
+// outside of rolling starts.
 void end_old_socket_if_done(bool is_reader, wthr_var *block);
 
 // The request to which `reply` would be the answer has gone out over the current socket now; `want` is what
@@ -56,8 +56,8 @@ void note_sent_again(const msg_header *reply, msg_header *want, wthr_var *block)
 // finds out by itself, once it is woken.
 void end_waits_of_conversations(wthr_var *block);
 
-// The previous socket has ended: nothing comes of what is outstanding on it. Its calls fail with TPECLOSE. For
-// the reader; takes msg_mutex.
+// The previous socket has ended: nothing comes of what is outstanding on it. Its calls fail with TPECLOSE.
+// For the reader; takes msg_mutex.
 void end_previous_socket(int fd, wthr_var *block);
 // True for the previous socket of a rolling start.
 bool is_previous_socket(int fd, const wthr_var *block);

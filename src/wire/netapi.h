@@ -32,8 +32,9 @@ int _vorn_read_check(int fd, int seconds);
 int _vorn_eset_check(int fd);
 // The blocking wait of the receive path: the socket to read next, the old one first; at once the one that has
 // bytes read ahead. -1 without a socket, -2 when select failed (errno tells; EINTR is the caller's to judge),
-// -3 when the time is up, or the reader has been woken to look at the sockets anew. A negative number of milliseconds is no limit; _vorn_rset_check has none. For the
-// thread with the reader role; takes roll_mutex when urgent data is there.
+// -3 when the time is up, or the reader has been woken to look at the sockets anew. A negative number of
+// milliseconds is no limit; _vorn_rset_check has none. For the thread with the reader role; takes roll_mutex
+// when urgent data is there.
 int wait_readable(wthr_var *block, int milliseconds);
 int _vorn_rset_check(wthr_var *block);
 int pipe_readn(int fd, void *buffer, int length);
