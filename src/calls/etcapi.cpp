@@ -32,8 +32,7 @@ static constexpr api_text TPGPRIO = API_TEXT("tpgprio", "(void)");
 static constexpr api_text TPSPRIO = API_TEXT("tpsprio", "(%d, %d)");
 static constexpr api_text TPCHKAUTH = API_TEXT("tpchkauth", "(void)");
 static constexpr api_text TPGETACTIVESVR = API_TEXT("tpgetactivesvr", "(\"%s\", %#x)");
-static constexpr api_text TPGETSVGLIST = {"tpgetsvglist", "tpgetsvglist(\"%s\", %d)", "tpgetsvglist = %#x",
-                                          "tpgetsvglist = NULL [%d : %s]"};
+static constexpr api_text TPGETSVGLIST = API_POINTER_TEXT("tpgetsvglist", "(\"%s\", %d)");
 static constexpr api_text VORNLASTSVC = {"vornlastsvc", "vornlastsvc(%#x, %#x, %d)", "vornlastsvc = \"%s\"",
                                          "vornlastsvc = NULL [%d : %s]"};
 static constexpr api_text TPEXTSVCNAME = API_TEXT("tpextsvcname", "(%#x, %#x)");
@@ -285,16 +284,12 @@ svg_list *tpgetsvglist(char *svc, long flags)
         return nullptr;
     set_tperrno(0);
     if (svc == nullptr) {
-        api_fail(&frame, &TPGETSVGLIST, TPEINVAL);
-        return nullptr;
+        set_tperrno(TPEINVAL);
+        return (svg_list *)api_give(&frame, &TPGETSVGLIST, nullptr);
     }
     wthr_var *block = begin_session(frame.block);
-    if (block == nullptr || !ask_for_groups(svc, nullptr, block)) {
-        api_error(&frame, &TPGETSVGLIST);
-        return nullptr;
-    }
-    VORN_TRACE(TPGETSVGLIST.name, 1, TRACE_RESULT, TPGETSVGLIST.result, &block->groups);
-    return &block->groups;
+    bool asked = block != nullptr && ask_for_groups(svc, nullptr, block);
+    return (svg_list *)api_give(&frame, &TPGETSVGLIST, asked ? &block->groups : nullptr);
 }
 
 // --- What a buffer's header tells.

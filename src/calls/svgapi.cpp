@@ -30,10 +30,8 @@ static_assert(GROUP_REQUEST_FLAGS == 0x80000C);
 static constexpr uint32_t TPGETRPLY_FLAGS = 0x1A3;  // what of a call's flags concerns the fetch of its reply
 
 static constexpr api_text TPSVGCALL_TEXT = API_TEXT("tpsvgcall", "(%d, \"%s\", \"%s\", %#x, %d, %d)");
-static constexpr api_text TPMCALL = {"tpmcall", "tpmcall(\"%s\", \"%s\", %#x, %d, %d)", "tpmcall = %#x",
-                                     "tpmcall = NULL [%d : %s]"};
-static constexpr api_text TPMCALLX = {"tpmcallx", "tpmcallx(\"%s\", %#x, %d, %d)", "tpmcallx = %#x",
-                                      "tpmcallx = NULL [%d : %s]"};
+static constexpr api_text TPMCALL = API_POINTER_TEXT("tpmcall", "(\"%s\", \"%s\", %#x, %d, %d)");
+static constexpr api_text TPMCALLX = API_POINTER_TEXT("tpmcallx", "(\"%s\", %#x, %d, %d)");
 static constexpr api_text TPGETSPRLIST = API_TEXT("tpgetsprlist", "(\"%s\", %d, %#x, %#x)");
 
 int tpspracall(char *svc, int spri, char *data, long len, long flags)
@@ -137,8 +135,7 @@ static void *no_result(const api_frame *frame, const api_text *text, int error)
 {
     if (error > 0)
         set_tperrno(error);
-    api_error(frame, text);
-    return nullptr;
+    return api_give(frame, text, nullptr);
 }
 
 // An array of `count` numbers, and one more; null without memory.
@@ -207,8 +204,7 @@ mcall_result *tpmcall(char *qname, char *svc, char *data, long len, long flags)
     std::swap(block->mcall, result);
     _thread_mutex_unlock(&block->msg_mutex);
     free_result(&result);  // the earlier one
-    VORN_TRACE(TPMCALL.name, 1, TRACE_RESULT, TPMCALL.result, &block->mcall);
-    return &block->mcall;
+    return (mcall_result *)api_give(&frame, &TPMCALL, &block->mcall);
 }
 
 // A multicast that collects replies.
@@ -319,8 +315,7 @@ mcallx_result *tpmcallx(char *svc, char *data, long len, long flags)
     release_multicast(&cast);  // with the earlier result
     if (error != 0)
         return (mcallx_result *)no_result(&frame, &TPMCALLX, error);
-    VORN_TRACE(TPMCALLX.name, 1, TRACE_RESULT, TPMCALLX.result, &block->mcallx);
-    return &block->mcallx;
+    return (mcallx_result *)api_give(&frame, &TPMCALLX, &block->mcallx);
 }
 
 // --- Servers of a group.

@@ -16,10 +16,7 @@ extern "C" {
     { \
         function, function arguments, function " = %d", function " = 0 [%d : %s]" \
     }
-#define FB_POINTER_TEXT(function, arguments) \
-    { \
-        function, function arguments, function " = %#x", function " = NULL [%d : %s]" \
-    }
+#define FB_POINTER_TEXT(function, arguments) API_POINTER_TEXT(function, arguments)
 #define FB_STRING_TEXT(function, arguments) \
     { \
         function, function arguments, function " = \"%s\"", function " = NULL [%d : %s]" \

@@ -21,14 +21,9 @@
 
 extern "C" {
 
-static constexpr api_text CREATE = {"kmq_create_session", "kmq_create_session(\"%s\", %d, %d, %d)",
-                                    "kmq_create_session = %#x", "kmq_create_session = NULL [%d : %s]"};
-static constexpr api_text CREATE_XA = {"kmq_create_xa_session", "kmq_create_xa_session(\"%s\", %d)",
-                                       "kmq_create_xa_session = %#x",
-                                       "kmq_create_xa_session = NULL [%d : %s]"};
-static constexpr api_text CREATE_ASYNC = {
-    "kmq_create_async_session", "kmq_create_async_session(\"%s\", %#x, %d)", "kmq_create_async_session = %#x",
-    "kmq_create_async_session = NULL [%d : %s]"};
+static constexpr api_text CREATE = API_POINTER_TEXT("kmq_create_session", "(\"%s\", %d, %d, %d)");
+static constexpr api_text CREATE_XA = API_POINTER_TEXT("kmq_create_xa_session", "(\"%s\", %d)");
+static constexpr api_text CREATE_ASYNC = API_POINTER_TEXT("kmq_create_async_session", "(\"%s\", %#x, %d)");
 static constexpr api_text CLOSE = API_TEXT("kmq_close_session", "(%#x, %d)");
 static constexpr api_text COMMIT = API_TEXT("kmq_commit", "(%#x, %d)");
 static constexpr api_text ROLLBACK = API_TEXT("kmq_rollback", "(%#x, %d)");
@@ -227,15 +222,6 @@ static kmq_session *open_session(const char *name, uint32_t flags, void *handler
     return session;
 }
 
-static kmq_session *give_session(const api_frame *frame, const api_text *text, kmq_session *session)
-{
-    if (session == nullptr)
-        api_error(frame, text);
-    else
-        VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, session);
-    return session;
-}
-
 kmq_session *kmq_create_session(const char *name, int transacted, int ackmode, int extra)
 {
     static const uint32_t flags_of_mode[] = {0, KMQ_ACKMODE1, KMQ_ACKMODE2};
@@ -251,7 +237,7 @@ kmq_session *kmq_create_session(const char *name, int transacted, int ackmode, i
     else
         session = open_session(name, (transacted > 0 ? KMQ_TRANSACTED : 0) | flags_of_mode[ackmode], nullptr,
                                frame.block);
-    return give_session(&frame, &CREATE, session);
+    return (kmq_session *)api_give(&frame, &CREATE, session);
 }
 
 kmq_session *kmq_create_xa_session(const char *name, int extra)
@@ -261,7 +247,7 @@ kmq_session *kmq_create_xa_session(const char *name, int extra)
         return nullptr;
     set_tperrno(is_session_name(name) ? 0 : TPEINVAL);
     kmq_session *session = is_session_name(name) ? open_session(name, KMQ_XA, nullptr, frame.block) : nullptr;
-    return give_session(&frame, &CREATE_XA, session);
+    return (kmq_session *)api_give(&frame, &CREATE_XA, session);
 }
 
 kmq_session *kmq_create_async_session(const char *name, void *handler, int extra)
@@ -272,7 +258,7 @@ kmq_session *kmq_create_async_session(const char *name, void *handler, int extra
     set_tperrno(is_session_name(name) ? 0 : TPEINVAL);
     kmq_session *session =
         is_session_name(name) ? open_session(name, KMQ_ASYNC, handler, frame.block) : nullptr;
-    return give_session(&frame, &CREATE_ASYNC, session);
+    return (kmq_session *)api_give(&frame, &CREATE_ASYNC, session);
 }
 
 // --- Closing one.

@@ -21,8 +21,7 @@
 
 extern "C" {
 
-static constexpr api_text KMQ_ALLOC = {"kmq_alloc", "kmq_alloc(%#x, %d)", "kmq_alloc = %#x",
-                                       "kmq_alloc = NULL [%d : %s]"};
+static constexpr api_text KMQ_ALLOC = API_POINTER_TEXT("kmq_alloc", "(%#x, %d)");
 static constexpr api_text KMQ_GET_PROPERTY = API_TEXT("kmq_get_property", "(%#x, \"%s\", %#x, %#x, %#x)");
 static constexpr api_text KMQ_SET_PROPERTY = API_TEXT("kmq_set_property", "(%#x, \"%s\", %d, %#x, %d)");
 static constexpr api_text KMQ_GET_BODY = API_TEXT("kmq_get_body", "(%#x, %#x, %#x)");
@@ -60,20 +59,17 @@ char *kmq_alloc(void *owner, int size)
         return nullptr;
     set_tperrno(0);
     if (owner == nullptr) {
-        api_fail(&frame, &KMQ_ALLOC, TPEINVAL);
-        return nullptr;
+        set_tperrno(TPEINVAL);
+        return (char *)api_give(&frame, &KMQ_ALLOC, nullptr);
     }
     char type[] = "FIELD", subtype[] = "";
     int room = _calc_msgsize(size);
     char *msg = tpalloc(type, subtype, room);
-    if (msg == nullptr) {
+    if (msg == nullptr)
         set_tperrno_if_none(TPESYSTEM);
-        api_error(&frame, &KMQ_ALLOC);
-        return nullptr;
-    }
-    fbinit(fields_of(msg), room);
-    VORN_TRACE(KMQ_ALLOC.name, 1, TRACE_RESULT, KMQ_ALLOC.result, msg);
-    return msg;
+    else
+        fbinit(fields_of(msg), room);
+    return (char *)api_give(&frame, &KMQ_ALLOC, msg);
 }
 
 void kmq_free(char *msg)

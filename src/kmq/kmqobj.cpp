@@ -17,16 +17,12 @@
 
 extern "C" {
 
-#define POINTER_TEXT(function, arguments) \
-    { \
-        function, function arguments, function " = %#x", function " = NULL [%d : %s]" \
-    }
-
 static constexpr api_text CREATE_PRODUCER =
-    POINTER_TEXT("kmq_create_producer", "(%#x, \"%s\", %d, \"%s\", %d)");
+    API_POINTER_TEXT("kmq_create_producer", "(%#x, \"%s\", %d, \"%s\", %d)");
 static constexpr api_text CREATE_CONSUMER =
-    POINTER_TEXT("kmq_create_consumer", "(%#x, \"%s\", %d, \"%s\", \"%s\", \"%s\", %#x)");
-static constexpr api_text CREATE_BROWSER = POINTER_TEXT("kmq_create_browser", "(%#x, \"%s\", \"%s\", %#x)");
+    API_POINTER_TEXT("kmq_create_consumer", "(%#x, \"%s\", %d, \"%s\", \"%s\", \"%s\", %#x)");
+static constexpr api_text CREATE_BROWSER =
+    API_POINTER_TEXT("kmq_create_browser", "(%#x, \"%s\", \"%s\", %#x)");
 static constexpr api_text CLOSE_PRODUCER = API_TEXT("kmq_close_producer", "(%#x, %d)");
 static constexpr api_text CLOSE_CONSUMER = API_TEXT("kmq_close_consumer", "(%#x, %d)");
 static constexpr api_text CLOSE_BROWSER = API_TEXT("kmq_close_browser", "(%#x, %d)");
@@ -169,16 +165,6 @@ void *_create_something(int kind, msg_header *message, wthr_var *block)
     return made;
 }
 
-// The exit of a call that gives an object, or null with tperrno set.
-static void *give_object(const api_frame *frame, const api_text *text, void *object)
-{
-    if (object == nullptr)
-        api_error(frame, text);
-    else
-        VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, object);
-    return object;
-}
-
 static void *refuse(int code)
 {
     set_tperrno(code);
@@ -230,7 +216,7 @@ kmq_producer *kmq_create_producer(kmq_session *session, const char *queue, int k
         return nullptr;
     set_tperrno(0);
     void *producer = create_producer(session, queue, kind, subname, frame.block);
-    return (kmq_producer *)give_object(&frame, &CREATE_PRODUCER, producer);
+    return (kmq_producer *)api_give(&frame, &CREATE_PRODUCER, producer);
 }
 
 kmq_producer *_search_prod_by_id(kmq_session *session, int id)
@@ -363,7 +349,7 @@ kmq_consumer *kmq_create_consumer(kmq_session *session, const char *queue, int k
         put_name(names.consname, sizeof names.consname, shown(consname));
         consumer = create_consumer(session, kind, &names, selector, flags, frame.block);
     }
-    return (kmq_consumer *)give_object(&frame, &CREATE_CONSUMER, consumer);
+    return (kmq_consumer *)api_give(&frame, &CREATE_CONSUMER, consumer);
 }
 
 kmq_consumer *kmq_create_browser(kmq_session *session, const char *queue, const char *selector, int flags)
@@ -374,7 +360,7 @@ kmq_consumer *kmq_create_browser(kmq_session *session, const char *queue, const 
     set_tperrno(0);
     int browses = (flags & BROWSE_ON) != 0 ? (int)(KMQ_BROWSES | KMQ_BROWSES_ON) : BROWSE;
     void *browser = kmq_create_consumer(session, queue, 0, nullptr, selector, nullptr, flags | browses);
-    return (kmq_consumer *)give_object(&frame, &CREATE_BROWSER, browser);
+    return (kmq_consumer *)api_give(&frame, &CREATE_BROWSER, browser);
 }
 
 kmq_consumer *_search_cons_by_id(kmq_session *session, int id)

@@ -122,28 +122,18 @@ static char *get_list(const api_text *text, char *key, int keylen, long flags)
     api_frame frame;
     if (!API_ENTER(&frame, *text, key, keylen))
         return nullptr;
-    char *list = _sq_getkeylist(key, keylen, flags, frame.block);
-    if (list == nullptr)
-        api_error(&frame, text);
-    else
-        VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, list);
-    return list;
+    return (char *)api_give(&frame, text, _sq_getkeylist(key, keylen, flags, frame.block));
 }
-
-#define LIST_TEXT(function) \
-    { \
-        function, function "(%#x, %d)", function " = %#x", function " = NULL [%d : %s]" \
-    }
 
 char *vorn_sq_getkeylist(char *key, int keylen)
 {
-    static constexpr api_text TEXT = LIST_TEXT("vorn_sq_getkeylist");
+    static constexpr api_text TEXT = API_POINTER_TEXT("vorn_sq_getkeylist", "(%#x, %d)");
     return get_list(&TEXT, key, keylen, 0);
 }
 
 char *vorn_gq_getkeylist(char *key, int keylen)
 {
-    static constexpr api_text TEXT = LIST_TEXT("vorn_gq_getkeylist");
+    static constexpr api_text TEXT = API_POINTER_TEXT("vorn_gq_getkeylist", "(%#x, %d)");
     return get_list(&TEXT, key, keylen, SQ_GLOBAL);
 }
 }

@@ -281,17 +281,21 @@ void keep_until_end(void *memory, wthr_var *block)
     retired_block *kept = (retired_block *)malloc(sizeof *kept);
     if (kept == nullptr)
         return;  // better lost than taken from under a thread that reads it
-    *kept = {memory, block->retired};
-    block->retired = kept;
+    *kept = {memory, nullptr};
+    std::atomic_ref<retired_block *> list(block->retired);  // threads may come at once, with msg_mutex or not
+    kept->next = list.load();
+    while (!list.compare_exchange_weak(kept->next, kept))
+        continue;
 }
 
 void free_retired(wthr_var *block)
 {
-    while (block->retired != nullptr) {
-        retired_block *kept = block->retired;
-        block->retired = kept->next;
+    retired_block *kept = std::atomic_ref<retired_block *>(block->retired).exchange(nullptr);
+    while (kept != nullptr) {
+        retired_block *next = kept->next;
         free(kept->memory);
         free(kept);
+        kept = next;
     }
 }
 

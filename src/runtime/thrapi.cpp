@@ -69,6 +69,15 @@ int api_fail(const api_frame *frame, const api_text *text, int code)
     return api_error(frame, text);
 }
 
+void *api_give(const api_frame *frame, const api_text *text, void *address)
+{
+    if (address == nullptr)
+        api_error(frame, text);
+    else
+        VORN_TRACE(text->name, 1, TRACE_RESULT, text->result, address);
+    return address;
+}
+
 bool api_begin(api_frame *frame, const api_text *text)
 {
     set_tperrno(0);

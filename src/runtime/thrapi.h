@@ -23,6 +23,12 @@ struct api_text {
         function, function arguments, function " = %d", function " = -1 [%d : %s]" \
     }
 
+// Of a call that gives an address.
+#define API_POINTER_TEXT(function, arguments) \
+    { \
+        function, function arguments, function " = %#x", function " = NULL [%d : %s]" \
+    }
+
 struct api_frame {
     wthr_elem *row;   // the caller's row, row 0 if it has none
     wthr_var *block;  // its block, or the fall-back block
@@ -66,6 +72,9 @@ bool api_begin(api_frame *frame, const api_text *text);
 int api_return(const api_text *text, int result);
 int api_error(const api_frame *frame, const api_text *text);
 int api_fail(const api_frame *frame, const api_text *text, int code);
+
+// The exit of a call that gives an address: the address, or null with the error that stands in the cell.
+void *api_give(const api_frame *frame, const api_text *text, void *address);
 
 int tpsetctxt(int ctxt, long flags);
 int tpgetctxt(int *ctxt, long flags);

@@ -88,8 +88,6 @@ int _vorn_rolling_start(void)
     msg_header *message = bare != nullptr ? bare : block->start_msg;
     if (message == nullptr)
         return api_fail(&frame, &ROLLING_START, TPESYSTEM);
-    if (block->thread_refs == 0)
-        free_retired(block);  // of an earlier move: nobody else can be reading it
     moving_block = block;
     int result = move_session(message, block);
     moving_block = nullptr;

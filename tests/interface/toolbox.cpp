@@ -99,8 +99,14 @@ outcome run_program(const place &where, const std::filesystem::path &program, co
     return run("LD_LIBRARY_PATH=" + where.library_dir + " " + environment + " " + program.string());
 }
 
-server::server()
+server::server(const std::vector<std::string> &options)
 {
+    std::vector<std::string> words = {"clhsim", "--port", "0"};
+    words.insert(words.end(), options.begin(), options.end());
+    std::vector<char *> arguments;
+    for (std::string &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
     int ends[2];
     pid = -1;
     out = -1;
@@ -112,7 +118,7 @@ server::server()
         dup2(ends[1], 1);
         close(ends[0]);
         close(ends[1]);
-        execl(CLHSIM_PATH.c_str(), "clhsim", "--port", "0", static_cast<char *>(nullptr));
+        execv(CLHSIM_PATH.c_str(), arguments.data());
         _exit(127);
     }
     close(ends[1]);

@@ -45,7 +45,7 @@ outcome run_program(const place &where, const std::filesystem::path &program,
 // A stand-in server on a free port, ended with the record.
 struct server {
     std::string address;  // "127.0.0.1:PORT"; empty if it didn't start
-    server();
+    explicit server(const std::vector<std::string> &options = {});
     ~server();
     server(const server &) = delete;
     server &operator=(const server &) = delete;

@@ -722,6 +722,16 @@ static void serve_attempts(Peer &peer, Peer &backup)
     }
 }
 
+TEST_F(Rolling, WhatIsKeptUntilTheEndOutlivesAMove)
+{
+    ASSERT_TRUE(start());
+    char *kept = strdup("kept");
+    keep_until_end(kept, block());
+    unsetenv("VORN_BACKUP_ADDR");
+    EXPECT_EQ(_vorn_rolling_start(), -1);
+    EXPECT_STREQ(kept, "kept");
+}
+
 TEST_F(Rolling, WithoutMemoryItFailsAndThePreviousConnectionStays)
 {
     constexpr int CLEAN = 0, SURVIVED = 2, WRONG = 3,
