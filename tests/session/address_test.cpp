@@ -187,8 +187,13 @@ TEST(AddressList, SurvivesEachFailingAllocation)
 // A server on a port of this machine that takes connections into its backlog.
 struct Server {
     int port = 0;
+    int held = hold_port(&port);
     int fd = _network_listen_ipaddr2(LOOPBACK, &port);
-    ~Server() { stop(); }
+    ~Server()
+    {
+        stop();
+        close(held);
+    }
     void stop()
     {
         if (fd >= 0)

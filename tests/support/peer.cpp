@@ -327,19 +327,29 @@ std::string Conn::read_bytes(size_t length)
     return bytes;
 }
 
-Peer::Peer()
+int hold_port(int *port)
 {
     sockaddr_in self = {};
     self.sin_family = AF_INET;
     self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    self.sin_port = htons((uint16_t)*port);
     socklen_t length = sizeof self;
-    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, (sockaddr *)&self, sizeof self) != 0 || listen(listener, 64) != 0 ||
-        getsockname(listener, (sockaddr *)&self, &length) != 0) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(fd, (sockaddr *)&self, sizeof self) != 0 || getsockname(fd, (sockaddr *)&self, &length) != 0) {
+        perror("a port of this machine");
+        abort();
+    }
+    *port = ntohs(self.sin_port);
+    return fd;
+}
+
+Peer::Peer() : held(hold_port(&port)), listener(hold_port(&port))
+{
+    if (listen(listener, 64) != 0) {
         perror("scripted peer");
         abort();
     }
-    port = ntohs(self.sin_port);
 }
 
 Peer::~Peer()
@@ -347,6 +357,7 @@ Peer::~Peer()
     done();
     hang_up();
     stop_listening();
+    close(held);
 }
 
 std::string Peer::address() const

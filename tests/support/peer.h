@@ -196,10 +196,16 @@ struct Conn {
     friend struct Peer;
 };
 
+// A socket bound to a port of this machine (0: a free one, which is told). Further ones may be bound to it, and
+// one of them may listen; but nobody else is given the port while one is open. Without that, the port of a server
+// that has stopped soon is another process's, and attempts succeed that ought to be refused.
+int hold_port(int *port);
+
 // The server: a listening socket, and the connection accepted last.
 struct Peer : Conn {
-    int listener = -1;
     int port = 0;
+    int held;  // keeps the port when nobody listens any more
+    int listener;
 
     Peer();
     ~Peer();

@@ -51,8 +51,7 @@ struct Network : testing::Test {
     int quiet_port()
     {
         int quiet = 0;
-        int fd = _network_listen_ipaddr2(LOOPBACK, &quiet);
-        close(fd);
+        hold_port(&quiet);  // until this process ends
         return quiet;
     }
     // Makes the listener's queue so full that no further handshake ends until somebody is accepted.
