@@ -2,6 +2,8 @@
 #ifndef VORN_H
 #define VORN_H
 
+#include "vorn/bindings.h"
+#include "vorn/bridge.h"
 #include "vorn/buffers.h"
 #include "vorn/calls.h"
 #include "vorn/context.h"
@@ -21,5 +23,6 @@
 #include "vorn/structs.h"
 #include "vorn/tx.h"
 #include "vorn/unsol.h"
+#include "vorn/utility.h"
 
 #endif

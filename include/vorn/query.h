@@ -43,6 +43,9 @@ int tpget_timeout(void);
 /* Sleeps until the time is up or the server sends something. Positive if there is something to read, 0, or
  * -1 with errno. */
 int tpsleep(struct timeval *time);
+/* The same for whole seconds, and for microseconds. */
+int tp_sleep(int seconds);
+int tp_usleep(int microseconds);
 
 /* The priority of the next request: the default (50) after every request, otherwise what tpsprio set. -1 with
  * TPENOENT before the first request of the context. */

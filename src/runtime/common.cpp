@@ -1,14 +1,22 @@
-// Paths, directories and small checks.
+// Paths, directories, processes and small checks.
 #include "runtime/common.h"
 
 #include "runtime/mthr.h"
+#include "runtime/thrapi.h"
+#include "vorn/query.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
 extern "C" {
 
@@ -127,6 +135,93 @@ int _vorn_proc_path(char *path)
     return 1;
 }
 
+// A file of the queue manager's: by its name in VORN_PATHDIR, otherwise with `below_root` in VORNDIR. No file
+// has a longer name than PATH_MAX, and so much room the caller has.
+static int find_qmm_file(const char *name, const char *below_root, char *out)
+{
+    if (out == nullptr)
+        return -1;
+    const char *directory = getenv("VORN_PATHDIR");
+    if (directory == nullptr) {
+        directory = getenv("VORNDIR");
+        name = below_root;
+    }
+    size_t length = directory == nullptr ? PATH_MAX : strlen(directory);
+    size_t name_size = strlen(name) + 1;
+    if (length + 1 + name_size > PATH_MAX)  // with the separator, whether or not one is added
+        return -1;
+    memcpy(out, directory, length + 1);
+    _slash_check(out);
+    memcpy(out + strlen(out), name, name_size);
+    return 1;
+}
+
+int _get_qmm_path(char *out)
+{
+    return find_qmm_file("qmmd", "path/qmmd", out);
+}
+
+int _vorn_qmm_lockfile(char *out)
+{
+    return find_qmm_file("qmmld", "path/qmmld", out);
+}
+
+// The child of a process of several threads may only do what is safe in a signal handler until it is another
+// program: so all that execve needs is there beforehand.
+int _vorn_system(const char *command)
+{
+    if (command == nullptr)
+        return 1;
+    char *arguments[] = {(char *)"sh", (char *)"-c", (char *)command, nullptr};
+    pid_t child = fork();
+    if (child < 0)
+        return -1;
+    if (child == 0) {
+        execve("/bin/sh", arguments, environ);
+        _exit(127);
+    }
+    int status;
+    while (waitpid(child, &status, 0) < 0)
+        if (errno != EINTR)
+            return -1;
+    return status;
+}
+
+int _vorn_real_wait(int seconds)
+{
+    time_t begin = time(nullptr);
+    do
+        sleep(1);
+    while (time(nullptr) - begin < seconds);
+    return 0;
+}
+
+static constexpr api_text TP_SLEEP = API_TEXT("tp_sleep", "(%d)");
+static constexpr api_text TP_USLEEP = API_TEXT("tp_usleep", "(%d)");
+
+// The sleep, which tells of its failure itself, and the exit.
+static int sleep_for(struct timeval time, const api_frame *frame, const api_text *text)
+{
+    int result = tpsleep(&time);
+    return result < 0 ? api_error(frame, text) : api_return(text, result);
+}
+
+int tp_sleep(int seconds)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TP_SLEEP, seconds))
+        return -1;
+    return sleep_for({seconds, 0}, &frame, &TP_SLEEP);
+}
+
+int tp_usleep(int microseconds)
+{
+    api_frame frame;
+    if (!API_ENTER(&frame, TP_USLEEP, microseconds))
+        return -1;
+    return sleep_for({microseconds / 1000000, microseconds % 1000000}, &frame, &TP_USLEEP);
+}
+
 static void reopen_on_null(const char *mode, FILE *stream)
 {
     if (freopen("/dev/null", mode, stream) == nullptr)
@@ -143,6 +238,25 @@ void _vorn_detach_console(void)
 int _vorn_IsHeapPtr(const void *p)
 {
     return p != nullptr && (uintptr_t)p % 4 == 0;
+}
+
+int is_null_data(const char *s)
+{
+    while (s != nullptr && *s != '\0')
+        if (!isspace((unsigned char)*s++))
+            return 0;
+    return 1;
+}
+
+int _make_svcname_from_prodno_funcname(int prodno, const char *function, char *out)
+{
+    if (function == nullptr || out == nullptr)
+        return -1;
+    char prefix[16];  // a sign, ten digits
+    size_t length = (size_t)snprintf(prefix, sizeof prefix, "p%04d_", prodno);
+    memcpy(out, prefix, length);
+    memcpy(out + length, function, strlen(function) + 1);
+    return 1;
 }
 
 void print_percents(char *text)

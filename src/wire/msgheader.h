@@ -106,6 +106,7 @@ enum message_type : int32_t {
     MSG_SET_REQUEST = 130,
     MSG_GETADDR = 156,
     MSG_GET_ACTIVESVR = 166,
+    MSG_TX_RECOVER = 173,
     MSG_SQ_REQUEST = 181,
     MSG_GETSPR = 225,
     MSG_KMQ_OPEN_SESSION = 500,

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 
 #include "toolbox.h"
 
@@ -59,9 +60,11 @@ TEST(PublicHeaders, EachCompilesAloneInCxx20)
 TEST(PublicHeaders, TheUmbrellaNamesEachFamily)
 {
     const std::string umbrella = read_file(PROJECT_DIR "/include/vorn.h");
+    // What is for programs written to other monitors stays out, as do other names that could clash.
+    const std::set<std::string> apart = {"vorn.h", "vorn/acl.h", "vorn/codeconv.h", "vorn/compat.h",
+                                         "vorn/ffields.h"};
     for (const std::string &name : public_headers()) {
-        // What is for programs written to other monitors stays out; its names would clash with others'.
-        if (name != "vorn.h" && name != "vorn/compat.h" && name != "vorn/ffields.h") {
+        if (!apart.count(name)) {
             EXPECT_NE(umbrella.find(name), std::string::npos) << name;
         }
     }
