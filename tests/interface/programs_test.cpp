@@ -160,9 +160,9 @@ TEST(FirstProgram, RunsAgainstAnInstallation)
 }
 
 // The order system of the examples, with the definitions that the build made for it.
-static outcome run_orders(const std::string &environment)
+static outcome run_orders(const std::string &environment, const std::string &program = "fields")
 {
-    return run_program(build_tree(), BUILD_DIR + "/bin/fields", environment);
+    return run_program(build_tree(), BUILD_DIR + "/bin/" + program, environment);
 }
 
 static std::string order_definitions()
@@ -220,6 +220,20 @@ TEST(OrderProgram, PrintsOrdersAndTheirAnswers)
     for (size_t i = 0; i < lines.size() && i < expected.size(); i++)
         EXPECT_EQ(lines[i], expected[i]) << "line " << i + 1;
     EXPECT_EQ(lines.size(), expected.size()) << result.output;
+}
+
+TEST(TextProgram, TurnsTextIntoFieldsAndRecordsAndBack)
+{
+    const outcome result = run_orders(order_definitions(), "text");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "4711 | Ann Example\n"
+                             "(end of the block)tea | 2.5 | 4\n"
+                             "cups | 1.25 | 3\n"
+                             "(end of the block)\n"
+                             "3 times cups, article 200\n"
+                             "tea | 2.500000 | 100 | 4\n"
+                             "cups | 1.250000 | 200 | 6\n"
+                             "(end of the block)");
 }
 
 static outcome run_example(const std::string &program, const server &clh)
