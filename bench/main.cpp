@@ -53,6 +53,7 @@ static constexpr scenario SCENARIOS[] = {
     {"fields-wire", "field buffers: wire form of 64 KiB", field_wire, placement::one_core},
     {"fields-threads", "field buffers: threads with a buffer each", field_threads, placement::anywhere},
     {"properties", "ten properties of a message", properties, placement::one_core},
+    {"texts", "an order as plain text", texts, placement::one_core},
 };
 
 static void usage(FILE *to)

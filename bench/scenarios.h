@@ -35,6 +35,8 @@ void field_wire(const settings &chosen, placement where);
 void field_threads(const settings &chosen, placement where);
 // Ten properties of a message, beside ten fields and protobuf.
 void properties(const settings &chosen, placement where);
+// An order as plain text, beside protobuf's text format.
+void texts(const settings &chosen, placement where);
 
 // Steps that they share. All of them end the program on an error.
 void open_session(long flags);
