@@ -50,6 +50,8 @@ static field_line cut_line(char *line)
 
 int _get_value_from_pbsdata(char *text, char *separator)
 {
+    if (text == nullptr || separator == nullptr)
+        return 0;
     text_cut value = cut_value(text);
     *separator = value.was;
     return (int)(behind(&value) - text);
@@ -57,6 +59,8 @@ int _get_value_from_pbsdata(char *text, char *separator)
 
 int _get_name_value_from_pbfdata(char *line, int *value_offset)
 {
+    if (line == nullptr || value_offset == nullptr)
+        return 0;
     field_line cut = cut_line(line);
     *value_offset = (int)(cut.value - line);
     return (int)(behind(&cut.value_end) - line);
@@ -64,6 +68,8 @@ int _get_name_value_from_pbfdata(char *line, int *value_offset)
 
 int _get_name_from_form(char *form)
 {
+    if (form == nullptr)
+        return 0;
     text_cut name = cut_name(form);
     return (int)(behind(&name) - form);
 }
@@ -302,7 +308,7 @@ char *get_value(char *path, int *len)
 
 int chk_name(char *name)
 {
-    return strncmp(name, "FILENAM", sizeof "FILENAM") == 0 ? 1 : -1;
+    return name != nullptr && strncmp(name, "FILENAM", sizeof "FILENAM") == 0 ? 1 : -1;
 }
 
 // Only a string has an end to go by.

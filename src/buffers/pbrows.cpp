@@ -134,26 +134,40 @@ static value_found put_field(field_text *out, int key, int nth)
     return VALUE_PRESENT;
 }
 
-// Writes row `nth` of the columns from `column` to the one in front of `end`, or nothing if none has a value.
+// Whether later rows need not ask again. To a file an occurrence that can't be had ends its column; otherwise only
+// one that isn't there does.
+static bool ends_column(const field_text *out, value_found value)
+{
+    return value == VALUE_ABSENT && (out->room != 0 || getfberror() == FBENOENT);
+}
+
+// Writes row `nth` of the columns from `column` to the one in front of `end`, or nothing if none has a value: the
+// tabs of a row wait for the next value, so that the area's last bytes are those of its text.
 static value_found put_row(field_text *out, form_column *column, const form_column *end, int nth)
 {
-    int64_t begin = out->length;
-    value_found row = VALUE_ABSENT;
-    for (; column < end; column++) {
+    int64_t begin = out->length, tabs = 0;
+    bool has_value = false;
+    for (; column < end; column++, tabs++) {
+        int64_t behind_last = out->length;
+        out->length += tabs;
         value_found value = column->ended ? VALUE_ABSENT : put_field(out, column->key, nth);
-        if (value == VALUE_FAILED || !put_byte(out, '\t'))
+        if (value == VALUE_FAILED)
             return VALUE_FAILED;
-        if (value == VALUE_PRESENT)
-            row = VALUE_PRESENT;
-        column->ended = value == VALUE_ABSENT;
+        column->ended = column->ended || ends_column(out, value);
+        if (value == VALUE_ABSENT) {
+            out->length = behind_last;
+            continue;
+        }
+        memset(out->text + behind_last, '\t', (size_t)tabs);
+        has_value = true;
+        tabs = 0;
     }
-    if (row == VALUE_ABSENT) {
-        out->length = begin;
+    if (!has_value)
         return VALUE_ABSENT;
-    }
-    if (!make_room(out, 1))
+    if (!make_room(out, tabs + 1))
         return VALUE_FAILED;
-    out->length = end_row(out->text + begin, out->text + out->length) - out->text;
+    memset(out->text + out->length, '\t', (size_t)tabs);
+    out->length = end_row(out->text + begin, out->text + out->length + tabs) - out->text;
     return VALUE_PRESENT;
 }
 

@@ -9,6 +9,7 @@
 #include "fields/fbcommon2.h"
 #include "runtime/thrapi.h"
 #include "vorn/errors.h"
+#include "vorn/query.h"
 #include "vorn/session.h"
 #include "vorn/unsol.h"
 #include "wire/clhio.h"
@@ -194,8 +195,7 @@ static bool input_waits(wthr_var *block)
     _thread_mutex_unlock(&block->msg_mutex);
     if (is_read)
         return false;
-    struct timeval moment = {0, 1};
-    return await_input(block, &moment) > 0;
+    return tp_usleep(1) > 0;
 }
 
 // --- Mode and handler.

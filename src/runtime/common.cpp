@@ -74,12 +74,10 @@ static int create_dir_chain(char *path, size_t length)
 
 int _vorn_create_dir(const char *path)
 {
-    if (path == nullptr || path[0] == '\0')
-        return -1;
-    size_t length = strlen(path);
+    size_t length = path == nullptr ? 0 : strlen(path);
     char copy[PATH_MAX];
-    if (length >= sizeof copy) {  // no directory has such a name
-        errno = ENAMETOOLONG;
+    if (length == 0 || length >= sizeof copy) {  // no directory has such a name
+        errno = length == 0 ? EINVAL : ENAMETOOLONG;
         return -1;
     }
     memcpy(copy, path, length + 1);
@@ -146,9 +144,11 @@ static int find_qmm_file(const char *name, const char *below_root, char *out)
         directory = getenv("VORNDIR");
         name = below_root;
     }
-    size_t length = directory == nullptr ? PATH_MAX : strlen(directory);
-    size_t name_size = strlen(name) + 1;
-    if (length + 1 + name_size > PATH_MAX)  // with the separator, whether or not one is added
+    if (directory == nullptr)
+        return -1;
+    size_t length = strlen(directory), name_size = strlen(name) + 1;
+    size_t separator = length == 0 || directory[length - 1] != '/';
+    if (length + separator + name_size > PATH_MAX)
         return -1;
     memcpy(out, directory, length + 1);
     _slash_check(out);

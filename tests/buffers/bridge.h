@@ -110,7 +110,13 @@ inline std::string to_text(const std::string &form, FBUF *fbuf)
     std::string copy = form;
     int result = _make_pbodata_from_field(copy.data(), area.data(), fbuf);
     EXPECT_EQ(copy, form);
-    return result == 1 ? std::string(area.data()) : std::to_string(result);
+    if (result != 1)
+        return std::to_string(result);
+    std::string text = area.data();
+    EXPECT_EQ(std::string(area.begin() + (long)text.size() + 1, area.end()),
+              std::string(area.size() - text.size() - 1, '?'))
+        << "nothing is written behind the text";
+    return text;
 }
 
 inline std::string to_file(const std::string &form, const std::string &path, FBUF *fbuf)

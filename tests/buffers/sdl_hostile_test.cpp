@@ -64,7 +64,7 @@ void expect_safe(const std::string &bytes, const std::vector<const char *> &name
     std::string path = write_definition(bytes);
     pid_t child = fork();
     if (child == 0) {
-        alarm(20);
+        alarm(100);
         setenv("SDLFILE", path.c_str(), 1);
         if (_sdlfile_load() == 1)
             for (const char *name : names) {
@@ -195,7 +195,7 @@ TEST_F(HostileStructs, SecondFileNestsOutOfTheTable)
         std::string second = write_definition(sdl::file_bytes({outer}));
         pid_t child = fork();
         if (child == 0) {
-            alarm(20);
+            alarm(100);
             setenv("SDLFILE", (first + "," + second).c_str(), 1);
             if (_sdlfile_load() == 1)
                 try_records("outer");

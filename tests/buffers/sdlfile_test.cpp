@@ -3,6 +3,7 @@
 #include "buffers/tbuffer.h"
 #include "runtime/mthr.h"
 #include "support/fixtures.h"
+#include "support/meeting.h"
 #include "vorn/buffers.h"
 #include "vorn/errors.h"
 #include "vorn/session.h"
@@ -482,13 +483,12 @@ TEST_F(DefinitionFile, MemoryThatFailsEndsTheProcess)
 TEST_F(DefinitionFile, OneOfManyThreadsLoads)
 {
     setenv("SDLFILE", file_of(definitions()).c_str(), 1);
-    std::atomic<int> loads{0}, others{0}, ready{0};
+    std::atomic<int> loads{0}, others{0};
+    Meeting all(8);
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; i++)
         threads.emplace_back([&] {
-            ready++;
-            while (ready < 8)
-                sched_yield();
+            all.meet();
             int result = _sdlfile_load();
             (result == 1 ? loads : others)++;
             EXPECT_TRUE(result == 0 || result == 1);

@@ -510,7 +510,7 @@ TEST_F(Call, TransactionsTimerEndsTheWaitWhicheverThreadTakesTheSignal)
     ASSERT_TRUE(start());
     for (int round = 0; round < 2; round++) {
         open_transaction();
-        _set_tx_timer(1, block());
+        _set_tx_timer(3, block());  // time enough for the request to leave
         peer.play([&] {
             peer.expect(wire::TPCALL);
             peer.expect_nothing();

@@ -489,15 +489,16 @@ TEST_F(Connect, WithoutMemoryNothingIsLeft)
         for (int nth = 1;; nth++) {
             ASSERT_LT(nth, 50);
             SCOPED_TRACE(nth);
+            std::atomic<bool> ended{false};
             faults::fail_allocation(nth);
             peer.play([&] {
                 wire::frame request;
-                peer.seconds = 1;
-                if (peer.receive(&request))
+                EXPECT_TRUE(faults::eventually([&] { return peer.something_came() || ended; }));
+                if (peer.something_came() && peer.receive(&request))
                     peer.reply("", {.cd = CD});
-                peer.seconds = 10;
             });
             int cd = tpconnect(svc("S"), with_data ? in : nullptr, 0, TPSENDONLY | TPNOTIME);
+            ended = true;
             bool failed = faults::allocation_failed();
             faults::disarm_allocations();
             int error = get_tperrno();

@@ -233,7 +233,7 @@ TEST_F(ConversationThreads, MessageBehindTheConnectsReplyFindsItsConversation)
 TEST_F(ConversationThreads, ConnectsReplyIsNeverMissed)
 {
     constexpr int ROUNDS = 3000;
-    ASSERT_TRUE(open_shared({.conv_size = 1, .block_time = 5}));
+    ASSERT_TRUE(open_shared({.conv_size = 1, .block_time = 20}));
     std::atomic<bool> over{false};
     peer.play([&] {
         wire::frame request;
@@ -475,10 +475,11 @@ TEST_F(ConversationThreads, OneThreadsTimeOutLeavesTheOthersWaiting)
     expect_idle();
 }
 
+// Those whom nobody wakes have their limit.
 TEST_F(ConversationThreads, EndOfTheConnectionEndsEveryWaitWithALimit)
 {
     constexpr int THREADS = 4;
-    ASSERT_TRUE(open_shared({.block_time = 2}));
+    ASSERT_TRUE(open_shared({.block_time = 6}));
     for (int t = 0; t < THREADS; t++)
         open(TPRECVONLY, t);
     std::atomic<int> closed{0};

@@ -182,10 +182,11 @@ TEST_F(Shared, OneThreadsTimeOutLeavesTheOthersWaiting)
     expect_idle();
 }
 
+// Those whom nobody wakes have their limit.
 TEST_F(Shared, EndOfTheConnectionIsToldToAllThatWaitWithALimit)
 {
     wire::start_reply reply;
-    reply.block_time = 2;
+    reply.block_time = 6;
     ASSERT_TRUE(start(reply, true));
     constexpr int THREADS = 4;
     peer.play([&] {

@@ -1,30 +1,16 @@
 // A transaction, and a lost session, of a context on which several threads stand.
 #include "calls/fixture.h"
 
+#include "support/meeting.h"
 #include "wire/msgheader.h"
 
 #include <functional>
 #include <memory>
-#include <sched.h>
 #include <thread>
 
 namespace {
 
 constexpr uint32_t STARTS_TRANSACTION = 0x4000000;
-
-// Threads meet here and go on at the same moment.
-struct Gate {
-    std::atomic<int> arrived{0};
-    int parties;
-
-    explicit Gate(int count) : parties(count) {}
-    void meet(void)
-    {
-        int round = arrived.fetch_add(1) / parties;
-        while (arrived.load() < (round + 1) * parties)
-            sched_yield();
-    }
-};
 
 struct SharedTransaction : CallTest {
     int number = 0;
@@ -74,16 +60,16 @@ TEST_F(SharedTransaction, OneOfTheFirstRequestsStartsIt)
                           wire::encode(wire::answer(requests[1], "x")));
         }
     });
-    Gate gate(THREADS);
+    Meeting all(THREADS);
     auto work = [&](bool opens) {
         char *reply = new_buffer("STRING");
         long length = 0;
         for (int round = 0; round < ROUNDS; round++) {
             if (opens)
                 open_transaction(TX_STAGE_BEGUN);
-            gate.meet();
+            all.meet();
             EXPECT_EQ(tpcall(svc("S"), nullptr, 0, &reply, &length, 0), 1) << get_tperrno();
-            gate.meet();
+            all.meet();
         }
         tpfree(reply);
     };
@@ -100,7 +86,7 @@ TEST_F(SharedTransaction, OneOfManyThreadsIsTheOneThatBegins)
 {
     constexpr int THREADS = 4, ROUNDS = 5000;
     ASSERT_TRUE(open());
-    Gate gate(THREADS);
+    Meeting all(THREADS);
     std::atomic<int> begun{0};
     auto work = [&](bool opens) {
         for (int round = 0; round < ROUNDS; round++) {
@@ -108,9 +94,9 @@ TEST_F(SharedTransaction, OneOfManyThreadsIsTheOneThatBegins)
                 begun = 0;
                 open_transaction(TX_STAGE_BEGUN);
             }
-            gate.meet();
+            all.meet();
             begun += begin_to_run(shared);
-            gate.meet();
+            all.meet();
             if (opens) {
                 ASSERT_EQ(begun, 1) << "round " << round;
             }

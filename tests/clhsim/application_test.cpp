@@ -87,7 +87,7 @@ TEST(ClhsimApplication, FailingServiceDeliversItsDataAndCode)
 TEST(ClhsimApplication, AsynchronousCallsAreAnsweredInTheirOwnOrder)
 {
     Domain domain;
-    Buffer slow("0.3");
+    Buffer slow("2");
     Buffer fast("0");
     int first = tpacall(unconst("SLEEP"), slow.data, 0, 0);
     int second = tpacall(unconst("SLEEP"), fast.data, 0, 0);
@@ -98,7 +98,7 @@ TEST(ClhsimApplication, AsynchronousCallsAreAnsweredInTheirOwnOrder)
     ASSERT_EQ(tpgetrply(&any, &reply.data, &reply.length, TPGETANY), 1);
     EXPECT_EQ(any, second);
     ASSERT_EQ(tpgetrply(&first, &reply.data, &reply.length, 0), 1);
-    EXPECT_STREQ(reply.data, "0.3");
+    EXPECT_STREQ(reply.data, "2");
 }
 
 TEST(ClhsimApplication, EarlierReplyWaitsForItsDescriptor)
@@ -180,7 +180,7 @@ TEST(ClhsimApplication, ServerChangesTheBlockTime)
 {
     Domain domain({"--block-time", "0"});
     ASSERT_EQ(tpstart(nullptr), 0);
-    domain.command("set 1 12 1");
+    domain.command("set 1 12 3");
     EXPECT_EQ(called("TOUPPER", "read on the way"), "READ ON THE WAY");
     Buffer slow("1000");
     EXPECT_EQ(call("SLEEP", slow), -1);

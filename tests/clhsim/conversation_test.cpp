@@ -481,13 +481,13 @@ TEST(ClhsimDialogue, LateConnectIsTakenBack)
 {
     Domain domain({"--block-time", "1"});
     ASSERT_EQ(tpstart(nullptr), 0);
-    domain.command("delay TURNS 1500 1");
+    domain.command("delay TURNS 3000 1");
     EXPECT_EQ(tpconnect(unconst("TURNS"), nullptr, 0, TPSENDONLY), -1);
     EXPECT_EQ(gettperrno(), TPETIME);
     // Its answer comes behind the connect's, and then the conversation is over on both ends.
-    Buffer slow("1");
+    Buffer slow("3");
     ASSERT_EQ(call("SLEEP", slow, TPNOTIME), 1);
-    ASSERT_EQ(call("ECHO", slow), 1);
+    ASSERT_EQ(call("ECHO", slow, TPNOTIME), 1);
     EXPECT_EQ(domain.stat("disconnected"), 1);
     EXPECT_EQ(domain.command("conversations"), "ok");
 }

@@ -454,8 +454,10 @@ struct TwoClients : testing::Test {
     // What the reader has got of a kind; "" for nothing.
     std::string got(int kind)
     {
+        be(sender);
+        Buffer sent("sent"), text("quiet");
+        EXPECT_EQ(call("ECHO", sent), 1) << "the server has seen to what came before it";
         be(reader);
-        Buffer text("quiet");
         EXPECT_EQ(call("ECHO", text), 1) << "reads what has come";
         std::string result = tpgetunsol(kind, &buffer.data, &buffer.length, 0) == 1 ? buffer.data : "";
         EXPECT_TRUE(!result.empty() || gettperrno() == TPEBLOCK);

@@ -1,6 +1,7 @@
 // A server that goes down in order: the warning, what is given back, what is answered, and the end; and the
 // count that tells whether each call was done once.
 #include "application.h"
+#include "support/ports.h"
 
 #include <cerrno>
 #include <csignal>
@@ -71,7 +72,8 @@ TEST(ClhsimGodown, ServerWithoutClientsEndsAtOnce)
 
 TEST(ClhsimGodown, NobodyNewComesIn)
 {
-    Simulator server;
+    int port = 0, held = hold_port(&port);  // which nobody else is given when the server listens no more
+    Simulator server({"--port", std::to_string(port)});
     Link link = server.log_in();
     Link waiting = server.connect();
     waiting.send(string_call("ECHO", "x"));
@@ -82,6 +84,7 @@ TEST(ClhsimGodown, NobodyNewComesIn)
     link.close();
     waiting.close();
     EXPECT_EQ(server.wait(), 0);
+    close(held);
 }
 
 TEST(ClhsimGodown, SilentOneDoesntWarn)
@@ -126,13 +129,13 @@ TEST(ClhsimGodown, WhatHasBegunIsAnswered)
 {
     Simulator server({"--leave-time", "0"});
     Link link = server.log_in();
-    link.send(string_call("SLEEP", "0.2"));
+    link.send(string_call("SLEEP", "2"));  // time enough for all that follows
     while (server.stat("calls") != 1)
         usleep(1000);
     server.command("godown");
     Message late = call_of("ECHO", "late", MSG_TPACALL, STRING, 9);
     expect_given_back(link.exchange(late), late);
-    EXPECT_EQ(link.receive().text(), "0.2");
+    EXPECT_EQ(link.receive().text(), "2");
     EXPECT_TRUE(link.ended());
     link.close();
     EXPECT_EQ(server.wait(), 0);
@@ -140,13 +143,13 @@ TEST(ClhsimGodown, WhatHasBegunIsAnswered)
 
 TEST(ClhsimGodown, RequestsKeepTheConnectionAlive)
 {
-    Simulator server({"--leave-time", "150"});
+    Simulator server({"--leave-time", "1500"});
     Link link = server.log_in();
     server.command("godown");
     Message call = string_call("ECHO", "x");
-    for (int i = 0; i < 8; i++) {
+    for (int i = 0; i < 7; i++) {  // longer in all, and each pause is far shorter
         expect_given_back(link.exchange(call), call);
-        usleep(40000);
+        usleep(250000);
     }
     EXPECT_TRUE(link.ended());
     link.close();
@@ -274,7 +277,7 @@ TEST(ClhsimCount, NothingIsLostOrDoneTwiceInAMove)
 {
     Simulator keeper;
     std::string file = keeper.directory + "/counts";
-    Simulator main_server({"--count-file", file, "--leave-time", "100"});
+    Simulator main_server({"--count-file", file, "--leave-time", "2000"});
     Simulator backup({"--count-file", file});
     Link old_link = main_server.log_in(), new_link = backup.log_in();
     constexpr int CALLS = 200;

@@ -764,7 +764,7 @@ TEST(ClhsimQueueApplication, BlockingDequeueEndsWhenSomethingComes)
     // Something comes when the first try has found nothing.
     std::thread late([&] {
         while (domain.command("queues").find(" waiting 1") == std::string::npos)
-            std::this_thread::yield();
+            usleep(1000);
         producer.send(enqueue_of("", "late", DIRECT | NOTRAN));
     });
     int result = take(buffer, TPRQDIRECT | TPBLOCK);

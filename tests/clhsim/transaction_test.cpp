@@ -356,7 +356,7 @@ TEST(ClhsimTxApplication, ServersResultIsTheCallers)
 
 TEST(ClhsimTxApplication, ForgottenCommitFailsWhenItsTimeIsUp)
 {
-    Domain domain({"--tx-timeout", "1"});
+    Domain domain({"--tx-timeout", "3"});
     ASSERT_EQ(tx_begin(), TX_OK);
     EXPECT_EQ(called("DEPOSIT", "ann 1"), "1");
     domain.command("drop _tx_commit 1");
@@ -366,7 +366,7 @@ TEST(ClhsimTxApplication, ForgottenCommitFailsWhenItsTimeIsUp)
 
 TEST(ClhsimTxApplication, TimedOutTransactionIsRolledBack)
 {
-    Domain domain({"--tx-timeout", "1"});
+    Domain domain({"--tx-timeout", "3"});
     ASSERT_EQ(tx_begin(), TX_OK);
     EXPECT_EQ(called("DEPOSIT", "ann 1"), "1");
     Buffer slow("1000");

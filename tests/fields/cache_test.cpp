@@ -4,6 +4,7 @@
 
 #include "fields/fbapim.h"
 #include "support/fixtures.h"
+#include "support/meeting.h"
 #include "vorn/buffers.h"
 #include "vorn/calls.h"
 
@@ -685,7 +686,8 @@ TEST_F(FieldCache, ThreadsOfOneContextKeepToTheirSlots)
 {
     // No thread has a row of its own, so all share the table of the main context. Their slots differ.
     constexpr int THREADS = 4;
-    std::atomic<int> ready{0}, wrong{0};
+    std::atomic<int> wrong{0};
+    Meeting all(THREADS);
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; t++)
         threads.emplace_back([&, t] {
@@ -693,9 +695,7 @@ TEST_F(FieldCache, ThreadsOfOneContextKeepToTheirSlots)
             int32_t k = key(INT, 1);
             while (slot_of(fbuf, k) != 10 * t)
                 k++;
-            ready++;
-            while (ready < THREADS)
-                std::this_thread::yield();
+            all.meet();
             for (int round = 0; round < 200; round++) {
                 for (int i = 0; i < 50; i++)
                     wrong += put(fbuf, {k, raw(i)}) != 1;

@@ -4,6 +4,7 @@
 #include "fields/fbcommon3.h"
 #include "support/fdlfile.h"
 #include "support/fixtures.h"
+#include "support/meeting.h"
 #include "support/sdlfile.h"
 
 #include <unistd.h>
@@ -564,12 +565,11 @@ TEST_F(FieldNames, TwoThreadsAtFirstUse)
     for (int round = 0; round < 20; round++) {
         use(fields);
         std::vector<std::thread> threads;
-        std::atomic<int> ready{0}, wrong{0};
+        std::atomic<int> wrong{0};
+        Meeting all(4);
         for (int t = 0; t < 4; t++)
             threads.emplace_back([&, t] {
-                ready++;
-                while (ready < 4)
-                    std::this_thread::yield();
+                all.meet();
                 for (size_t i = (size_t)t; i < fields.size(); i += 4) {
                     wrong += key_of(fields[i].name) != fields[i].key;
                     wrong += name_of(fields[i].key) != fields[i].name;

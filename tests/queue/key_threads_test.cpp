@@ -97,7 +97,7 @@ wire::frame answer_of_node(const wire::frame &request)
 TEST_F(KeyThreads, RepliesThatComeTogetherReachTheirThreadThoughAnotherReads)
 {
     constexpr int NODES = 6;
-    ASSERT_TRUE(open_shared(NODES, 5));
+    ASSERT_TRUE(open_shared(NODES, 60));
     peer.play([&] {
         wire::frame call = peer.expect(wire::TPACALL).frame;
         std::string bytes;
@@ -263,10 +263,11 @@ TEST_F(KeyThreads, TimeOutOfOneLeavesTheOthersWaiting)
     expect_idle();
 }
 
+// The one whom nobody wakes has its limit.
 TEST_F(KeyThreads, LostConnectionIsToldToEachOfThem)
 {
     constexpr int NODES = 3;
-    ASSERT_TRUE(open_shared(NODES, 2));
+    ASSERT_TRUE(open_shared(NODES, 6));
     peer.play([&] {
         for (int i = 0; i < 3 * NODES; i++)
             peer.expect(wire::KEY_REQUEST);

@@ -259,7 +259,7 @@ TEST_F(QueueThreads, PauseOfOneThreadIsEndedByTheNoticeThatAnotherReads)
 
 TEST_F(QueueThreads, LostConnectionIsToldToAllThatWait)
 {
-    ASSERT_TRUE(open(2));
+    ASSERT_TRUE(open(6));
     shared->rq_pending = 10;
     peer.play([&] {
         peer.expect(wire::TPDEQ);

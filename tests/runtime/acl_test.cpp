@@ -4,6 +4,7 @@
 #include "runtime/capture.h"
 #include "support/faults.h"
 #include "support/fixtures.h"
+#include "wire/refuse.h"
 
 #include <arpa/inet.h>
 #include <thread>
@@ -126,7 +127,7 @@ TEST_F(AccessList, ADuplicateIsPassedOver)
 TEST_F(AccessList, BadAddressesAreLoggedAndPassedOver)
 {
     const char *const bad[] = {"nonsense", "10.1.2", "256.1.1.1", "10.1.2.3.4", "1o.1.2.3", " 10.1.2.3", "10.1.2.3x",
-                               "0x0a.1.2.3", "10.1.2.-3", "255.255.255.255", "::1", "al", " all", "%s%n"};
+                               "0x0a.1.2.3", "10.1.2.-3", "255.255.255.255", "::1", "al", " all", " # x", "%s%n"};
     std::string text;
     for (const char *address : bad)
         text += std::string(address) + "\n";
@@ -214,6 +215,24 @@ TEST_F(AccessList, WhatCanNotBeReadIsNoList)
 {
     EXPECT_EQ(_acl_create(temp.path.c_str(), 0), nullptr);
     EXPECT_EQ(_acl_create(temp.path.c_str(), 1), nullptr);
+}
+
+TEST_F(AccessList, TheFileIsClosedWhateverComesOfIt)
+{
+    int before = next_descriptor();
+    ASSERT_NE(load("10.1.2.3\n10.1.2.4\n"), nullptr);
+    EXPECT_EQ(next_descriptor(), before);
+    for (int nth = 1; nth <= 3; nth++) {
+        faults::fail_allocation(nth);
+        acl *loaded = _acl_create(file.c_str(), 0);
+        faults::disarm_allocations();
+        _acl_destroy(loaded);
+        EXPECT_EQ(next_descriptor(), before) << nth;
+    }
+    EXPECT_EQ(_acl_create(temp.path.c_str(), 1), nullptr);
+    EXPECT_EQ(_acl_add_to_file(file.c_str(), "10.1.2.5", 32), 1);
+    EXPECT_EQ(_acl_add_to_file("/dev/full", "10.1.2.5", 32), -1);
+    EXPECT_EQ(next_descriptor(), before);
 }
 
 TEST_F(AccessList, EachAllocationThatFailsGivesNone)
@@ -314,15 +333,16 @@ TEST_F(AccessList, AdditionsToTheFileAreReadBack)
 
 TEST_F(AccessList, AnAdditionIsACommentAndALine)
 {
+    setenv("TZ", "XYZ-5", 1);  // the comment tells local time
     write_file(file, "10.0.0.1");
     time_t before = time(nullptr);
-    ASSERT_EQ(_acl_add_to_file(file.c_str(), "10.1.2.3", 24), 1);
+    ASSERT_EQ(_acl_add_to_file(file.c_str(), "10.1.2.3", 32), 1);
     ASSERT_EQ(_acl_add_to_file(file.c_str(), "10.7.7.7", 0), 1);
     time_t after = time(nullptr);
     std::vector<std::string> possible;
     for (time_t first = before; first <= after; first++)
         for (time_t second = first; second <= after; second++) {
-            std::string text = std::string("10.0.0.1\n#added by system, ") + ctime(&first) + "10.1.2.3/24";
+            std::string text = std::string("10.0.0.1\n#added by system, ") + ctime(&first) + "10.1.2.3/32";
             possible.push_back(text + "\n#added by system, " + ctime(&second) + "10.7.7.7");
         }
     EXPECT_NE(std::find(possible.begin(), possible.end(), read_file(file)), possible.end()) << read_file(file);

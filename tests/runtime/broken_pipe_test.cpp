@@ -30,7 +30,7 @@ bool is_open(int fd)
 bool wait_for_broken(int fd)
 {
     pollfd one = {fd, 0, 0};
-    return poll(&one, 1, 10000) == 1 && (one.revents & (POLLHUP | POLLERR)) != 0;
+    return poll(&one, 1, faults::PATIENCE_SECONDS * 1000) == 1 && (one.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 bool handler_is_installed(void)

@@ -5,6 +5,8 @@
 #include "runtime/mthr.h"
 #include "support/gtest.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -78,12 +80,32 @@ TEST(CreateDirectory, BackslashSeparatesAChainToo)
     ASSERT_EQ(chdir(temp.path.c_str()), 0);
     EXPECT_EQ(_vorn_create_dir("up\\"), 0);
     EXPECT_TRUE(is_directory(temp / "up"));
+    // What mkdir makes of the name is the system's affair: here the separator is a character like any other, so
+    // the second part stands in the directory in front.
+    EXPECT_EQ(_vorn_create_dir("no/such\\x"), 0);
+    EXPECT_TRUE(is_directory(temp / "no/such"));
+    EXPECT_TRUE(is_directory(temp / "no/such\\x"));
+}
+
+TEST(CreateDirectory, TheMaskAloneLimitsThePermissions)
+{
+    TempDir temp;
+    umask(0);
+    EXPECT_EQ(_vorn_create_dir((temp / "y/z").c_str()), 0);
+    for (const char *part : {"y", "y/z"}) {
+        struct stat made;
+        EXPECT_EQ(stat((temp / part).c_str(), &made), 0);
+        EXPECT_EQ(made.st_mode & 07777, 0777u) << part;
+    }
 }
 
 TEST(CreateDirectory, RefusesWhatIsNoPath)
 {
-    EXPECT_EQ(_vorn_create_dir(nullptr), -1);
-    EXPECT_EQ(_vorn_create_dir(""), -1);
+    for (const char *none : {(const char *)nullptr, ""}) {
+        errno = 0;
+        EXPECT_EQ(_vorn_create_dir(none), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
     EXPECT_EQ(_vorn_create_dir("///"), -1);
     EXPECT_EQ(_vorn_create_dir(std::string(5000, 'x').c_str()), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
@@ -174,13 +196,19 @@ TEST(DetachConsole, PutsTheStandardStreamsOnTheNullDevice)
     struct stat null_device, stream;
     stat("/dev/null", &null_device);
     bool all = true;
-    for (FILE *each : {stdin, stdout, stderr})
+    int modes[3];
+    for (FILE *each : {stdin, stdout, stderr}) {
         all = all && fstat(fileno(each), &stream) == 0 && stream.st_rdev == null_device.st_rdev;
+        modes[fileno(each)] = fcntl(fileno(each), F_GETFL) & O_ACCMODE;
+    }
     int end = getc(stdin);
     dup2(saved, STDOUT_FILENO);
     dup2(saved_err, STDERR_FILENO);
-    EXPECT_TRUE(all);
+    ASSERT_TRUE(all);
     EXPECT_EQ(end, EOF);
+    EXPECT_EQ(modes[STDIN_FILENO], O_RDONLY);
+    EXPECT_EQ(modes[STDOUT_FILENO], O_WRONLY);
+    EXPECT_EQ(modes[STDERR_FILENO], O_WRONLY);
 }
 
 }

@@ -61,6 +61,8 @@ TEST_F(QueueManagerFiles, APathLongerThanAnyFilesIsRefused)
     EXPECT_EQ(contact(), fits + "/qmmd");
     EXPECT_EQ(strlen(out), sizeof out - 1);
     EXPECT_EQ(_vorn_qmm_lockfile(out), -1);
+    setenv("VORN_PATHDIR", (fits + "/").c_str(), 1);
+    EXPECT_EQ(contact(), fits + "/qmmd");
     setenv("VORN_PATHDIR", (fits + "d").c_str(), 1);
     EXPECT_EQ(_get_qmm_path(out), -1);
     setenv("VORN_PATHDIR", std::string(100000, 'd').c_str(), 1);

@@ -73,6 +73,25 @@ void interrupt_on(int number)
     sigaction(number, &action, nullptr);
 }
 
+TEST(System, LeavesSignalsAsTheyAre)
+{
+    const int numbers[] = {SIGINT, SIGQUIT, SIGCHLD};
+    for (int number : numbers)
+        interrupt_on(number);
+    sigset_t before, after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    EXPECT_EQ(_vorn_system("kill -INT $PPID; kill -QUIT $PPID"), 0);
+    EXPECT_GE(caught, 2) << "they are this process's own";
+    for (int number : numbers) {
+        struct sigaction action;
+        sigaction(number, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, count_signal) << number;
+    }
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int number = 1; number < NSIG; number++)
+        EXPECT_EQ(sigismember(&after, number), sigismember(&before, number)) << number;
+}
+
 TEST(System, ASignalDoesNotEndTheWait)
 {
     interrupt_on(SIGUSR1);
@@ -84,8 +103,10 @@ TEST(System, ASignalDoesNotEndTheWait)
 
 TEST(RealWait, GoesByTheClock)
 {
+    int before = faults::clock_reads();
     faults::step_clock_at_call(2, 3600);  // the second look finds the hour gone
     EXPECT_EQ(_vorn_real_wait(3600), 0);
+    EXPECT_EQ(faults::clock_reads() - before, 2);
 }
 
 TEST(RealWait, ASignalDoesNotShortenIt)

@@ -147,7 +147,7 @@ TEST_F(Signals, BlockedCallIsInterrupted)
     std::thread other([&] {
         while (!done) {
             pthread_kill(reader, SIGUSR1);
-            std::this_thread::yield();
+            usleep(200);
         }
     });
     char byte;
@@ -362,9 +362,17 @@ TEST_F(CoreDump, DefaultIsBelowTheRootDirectory)
         {"/a/./b//c/../d", "/a/b/d/log/slog"},
     };
     for (const auto &row : cases) {
+        rlimit limit;
+        getrlimit(RLIMIT_CORE, &limit);
+        limit.rlim_cur = 0;
+        setrlimit(RLIMIT_CORE, &limit);
         setenv("VORNDIR", row[0], 1);
+        _vorn_coredump = 1;
         _vorn_set_coredumpdir(nullptr);
         EXPECT_STREQ(_vorn_coredump_dir, row[1]) << row[0];
+        EXPECT_EQ(_vorn_coredump, 0);
+        getrlimit(RLIMIT_CORE, &limit);
+        EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
     }
     setenv("VORNDIR", ("/" + std::string(246, 'd')).c_str(), 1);  // 247, "/", "log/slog" and no room for more
     _vorn_set_coredumpdir(nullptr);
@@ -385,7 +393,9 @@ TEST_F(CoreDump, WithoutARootDirectoryThereIsNoneAndTheLimitStays)
     setrlimit(RLIMIT_CORE, &limit);
     _vorn_set_coredumpdir("/somewhere");
     setrlimit(RLIMIT_CORE, &limit);
+    _vorn_coredump = 1;
     _vorn_set_coredumpdir(nullptr);
+    EXPECT_EQ(_vorn_coredump, 0);
     EXPECT_STREQ(_vorn_coredump_dir, "");
     getrlimit(RLIMIT_CORE, &limit);
     EXPECT_EQ(limit.rlim_cur, 0u);

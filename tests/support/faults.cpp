@@ -27,6 +27,7 @@ struct plan {
 };
 
 plan plans[faults::CALLS];
+std::atomic<long long> select_limit{-1};
 std::atomic<bool> allocations_armed{false};
 std::atomic<bool> allocation_has_failed{false};
 std::atomic<size_t> largest_allocation{0};
@@ -158,9 +159,19 @@ void step_clock_at_call(int nth, long seconds)
     clock_step_at = clock_calls + nth;
 }
 
+int clock_reads()
+{
+    return clock_calls;
+}
+
+long long last_select_limit()
+{
+    return select_limit;
+}
+
 bool eventually(const std::function<bool()> &done)
 {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(PATIENCE_SECONDS);
     while (!done()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
@@ -218,6 +229,7 @@ ssize_t __wrap_recv(int fd, void *bytes, size_t length, int flags)
 
 int __wrap_select(int highest, fd_set *readable, fd_set *writable, fd_set *urgent, struct timeval *limit)
 {
+    select_limit = limit == nullptr ? -1 : limit->tv_sec * 1000000LL + limit->tv_usec;
     if (count_and_judge(plans[faults::SELECT]))
         return -1;
     return __real_select(highest, readable, writable, urgent, limit);

@@ -42,10 +42,18 @@ void before(call which, int nth, std::function<void()> action);
 // Seconds added to what time() gives; `step_at_call` moves the clock on by `seconds` at the n-th time() call.
 void shift_clock(long seconds);
 void step_clock_at_call(int nth, long seconds);
+int clock_reads();
 
-// Waits, for at most ten seconds, until the count of a call has reached `least`. False if it didn't.
+// The time limit of the last select, in microseconds; -1 without one.
+long long last_select_limit();
+
+// How long a test waits for what must come. Far longer than a busy machine takes for anything: only a failure
+// costs it.
+constexpr int PATIENCE_SECONDS = 40;
+
+// Waits until the count of a call has reached `least`. False if it hasn't when the patience is at an end.
 bool wait_for_calls(call which, int least);
-// Waits for anything: polls `done` for at most ten seconds. False if it never held.
+// Waits for anything: polls `done`. False if it never held.
 bool eventually(const std::function<bool()> &done);
 
 }

@@ -87,7 +87,7 @@ bool wait_for_bytes(int fd, size_t least)
 bool wait_for_urgent(int fd)
 {
     pollfd one = {fd, POLLPRI, 0};
-    return poll(&one, 1, 10000) == 1;
+    return poll(&one, 1, faults::PATIENCE_SECONDS * 1000) == 1;
 }
 
 static void clear_environment()

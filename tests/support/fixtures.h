@@ -23,7 +23,7 @@ struct LogFile {
     std::string directory;
 };
 
-// True once so many bytes wait to be read on the socket, or an urgent byte waits. At most ten seconds.
+// True once so many bytes wait to be read on the socket, or an urgent byte waits.
 bool wait_for_bytes(int fd, size_t least);
 bool wait_for_urgent(int fd);
 

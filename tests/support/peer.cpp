@@ -450,7 +450,7 @@ long Task::get(where place)
 {
     if (joined)
         return result;
-    if (!wait_for_end(ended, 20)) {
+    if (!wait_for_end(ended, faults::PATIENCE_SECONDS)) {
         ADD_FAILURE_AT(place.file, place.line) << "the client doesn't come back";
         shutdown(conn.fd, SHUT_RDWR);
         if (!wait_for_end(ended, 10)) {

@@ -25,6 +25,9 @@
 #include <thread>
 #include <vector>
 
+#include "support/faults.h"
+#include "support/ports.h"
+
 namespace wire {
 
 enum message : int32_t {
@@ -157,7 +160,7 @@ struct Conn {
     wire::frame last;            // the last message that arrived
     std::string sent, received;  // all bytes of the connection, both ways, since `start_recording`
     bool recording = false;
-    int seconds = 10;  // limit of each expectation
+    int seconds = faults::PATIENCE_SECONDS;  // limit of each expectation
 
     Conn() = default;
     explicit Conn(int open_fd) : fd(open_fd) {}
@@ -195,11 +198,6 @@ struct Conn {
     void fail(const std::string &what, const where &place);
     friend struct Peer;
 };
-
-// A socket bound to a port of this machine (0: a free one, which is told). Further ones may be bound to it, and
-// one of them may listen; but nobody else is given the port while one is open. Without that, the port of a server
-// that has stopped soon is another process's, and attempts succeed that ought to be refused.
-int hold_port(int *port);
 
 // The server: a listening socket, and the connection accepted last.
 struct Peer : Conn {

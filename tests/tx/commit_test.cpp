@@ -1,11 +1,11 @@
 // The end of a transaction: what goes out, what comes back, and what goes with it.
 #include "tx/fixture.h"
 
+#include "support/meeting.h"
 #include "wire/msgheader.h"
 
 #include <algorithm>
 #include <functional>
-#include <sched.h>
 
 namespace {
 
@@ -686,17 +686,13 @@ TEST_F(Ending, ThreadsThatBeginAtOnceBeginOneTransaction)
     constexpr int THREADS = 3, ROUNDS = 2000;
     ASSERT_TRUE(start({}, true));
     int number = context();
-    std::atomic<int> arrived{0}, begun{0};
-    auto meet = [&] {
-        int round = arrived.fetch_add(1) / THREADS;
-        while (arrived < (round + 1) * THREADS)
-            sched_yield();
-    };
+    std::atomic<int> begun{0};
+    Meeting all(THREADS);
     auto work = [&](bool ends) {
         for (int round = 0; round < ROUNDS; round++) {
-            meet();
+            all.meet();
             begun += tx_begin() == TX_OK;
-            meet();
+            all.meet();
             if (!ends)
                 continue;
             EXPECT_EQ(begun.exchange(0), 1) << "round " << round;

@@ -4,8 +4,8 @@
 #include "runtime/sigapi.h"
 #include "wire/msgheader.h"
 
-#include <sched.h>
 #include <signal.h>
+#include <unistd.h>
 
 namespace {
 
@@ -20,10 +20,7 @@ void set_alarm_blocked(bool blocked)
 }
 
 struct Limited : TxTest {
-    // A transaction of one second that the server knows.
-    bool run_for_a_second(void) { return tx_set_transaction_timeout(1) == TX_OK && run(); }
-
-    // The same, with its second before it from now on.
+    // A transaction that the server knows, with one second left.
     bool run_into_the_last_second(void)
     {
         if (tx_set_transaction_timeout(5000) != TX_OK || !run())
@@ -143,7 +140,7 @@ TEST_F(Limited, ProcessHasOneTimer)
 TEST_F(Limited, AlarmMarksTheTransactionAndRequestsAreRefused)
 {
     ASSERT_TRUE(start());
-    ASSERT_TRUE(run_for_a_second());
+    ASSERT_TRUE(run_into_the_last_second());
     ASSERT_TRUE(time_is_up());
     EXPECT_EQ(tx_info(nullptr), 1);
     EXPECT_EQ(state(), TX_TIMEOUT_ROLLBACK_ONLY);
@@ -164,8 +161,13 @@ TEST_F(Limited, AlarmMarksTheTransactionAndRequestsAreRefused)
 TEST_F(Limited, AlarmEndsTheCallThatWaits)
 {
     ASSERT_TRUE(start());
-    ASSERT_TRUE(run_into_the_last_second());
-    peer.play([&] { peer.expect(wire::TPCALL); });
+    ASSERT_EQ(tx_set_transaction_timeout(5000), TX_OK);
+    ASSERT_TRUE(run());
+    wthr_var *mine = block();
+    peer.play([&, mine] {
+        peer.expect(wire::TPCALL);
+        _set_tx_timer(1, mine);  // the alarm is the main thread's, which waits
+    });
     EXPECT_EQ(call(), -1);
     EXPECT_EQ(gettperrno(), TPETIME);
     peer.done();
@@ -213,9 +215,9 @@ TEST_F(Limited, AlarmOnAThreadOfAnotherContextIsNoticedByTheNextWait)
     std::thread taker([&] {
         set_alarm_blocked(false);
         while (!over)
-            sched_yield();
+            usleep(1000);
     });
-    ASSERT_TRUE(run_for_a_second());
+    ASSERT_TRUE(run_into_the_last_second());
     // Its context, on which no timer runs, lets the application's handler have the signal.
     EXPECT_TRUE(faults::eventually([] { return alarms_taken > 0; }));
     over = true;
@@ -232,7 +234,7 @@ TEST_F(Limited, AlarmOnAThreadOfAnotherContextIsNoticedByTheNextWait)
 TEST_F(Limited, AlarmFindsTheTransactionOfAnyThreadOfItsContext)
 {
     ASSERT_TRUE(start({}, true));
-    ASSERT_TRUE(run_for_a_second());
+    ASSERT_TRUE(run_into_the_last_second());
     wthr_var *shared = block();
     int number = context();
     std::atomic<bool> over{false};
@@ -241,7 +243,7 @@ TEST_F(Limited, AlarmFindsTheTransactionOfAnyThreadOfItsContext)
         EXPECT_EQ(tpsetctxt(number, 0), 1);
         set_alarm_blocked(false);
         while (!over)
-            sched_yield();
+            usleep(1000);
         tpsetctxt(TPNULLCONTEXT, 0);
     });
     EXPECT_TRUE(faults::eventually([&] { return tx_state_of(shared) == TX_STATE_TIMED_OUT; }));
@@ -276,7 +278,7 @@ TEST_F(Limited, AllThreadsInATransactionHearOfItsEnd)
         });
     // What little time is left is for the calls alone.
     EXPECT_TRUE(faults::eventually([&] { return attached == THREADS; }));
-    _set_tx_timer(1, block());
+    _set_tx_timer(3, block());
     peer.play([&] {
         for (int i = 0; i < THREADS; i++)
             peer.expect(wire::TPACALL);  // nobody is answered

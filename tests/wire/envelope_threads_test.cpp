@@ -1,6 +1,7 @@
 // Threads on one enciphered connection: they send and read at once, and the connection ends under them, by the
 // peer's hand, another thread's or a signal's.
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -9,6 +10,7 @@
 #include "runtime/sigapi.h"
 #include "session/cliapi.h"
 #include "support/fixtures.h"
+#include "support/meeting.h"
 #include "vorn/buffers.h"
 #include "vorn/calls.h"
 #include "vorn/context.h"
@@ -177,14 +179,13 @@ TEST_F(SealedThreads, ThreadThatClosesTheConnectionWaitsForThoseThatCipher)
 
 namespace {
 
-struct Gate {
-    std::atomic<bool> reached{false}, open{false};
+struct Gate : Door {
+    std::atomic<bool> reached{false};
 
     void pass()
     {
         reached = true;
-        while (!open)
-            std::this_thread::yield();
+        Door::pass();
     }
     bool wait()
     {
@@ -231,7 +232,7 @@ TEST_F(HeldCipher, MessageIsSentWhileAnotherIsDeciphered)
     EXPECT_EQ(_send_csmsg_to_clh(message, block), 1);  // it doesn't wait for the reader
     server.expect(wire::TPACALL).data("beside it");
     free(message);
-    gate.open = true;
+    gate.open();
     reader.join();
     EXPECT_EQ(deciphered.substr(136, 5), "reply");
 }
@@ -248,11 +249,10 @@ TEST_F(HeldCipher, CloseWaitsForTheThreadThatDeciphers)
         _clhc_close(block->clhfd, block);
         closed = true;
     });
-    for (int i = 0; i < 1000; i++)
-        std::this_thread::yield();
+    usleep(20000);  // time in which one that doesn't wait would be through
     EXPECT_FALSE(closed);
     EXPECT_EQ(fake.live(), 1);
-    gate.open = true;
+    gate.open();
     reader.join();
     closer.join();
     expect_closed();
@@ -270,11 +270,10 @@ TEST_F(HeldCipher, CloseWaitsForTheThreadThatEnciphers)
         end_cipher(block);
         closed = true;
     });
-    for (int i = 0; i < 1000; i++)
-        std::this_thread::yield();
+    usleep(20000);  // time in which one that doesn't wait would be through
     EXPECT_FALSE(closed);
     EXPECT_EQ(fake.live(), 1);
-    gate.open = true;
+    gate.open();
     other.join();
     closer.join();
     EXPECT_EQ(fake.live(), 0);
@@ -294,7 +293,7 @@ TEST_F(HeldCipher, SignalWhileAThreadDeciphersLeavesTheHandleForTheNextClose)
     EXPECT_EQ(block->clhfd, -1);
     EXPECT_EQ(block->started, 0);
     EXPECT_EQ(fake.live(), 1);
-    gate.open = true;
+    gate.open();
     reader.join();
     EXPECT_EQ(plain.substr(136, 5), "reply");
     _clhc_close(block->clhfd, block);

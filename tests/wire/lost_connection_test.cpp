@@ -58,9 +58,10 @@ TEST_F(LostConnection, ContextStaysForAThreadThatCannotLeaveItsCall)
         threads.emplace_back([&] {
             tpsetctxt(number, 0);
             EXPECT_EQ(call(), -1);
-            if (ended.fetch_add(1) == 0) {
-                while (ended < 2)
-                    std::this_thread::yield();
+            int before = ended++;
+            ended.notify_all();
+            if (before == 0) {
+                ended.wait(1);
                 EXPECT_EQ(tpend(), -1);
                 EXPECT_EQ(get_tperrno(), TPEPROTO);
                 ended = 10;

@@ -342,6 +342,7 @@ TEST_F(Link, AMessageWhoseLengthCanNotBeIsNotWritten)
         msg_header *out = new_message(130, "abc");
         for (int32_t length : {-1, INT32_MIN, INT32_MAX, INT32_MAX - 135}) {
             out->datalen = length;
+            errno = 0;
             EXPECT_EQ(write(fd(), out), -1);
             EXPECT_EQ(errno, EINVAL);
             EXPECT_EQ(out->magic, 0x90352082u) << "and stays in host order";
@@ -536,6 +537,15 @@ struct RecoveryList : testing::Test {
         return bytes + "rest";
     }
 };
+
+TEST_F(RecoveryList, ThatFillsItsDataIsTurnedToo)
+{
+    free(list);
+    list = new_message(173, row(0, false));
+    list->rcode = 1;
+    EXPECT_EQ(_hton_recover_data(list), 1);
+    EXPECT_EQ(data_of(list), row(0, true));
+}
 
 TEST_F(RecoveryList, FourOfTheFiveWordsOfEachRowAreTurned)
 {

@@ -129,7 +129,7 @@ TEST_F(Offers, ThreadThatSendsWhileAnOfferStandsIsAskedToo)
 TEST_F(Offers, ReaderWithALimitWaitsNoLongerThanThat)
 {
     // Who has sent never comes: the message goes its way when the reader's own time is up.
-    seconds = 1;
+    seconds = 4;
     Task reader(peer, [&] { return read_beside(); });
     have_sent();
     peer.send(call_reply("nobody's", {.seqno = 300}));

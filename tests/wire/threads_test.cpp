@@ -278,12 +278,19 @@ TEST_F(Threads, WaiterTimesOutWhileAnotherReads)
 
 TEST_F(Threads, ReaderTimesOutAndAWaiterReadsOn)
 {
-    ASSERT_TRUE(open({.block_time = 1}));
+    ASSERT_TRUE(open({.block_time = 1000}));
     auto hasty = begin_call("hasty");
     expect_call("hasty");
     wait_for_a_reader();
     auto patient = begin_call("patient", TPNOTIME);
     wire::frame two = expect_call("patient");
+    wait_for_waiters(1);
+    faults::shift_clock(1001);
+    // A message that nobody wants makes the reader look at the clock.
+    EXPECT_TRUE(faults::eventually([&] {
+        peer.send(wire::message(1012));
+        return hasty->task.finished();
+    }));
     EXPECT_EQ(hasty->task.get(), -1);
     EXPECT_EQ(hasty->out.error, TPETIME);
     answer(two);
@@ -378,9 +385,10 @@ TEST_F(Threads, PeerThatDiesEndsEveryWaitOfTwo)
     EXPECT_EQ(shared->clhfd, -1);
 }
 
+// Those whom nobody wakes have their limit.
 TEST_F(Threads, PeerThatDiesEndsEveryWaitWithALimit)
 {
-    ASSERT_TRUE(open({.block_time = 2}));
+    ASSERT_TRUE(open({.block_time = 6}));
     std::deque<std::unique_ptr<client>> clients;
     for (int i = 0; i < 8; i++)
         clients.push_back(begin_call("x"));
