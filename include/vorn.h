@@ -1,4 +1,5 @@
-/* The whole public interface of libvornthr. */
+/* The public interface of libvornthr, but for four headers whose short names could clash with those of other
+ * libraries: vorn/acl.h, vorn/codeconv.h, vorn/compat.h and vorn/ffields.h. */
 #ifndef VORN_H
 #define VORN_H
 

@@ -16,21 +16,23 @@
 extern "C" {
 #endif
 
+/* One entry of a list. */
 typedef struct acl_entry {
-    uint32_t ip;  /* in network order, only the bits of the prefix */
-    int32_t mask; /* prefix length, 0 to 32 */
-    struct acl_entry *next;
+    uint32_t ip;            /* in network order, only the bits of the prefix */
+    int32_t mask;           /* prefix length, 0 to 32 */
+    struct acl_entry *next; /* null in the last one */
 } acl_entry;
 
+/* A list: its entries in the order in which they came. */
 typedef struct acl {
     acl_entry *head, *tail; /* null when empty */
-    int32_t count;
+    int32_t count;          /* entries */
 } acl;
 
 /* Row n has n leading one bits, in network order from the first _acl_create of the process on; before that in
  * host order, and the flag is 0. Not to be written. */
-extern uint32_t __vorn_acl_mask_tab[33];
-extern int32_t __vorn_acl_mask_tab_inited;
+extern uint32_t __vorn_acl_mask_tab[33];   /* the masks */
+extern int32_t __vorn_acl_mask_tab_inited; /* 1: in network order */
 
 /* Reads a list from a file, which is made, empty, if it isn't there and `create` isn't 0. The list is the
  * caller's, for _acl_destroy. Null: `file` is null, it can't be opened or read, or there is no memory. */
@@ -43,7 +45,8 @@ int _acl_destroy(acl *list);
  * -1: `list` is null, `ip` is 255.255.255.255, `mask` isn't a prefix length, or there is no memory. */
 int _acl_add(acl *list, unsigned ip, int mask);
 
-/* Takes the entry of just this network out. 1, 0 if there is none, or -1 as above. */
+/* Takes the entry of just this network out. 1, 0 if there is none, or -1 as for
+ * _acl_add. */
 int _acl_del(acl *list, unsigned ip, int mask);
 
 /* 1 if an entry covers the address, else 0; always 0 for 255.255.255.255. */

@@ -16,8 +16,8 @@ void vb_getstr(const char *from, char *to);
 
 /* Both copy `len` bytes; they differ in the order of their arguments. Null, and a `len` below 1, copies
  * nothing. */
-void vb_getcar(const char *from, char *to, int len);
-void vb_putcar(char *to, const char *from, int len);
+void vb_getcar(const char *from, char *to, int len); /* copies bytes; `from` comes first */
+void vb_putcar(char *to, const char *from, int len); /* copies bytes; `to` comes first */
 
 /* tpsleep for whole seconds: the microseconds are cut, so that below 1,000,000 it doesn't wait at all. The
  * result is that of tpsleep. tp_usleep (vorn/query.h) sleeps for fractions. */

@@ -48,12 +48,12 @@ void tpfree(char *ptr);
 
 /* Size, number of the kind, and subtype of a buffer (16 bytes, in the buffer itself). Unchecked: `ptr`
  * must be a live typed buffer. */
-int tpgetasize(char *ptr);
-int tpgettype(char *ptr);
-char *tpgetsubtype(char *ptr);
+int tpgetasize(char *ptr);     /* size of a buffer in bytes */
+int tpgettype(char *ptr);      /* number of its kind */
+char *tpgetsubtype(char *ptr); /* its subtype */
 
-/* For applications that carry messages by themselves: between a typed buffer and a block of bytes that any
- * host can take, header and data in wire order. No session is needed. */
+/* tphton and tpntoh are for applications that carry messages by themselves: they go between a typed buffer
+ * and a block of bytes that any host can take, header and data in wire order. No session is needed. */
 
 /* Makes a block of the buffer `data`, of which `len` bytes count (by the rules of a call: a struct counts
  * whole records, a field buffer what is used, a string its NUL; null gives a header alone). `*out` takes

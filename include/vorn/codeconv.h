@@ -14,8 +14,8 @@ extern const unsigned char ebcdic[256]; /* by EBCDIC byte: the ASCII byte */
 extern const unsigned char ascii[256];  /* by ASCII byte: the EBCDIC byte */
 
 /* Convert `len` bytes; `to` may be `from`. The number of bytes; 0 for a `len` below 1, and for null. */
-int _vorn_toascii(char *to, const char *from, int len);
-int _vorn_toebcdic(char *to, const char *from, int len);
+int _vorn_toascii(char *to, const char *from, int len);  /* converts EBCDIC to ASCII */
+int _vorn_toebcdic(char *to, const char *from, int len); /* converts ASCII to EBCDIC */
 
 /* From and to the character set of this host. That is ASCII, so both only copy. 1. */
 int _toebcdic(char *to, const char *from, int len);

@@ -16,84 +16,84 @@ extern "C" {
 
 /* Error numbers that only this numbering has. TPEBADDESC to TPEMATCH are those of vorn/errors.h where both
  * have the name. 31 and 32 keep their native meaning and have no text here. */
-#define TPMINVAL 0
-#define TPEABORT 1
-#define TPEPERM 8
-#define TPERMERR 16
-#define TPERELEASE 19
-#define TPEHAZARD 20
-#define TPEHEURISTIC 21
-#define TPEDIAGNOSTIC 24
-#define TPEMIB 25
-#define TPMAXVAL 26
+#define TPMINVAL 0       /* lower bound: no error */
+#define TPEABORT 1       /* the commit failed */
+#define TPEPERM 8        /* not permitted; TPESECURITY appears as this */
+#define TPERMERR 16      /* error of a resource manager */
+#define TPERELEASE 19    /* versions that don't match */
+#define TPEHAZARD 20     /* the transaction may have been completed heuristically */
+#define TPEHEURISTIC 21  /* the transaction has been committed heuristically */
+#define TPEDIAGNOSTIC 24 /* a diagnostic value tells more */
+#define TPEMIB 25        /* error of the management information */
+#define TPMAXVAL 26      /* upper bound; a tperrno above 32 appears as this */
 
-/* Field errors. */
-#define FALIGN 1
-#define FNOTFLD 2
-#define FNOSPACE 3
-#define FNOTPRES 4
-#define FBADFLD 5
-#define FTYPERR 6
-#define FEUNIX 7
-#define FBADNAME 8
-#define FMALLOC 9
-#define FSYNTAX 10
-#define FFTOPEN 11
-#define FFTSYNTAX 12
-#define FEINVAL 13
-#define FBADTBL 14
-#define FBADVIEW 15
-#define FVFSYNTAX 16
-#define FVFOPEN 17
-#define FBADACM 18
-#define FNOCNAME 19
-#define FEBADOP 20
+/* Field errors: what Ferror holds. */
+#define FALIGN 1     /* the buffer isn't aligned */
+#define FNOTFLD 2    /* no field buffer */
+#define FNOSPACE 3   /* no room in the buffer */
+#define FNOTPRES 4   /* no such occurrence */
+#define FBADFLD 5    /* unknown key or type */
+#define FTYPERR 6    /* wrong type */
+#define FEUNIX 7     /* a system call failed */
+#define FBADNAME 8   /* unknown name of a field */
+#define FMALLOC 9    /* no memory */
+#define FSYNTAX 10   /* error in an expression */
+#define FFTOPEN 11   /* the field table can't be opened */
+#define FFTSYNTAX 12 /* error in the field table */
+#define FEINVAL 13   /* invalid argument */
+#define FBADTBL 14   /* the field table was changed while in use */
+#define FBADVIEW 15  /* unknown struct */
+#define FVFSYNTAX 16 /* error in a struct definition file */
+#define FVFOPEN 17   /* a struct definition file can't be opened */
+#define FBADACM 18   /* a negative count of elements */
+#define FNOCNAME 19  /* unknown member */
+#define FEBADOP 20   /* invalid type; no fberror appears as this */
 
-/* Classes of system calls, for errno values. */
-#define UUNIXMIN 0
-#define UCLOSE 1
-#define UCREAT 2
-#define UEXEC 3
-#define UFCTNL 4
-#define UFORK 5
-#define ULSEEK 6
-#define UMSGCTL 7
-#define UMSGGET 8
-#define UMSGSND 9
-#define UMSGRCV 10
-#define UOPEN 11
-#define UPLOCK 12
-#define UREAD 13
-#define USEMCTL 14
-#define USEMGET 15
-#define USEMOP 16
-#define USHMCTL 17
-#define USHMGET 18
-#define USHMAT 19
-#define USHMDT 20
-#define USTAT 21
-#define UWRITE 22
-#define USBRK 23
-#define USYSMUL 24
-#define UWAIT 25
-#define UKILL 26
-#define UTIME 27
-#define UMKDIR 28
-#define ULINK 29
-#define UUNLINK 30
-#define UUNAME 31
-#define UNLIST 32
-#define UUNIXMAX 33
+/* Classes of system calls: what Uunixerr holds. They are told by errno alone, whatever call set it. */
+#define UUNIXMIN 0  /* lower bound */
+#define UCLOSE 1    /* close */
+#define UCREAT 2    /* creat */
+#define UEXEC 3     /* exec */
+#define UFCTNL 4    /* fcntl */
+#define UFORK 5     /* fork */
+#define ULSEEK 6    /* lseek */
+#define UMSGCTL 7   /* msgctl */
+#define UMSGGET 8   /* msgget */
+#define UMSGSND 9   /* msgsnd */
+#define UMSGRCV 10  /* msgrcv */
+#define UOPEN 11    /* open */
+#define UPLOCK 12   /* plock */
+#define UREAD 13    /* read */
+#define USEMCTL 14  /* semctl */
+#define USEMGET 15  /* semget */
+#define USEMOP 16   /* semop */
+#define USHMCTL 17  /* shmctl */
+#define USHMGET 18  /* shmget */
+#define USHMAT 19   /* shmat */
+#define USHMDT 20   /* shmdt */
+#define USTAT 21    /* stat */
+#define UWRITE 22   /* write */
+#define USBRK 23    /* sbrk */
+#define USYSMUL 24  /* sysmulti */
+#define UWAIT 25    /* wait */
+#define UKILL 26    /* kill */
+#define UTIME 27    /* time */
+#define UMKDIR 28   /* mkdir */
+#define ULINK 29    /* link */
+#define UUNLINK 30  /* unlink */
+#define UUNAME 31   /* uname */
+#define UNLIST 32   /* all else, no error included */
+#define UUNIXMAX 33 /* upper bound */
 
-/* Addresses of the mapped cells: of tperrno, of the C library's errno, of fberror. Each call maps afresh.
- * NULL only if the library has no memory for its tables. */
-int *_tmget_compat_errno_addr(void);
-int *_tmget_compat_unixerrno_addr(void);
-int *_tmget_compat_Ferror_addr(void);
+/* Addresses of the mapped cells. Each call maps afresh. NULL only if the library has no memory for its
+ * tables. */
+int *_tmget_compat_errno_addr(void);     /* tperrno in this numbering */
+int *_tmget_compat_unixerrno_addr(void); /* class of the call behind errno */
+int *_tmget_compat_Ferror_addr(void);    /* fberror in this numbering */
 
 #ifndef VORN_NO_CELL_MACROS
-#define Ferror (*_tmget_compat_Ferror_addr())
-#define Uunixerr (*_tmget_compat_unixerrno_addr())
+#define Ferror (*_tmget_compat_Ferror_addr())      /* fberror in this numbering */
+#define Uunixerr (*_tmget_compat_unixerrno_addr()) /* class of the call behind errno */
 #endif
 
 /* The mapped fberror; 0 if the library has no memory for its tables. */
@@ -101,9 +101,9 @@ int getFerror2(void);
 
 /* Texts of numbers of this numbering; constant strings, never NULL. A number outside a table has the text
  * of its last row. */
-const char *_tmget_compat_strerror(int number);
-const char *_tmget_compat_strFerror(int number);
-const char *Ustrerror(int number);
+const char *_tmget_compat_strerror(int number);  /* text of a TPE number */
+const char *_tmget_compat_strFerror(int number); /* text of an F number */
+const char *Ustrerror(int number);               /* name of a class of system calls */
 
 /* Writes to stderr the name of the call class for errno and a newline; with a `msg` (an empty one counts)
  * "msg: " stands before it. */

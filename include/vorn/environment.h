@@ -25,10 +25,10 @@ int tpputenv(char *string);
  * of another platform. */
 int vornreadenv(const char *file, const char *label);
 
-/* The same under the names of the other interface. */
-char *tuxgetenv(const char *name);
-int tuxputenv(char *string);
-int tuxreadenv(const char *file, const char *label);
+/* The same calls under the names of the other interface. */
+char *tuxgetenv(const char *name);                   /* as tpgetenv */
+int tuxputenv(char *string);                         /* as tpputenv */
+int tuxreadenv(const char *file, const char *label); /* as vornreadenv */
 
 #ifdef __cplusplus
 }

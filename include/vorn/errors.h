@@ -40,60 +40,61 @@ extern "C" {
 #define TPERDCLOSE 32  /* the connection was closed while the server was rolling down */
 
 /* Values of fberror. */
-#define FBEMINNO 0
-#define EBEALIGN 1
-#define FBEFTSYNTAX 2
-#define FBEBADFB 3
-#define FBEINVAL 4
-#define FBELIMIT 5
-#define FBENOENT 6
-#define FBEOS 7
-#define FBEBADFLD 8
-#define FBEPROTO 9
-#define FBENOSPACE 10
-#define FBEMALLOC 11
-#define FBESYSTEM 12
-#define FBETYPE 13
-#define FBEMATCH 14
-#define FBEBADSTRUCT 15
-#define FBEVTSYNTAX 16
-#define FBEVFOPEN 17
-#define FBEBADACM 18
-#define FBENOCNAME 19
-#define FBEBADTBL 20
-#define FBEMAXNO 21
+#define FBEMINNO 0      /* lower bound: no error */
+#define EBEALIGN 1      /* the buffer isn't aligned (no call gives it) */
+#define FBEFTSYNTAX 2   /* error in the field table (no call gives it) */
+#define FBEBADFB 3      /* no field buffer */
+#define FBEINVAL 4      /* invalid argument */
+#define FBELIMIT 5      /* a limit is passed (no call gives it) */
+#define FBENOENT 6      /* no such occurrence, field or name */
+#define FBEOS 7         /* a stream, a file or the operating system failed */
+#define FBEBADFLD 8     /* unknown type wanted */
+#define FBEPROTO 9      /* called in the wrong state (no call gives it) */
+#define FBENOSPACE 10   /* no room in the buffer, or for the value */
+#define FBEMALLOC 11    /* no memory */
+#define FBESYSTEM 12    /* internal error */
+#define FBETYPE 13      /* unknown or wrong type */
+#define FBEMATCH 14     /* no match (no call gives it) */
+#define FBEBADSTRUCT 15 /* unknown struct */
+#define FBEVTSYNTAX 16  /* error in a struct definition file (no call gives it) */
+#define FBEVFOPEN 17    /* a definition file can't be opened (no call gives it) */
+#define FBEBADACM 18    /* a negative count of elements (no call gives it) */
+#define FBENOCNAME 19   /* unknown member (no call gives it) */
+#define FBEBADTBL 20    /* bad table (no call gives it) */
+#define FBEMAXNO 21     /* upper bound */
 
 /* The addresses of the calling thread's cells. Valid until the thread changes its context; ask anew each
  * time. NULL only if the library has no memory for its tables. */
-int *_tmget_tperrno_addr(void);
-long *_tmget_tpurcode_addr(void);
-int *_tmget_fberror_addr(void);
+int *_tmget_tperrno_addr(void);   /* address of tperrno */
+long *_tmget_tpurcode_addr(void); /* address of tpurcode */
+int *_tmget_fberror_addr(void);   /* address of fberror */
 
 #ifndef VORN_NO_CELL_MACROS
-#define tperrno (*_tmget_tperrno_addr())
-#define tpurcode (*_tmget_tpurcode_addr())
-#define fberror (*_tmget_fberror_addr())
+#define tperrno (*_tmget_tperrno_addr())   /* why the thread's call failed */
+#define tpurcode (*_tmget_tpurcode_addr()) /* user return code of the last reply */
+#define fberror (*_tmget_fberror_addr())   /* why the thread's field buffer call failed */
 #endif
 
 /* The values of the cells; 0 if the library has no memory for its tables. getfberror and getfberrno are
  * the same; so is getFerror, which gives the native number although its name suggests the other numbering.
  * None of these changes a cell. */
-int gettperrno(void);
-long gettpurcode(void);
-int getfberror(void);
-int getfberrno(void);
-int getFerror(void);
+int gettperrno(void);   /* value of tperrno */
+long gettpurcode(void); /* value of tpurcode */
+int getfberror(void);   /* value of fberror */
+int getfberrno(void);   /* value of fberror */
+int getFerror(void);    /* value of fberror, in the native numbering */
 
 /* What is behind the present tperrno: 1 for a time-out, 2 for a closed connection, -1 for all else.
  * `flags` is not looked at. */
 int tperrordetail(long flags);
 
-/* Texts. Constant strings, never NULL and never to be freed; a number outside a table has the text of its
- * last row (empty for tpstrerror), a code that txstrerror or xastrerror doesn't know a text that says so. */
-const char *tpstrerror(int number); /* a tperrno */
-const char *fbstrerror(int number); /* an fberror */
-const char *txstrerror(int code);   /* what a tx_ call returned */
-const char *xastrerror(int code);   /* what an xa_ routine returned */
+/* The texts are constant strings, never NULL and never to be freed; a number outside a table has the text of
+ * its last row (empty for tpstrerror), a code that txstrerror or xastrerror doesn't know a text that says
+ * so. */
+const char *tpstrerror(int number); /* text of a tperrno */
+const char *fbstrerror(int number); /* text of an fberror */
+const char *txstrerror(int code);   /* text of what a tx_ call returned */
+const char *xastrerror(int code);   /* text of what an xa_ routine returned */
 
 /* Writes `msg`, ": " and the text of fberror to stderr, without a newline. In `msg` "%%" stands for one
  * "%"; there are no other conversions. NULL counts as empty. */

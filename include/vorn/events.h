@@ -15,7 +15,7 @@ extern "C" {
 
 /* Identity of a client: four words, of which the first names it. */
 typedef struct tpclient_t {
-    int id[4];
+    int id[4]; /* the first one names the client */
 } TPCLIENT_T;
 
 /* Subscribes to an event, whose name has at most 30 characters. `filter` isn't looked at, and `ctl` must be

@@ -28,14 +28,14 @@ extern "C" {
 typedef struct fbuf FBUF; /* what fballoc, or tpalloc("FIELD", ...), gives */
 
 /* Types of fields: the top 6 bits of a key, and the `type` of the converting calls. */
-#define FB_CHAR 1
-#define FB_SHORT 2
-#define FB_INT 3
-#define FB_LONG 4
-#define FB_FLOAT 5
-#define FB_DOUBLE 6
-#define FB_STRING 7
-#define FB_CARRAY 8
+#define FB_CHAR 1   /* 1 byte */
+#define FB_SHORT 2  /* 2 bytes */
+#define FB_INT 3    /* 4 bytes */
+#define FB_LONG 4   /* 8 bytes, of which the buffer keeps 4 */
+#define FB_FLOAT 5  /* 4 bytes */
+#define FB_DOUBLE 6 /* 8 bytes */
+#define FB_STRING 7 /* text with a NUL */
+#define FB_CARRAY 8 /* bytes with a length */
 
 /* --- Buffers. */
 
@@ -61,9 +61,9 @@ int fbfree(FBUF *fbuf);
 FBUF *fbrealloc(FBUF *fbuf, int count, int datalen);
 
 /* Capacity in bytes, bytes in use (8 for an empty buffer), and the difference. -1: null buffer. */
-long fbget_fbsize(FBUF *fbuf);
-long fbget_used(FBUF *fbuf);
-long fbget_unused(FBUF *fbuf);
+long fbget_fbsize(FBUF *fbuf); /* capacity in bytes */
+long fbget_used(FBUF *fbuf);   /* bytes in use */
+long fbget_unused(FBUF *fbuf); /* bytes that are free */
 
 /* --- Names and keys. The tables of FDLFILE (paths, separated by commas) are loaded by the first call that
  * needs them. */
@@ -78,9 +78,9 @@ int fbget_fldkey(char *name);
 char *fbget_fldname(int key);
 
 /* Parts of a key, and the key of its parts. Nothing is checked, and fberror stays as it is. */
-int fbget_fldno(int key);
-int fbget_fldtype(int key);
-int fbmake_fldkey(int type, int number);
+int fbget_fldno(int key);                /* number of a key: its low 24 bits */
+int fbget_fldtype(int key);              /* type of a key: its top 6 bits */
+int fbmake_fldkey(int type, int number); /* key of a type and a number */
 
 /* The type of a key: "char", "short", "int", "long", "float", "double", "string", "carray"; "" for other
  * types. A constant: it must not be changed. fberror stays as it is. */
@@ -106,8 +106,10 @@ int fbinsert(FBUF *fbuf, int key, int nth, char *value, int len);
  * field has the new size and its old length word. */
 int fbupdate(FBUF *fbuf, int key, int nth, char *value, int len);
 
-/* Deletes an occurrence: 1, or -1 with FBENOENT. Deletes all of a key: their number, or -1 with FBENOENT. */
+/* Deletes an occurrence. 1, or -1 with FBENOENT. */
 int fbdelete(FBUF *fbuf, int key, int nth);
+
+/* Deletes all occurrences of a key. Their number, or -1 with FBENOENT. */
 int fbdelall(FBUF *fbuf, int key);
 
 /* --- Reading. `*len` is the room at `value`, 0 for enough, and becomes the length of the value; for numbers
@@ -132,8 +134,8 @@ char *fbgetval(FBUF *fbuf, int key, int nth, int *len);
 
 /* An occurrence as a string, and as an int: fbgetvalt with the types FB_STRING and FB_INT. Null, and 0, on
  * failure. */
-char *fbgetvals(FBUF *fbuf, int key, int nth);
-int fbgetvali(FBUF *fbuf, int key, int nth);
+char *fbgetvals(FBUF *fbuf, int key, int nth); /* an occurrence as a string */
+int fbgetvali(FBUF *fbuf, int key, int nth);   /* an occurrence as an int */
 
 /* The first occurrence that has this value (natural width, `len` for a carray), counted from 0; -1 with
  * fberror 0 if there is none. */
@@ -194,16 +196,16 @@ int fbget_tut(FBUF *fbuf, int key, int nth, char *out, int *len, int type);
 
 /* The last occurrence: its value's address in the buffer (as fbgetval), or the value delivered (as fbget_tu);
  * `*nth` becomes its number, unless `nth` is null. Null or -1: FBENOENT. */
-char *fbgetval_last_tu(FBUF *fbuf, int key, int *nth, int *len);
-int fbgetlast_tu(FBUF *fbuf, int key, int *nth, char *value, int *len);
+char *fbgetval_last_tu(FBUF *fbuf, int key, int *nth, int *len);        /* address of the last one */
+int fbgetlast_tu(FBUF *fbuf, int key, int *nth, char *value, int *len); /* value of the last one */
 
 /* An occurrence in a block from malloc, which is the caller's to free; fbgetalloc_tut delivers it as `type`.
  * The block counts as large as the value (a string without its NUL, a long 4 bytes; as `type` a text with
  * one byte more, the text of a number 100) plus `*extra`, which becomes that size. For FDL_LEN that is the
  * room, so with TRU and ERR a string needs an extra byte for its NUL. Null: FBENOENT, FBEMALLOC,
  * FBENOSPACE, FBEBADFLD (unknown type). */
-char *fbgetalloc_tu(FBUF *fbuf, int key, int nth, int *extra);
-char *fbgetalloc_tut(FBUF *fbuf, int key, int nth, int type, int *extra);
+char *fbgetalloc_tu(FBUF *fbuf, int key, int nth, int *extra);            /* an occurrence as it is */
+char *fbgetalloc_tut(FBUF *fbuf, int key, int nth, int type, int *extra); /* an occurrence as `type` */
 
 /* The entry behind occurrence `*nth` of `*key` (the first one with `*key` 0), whatever its key, which becomes
  * `*key` and `*nth`. 1; 0 at the end, with nothing changed; -1: FBEINVAL (the position isn't there),
@@ -217,8 +219,8 @@ int fbnext_tu(FBUF *fbuf, int *key, int *nth, char *value, int *len);
 /* The text of a string field, in the buffer itself; a constant "" if the occurrence isn't there or the key
  * has another type, with fberror 0. Value of a short, int or long field, taken as unsigned; 0 with FBENOENT,
  * or with FBETYPE for a key of another type. */
-char *fbgetvals_tu(FBUF *fbuf, int key, int nth);
-long fbgetvall_tu(FBUF *fbuf, int key, int nth);
+char *fbgetvals_tu(FBUF *fbuf, int key, int nth); /* text of a string field */
+long fbgetvall_tu(FBUF *fbuf, int key, int nth);  /* value of a number field */
 
 /* --- Whole buffers. */
 
@@ -251,14 +253,14 @@ int fbbufop_proj(FBUF *dest, FBUF *src, int *keys);
  * stream then stands behind the record's header) and leaves the capacity of `fbuf` as it is; after FBEOS its
  * content may be overwritten in part. Positions remembered from earlier lookups stay: read into a buffer that
  * has not been searched since its fbinit. */
-int fbwrite(FBUF *fbuf, FILE *stream);
-int fbread(FBUF *fbuf, FILE *stream);
+int fbwrite(FBUF *fbuf, FILE *stream); /* writes a buffer */
+int fbread(FBUF *fbuf, FILE *stream);  /* reads a buffer */
 
 /* A line for each field, for people: key, name, type, value; "(r)" before one with a read mark. A key without
  * a name is no error. 1, or -1: FBEBADFB (no field buffer), FBEINVAL (a null stream). fbprint writes to
  * stdout. */
-int fbprint(FBUF *fbuf);
-int fbfprint(FBUF *fbuf, FILE *stream);
+int fbprint(FBUF *fbuf);                /* prints to stdout */
+int fbfprint(FBUF *fbuf, FILE *stream); /* prints to a stream */
 
 /* Fills the buffer from text: a line for each field, name and value with a tab between them. What begins with
  * 1 to 8 is a key in decimal, not a name. In front of it "+" inserts as occurrence 0, "-" deletes occurrence

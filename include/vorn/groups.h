@@ -22,6 +22,7 @@ typedef struct mcall_result {
     int32_t *failed_list; /* groups for which the request failed */
 } mcall_result;
 
+/* What tpmcallx did. */
 typedef struct mcallx_result {
     int32_t count;        /* groups addressed */
     int32_t errors_size;  /* entries of errors */
@@ -32,14 +33,16 @@ typedef struct mcallx_result {
 } mcallx_result;
 
 /* tpcall and tpacall to group `svgno`; with a negative one they are tpcall and tpacall. */
-int tpcallsvg(int svgno, char *svc, char *idata, long ilen, char **odata, long *olen, long flags);
-int tpacallsvg(int svgno, char *svc, char *data, long len, long flags);
+int tpcallsvg(int svgno, char *svc, char *idata, long ilen, char **odata, long *olen,
+              long flags);                                              /* as tpcall */
+int tpacallsvg(int svgno, char *svc, char *data, long len, long flags); /* as tpacall */
 
 /* tpacall to server `spri` as a whole, or to its process `proc` (-1: the whole). A negative `spri` is no
  * address. The flags aren't checked. The process number only reaches the server with TPNOREPLY: a call that
  * expects a reply has its own identity in that place. */
-int tpspracall(char *svc, int spri, char *data, long len, long flags);
-int tpspracall2(char *svc, int spri, int proc, char *data, long len, long flags);
+int tpspracall(char *svc, int spri, char *data, long len, long flags); /* to a server */
+int tpspracall2(char *svc, int spri, int proc, char *data, long len,
+                long flags); /* to a server, or one of its processes */
 
 /* One request without reply to group `svgno`: through queue `qname`, whose acceptance is awaited, or with
  * null directly. `flags` must be 0. The request stands outside the open transaction, whose time limit ends

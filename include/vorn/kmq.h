@@ -14,10 +14,9 @@
  *
  * Errors are told by tperrno, and all calls but three clear it at their entry. kmq_sendex, kmq_recvex and
  * kmq_ack DON'T: a number that an earlier failure left there makes the first two take a good reply for a
- * failure, and stays behind the third. A
- * received message then stands in the buffer all the same, unacknowledged, and a sent one has been sent.
- * Calls in XA sessions clear it on the way; don't count on it. Clear it before each of the
- * three: tperrno = 0. kmq_browser_nextmsg, kmq_browser_get_msgselector and
+ * failure, and stays behind the third. A received message then stands in the buffer all the same,
+ * unacknowledged, and a sent one has been sent. Calls in XA sessions clear it on the way; don't count on it.
+ * Clear it before each of the three: tperrno = 0. kmq_browser_nextmsg, kmq_browser_get_msgselector and
  * kmq_browser_get_queue don't clear it either, and set it only where it was 0 or as told. */
 #ifndef VORN_KMQ_H
 #define VORN_KMQ_H
@@ -28,14 +27,15 @@
 extern "C" {
 #endif
 
-typedef struct kmq_session kmq_session;
-typedef struct kmq_producer kmq_producer;
-typedef struct kmq_consumer kmq_consumer; /* also a browser */
+/* The objects of the service. They are the library's: an application only hands their addresses over. */
+typedef struct kmq_session kmq_session;   /* a session with one server */
+typedef struct kmq_producer kmq_producer; /* sends to one queue or topic */
+typedef struct kmq_consumer kmq_consumer; /* receives from one queue or topic; also a browser */
 
 /* Flags of a session, as the server gets them. */
 #define KMQ_ACKMODE1 0x02   /* acknowledge mode 1 */
 #define KMQ_ACKMODE2 0x40   /* acknowledge mode 2 */
-#define KMQ_TRANSACTED 0x80 /* kmq_commit and kmq_rollback */
+#define KMQ_TRANSACTED 0x80 /* transacted: kmq_commit and kmq_rollback end its work */
 #define KMQ_ASYNC 0x400     /* from kmq_create_async_session */
 #define KMQ_XA 0x800        /* from kmq_create_xa_session: part of the tx_* transaction */
 
@@ -50,6 +50,7 @@ typedef struct kmq_consumer kmq_consumer; /* also a browser */
 /* A message with room for `size` bytes and five percent more. `owner` is any pointer but null. Null with
  * TPEINVAL, TPESYSTEM or TPEOS. Free it with kmq_free (or tpfree). */
 char *kmq_alloc(void *owner, int size);
+/* Frees a message; null, and what is no field buffer, is left alone. */
 void kmq_free(char *msg);
 
 /* A property by its name. `*type` (which may be null) takes its field type, `*len` bytes are at `value`, and
@@ -76,19 +77,19 @@ int kmq_set_property(char *msg, char *name, int type, void *value, long len);
 
 /* The body: any bytes. `*len` is the room at `data` and takes the length. 1, or -1 with TPEINVAL (null, no
  * message, too little room), TPENOENT (no body). */
-int kmq_get_body(char *msg, void *data, long *len);
-int kmq_set_body(char *msg, void *data, long len);
+int kmq_get_body(char *msg, void *data, long *len); /* fetches the body */
+int kmq_set_body(char *msg, void *data, long len);  /* sets the body */
 
 /* --- Sessions. `name` has 1 to 14 characters and selects the server. A session of the context is opened as
  * tpstart(NULL) would, if there is none. Null with tperrno: TPEINVAL (name, mode), TPEPROTO (transacted with
  * a mode), TPESYSTEM, what tpstart or the server gives. The last argument of each is only traced. */
 
-/* `transacted` above 0: messages are sent and acknowledged by kmq_commit. Otherwise `ackmode` 0 and 1
- * acknowledge each message when it is received, 2 leaves it to kmq_ack. */
+/* A session. `transacted` above 0: messages are sent and acknowledged by kmq_commit. Otherwise `ackmode` 0
+ * and 1 acknowledge each message when it is received, 2 leaves it to kmq_ack. */
 kmq_session *kmq_create_session(const char *name, int transacted, int ackmode, int extra);
-/* Sends and receives are part of the transaction of tx_begin. */
+/* A session whose sends and receives are part of the transaction of tx_begin. */
 kmq_session *kmq_create_xa_session(const char *name, int extra);
-/* Consumers of it need names of their own. The library keeps `handler` and never calls it. */
+/* A session whose consumers need names of their own. The library keeps `handler` and never calls it. */
 kmq_session *kmq_create_async_session(const char *name, void *handler, int extra);
 
 /* Closes the session's producers and consumers, and the session. 1, or -1 with tperrno: TPEINVAL, TPESYSTEM,
@@ -100,25 +101,27 @@ int kmq_close_session(kmq_session *session, int flags);
  * where the context's tx transaction can't be committed any more. 1, or -1 with tperrno: TPEINVAL, TPECLOSE
  * (closed by the server), TPEPROTO (not transacted), TPESYSTEM, TPETIME (30 seconds), what the server
  * gives. */
-int kmq_commit(kmq_session *session, int flags);
-int kmq_rollback(kmq_session *session, int flags);
-/* Has what isn't acknowledged delivered again; for sessions that aren't transacted. As above. */
+int kmq_commit(kmq_session *session, int flags);   /* makes the work last */
+int kmq_rollback(kmq_session *session, int flags); /* undoes the work */
+/* Has what isn't acknowledged delivered again; for sessions that aren't transacted. Result and errors as of
+ * kmq_commit. */
 int kmq_recover(kmq_session *session, int flags);
 
 /* --- Producers, consumers, browsers. `queue` has 1 to 15 characters, `subname` and `consname` up to 31,
  * `selector` up to 1023; these three may be null. Null or -1 with tperrno: TPEINVAL, TPECLOSE, TPEPROTO (name
  * of another consumer in an asynchronous session), TPESYSTEM, what the server gives. */
 
-/* `kind` 0: a queue, 1: a topic. */
+/* A producer. `kind` 0: a queue, 1: a topic. */
 kmq_producer *kmq_create_producer(kmq_session *session, const char *queue, int kind, const char *subname,
                                   int extra);
-/* With any answer of the server the producer is gone, also where the call fails. So it is with the others. */
+/* Closes a producer. With any answer of the server it is gone, also where the call fails. */
 int kmq_close_producer(kmq_producer *producer, int flags);
 
-/* `kind` 0: a queue, 1: a topic, 2: a topic with the durable subscription `subname`, which outlives the
- * consumer. `flags`: 0; kmq_create_browser has its own. */
+/* A consumer. `kind` 0: a queue, 1: a topic, 2: a topic with the durable subscription `subname`, which
+ * outlives the consumer. `flags`: 0; kmq_create_browser has its own. */
 kmq_consumer *kmq_create_consumer(kmq_session *session, const char *queue, int kind, const char *subname,
                                   const char *selector, const char *consname, int flags);
+/* Closes a consumer, as kmq_close_producer does. */
 int kmq_close_consumer(kmq_consumer *consumer, int flags);
 /* Ends a durable subscription. TPETIME after 30 seconds. */
 int kmq_unsubscribe_durable_subscriber(kmq_session *session, const char *queue, const char *subname,
@@ -126,6 +129,7 @@ int kmq_unsubscribe_durable_subscriber(kmq_session *session, const char *queue, 
 
 /* A browser; bit 1 of `flags` is passed on to the server. */
 kmq_consumer *kmq_create_browser(kmq_session *session, const char *queue, const char *selector, int flags);
+/* Closes a browser, as kmq_close_producer does. */
 int kmq_close_browser(kmq_consumer *browser, int flags);
 /* The message behind the last one, in `*msg`, which a larger one replaces. Waits without a limit. 1, or -1
  * with tperrno: TPEINVAL, TPEOTYPE (no typed buffer), TPECLOSE, TPESYSTEM, what the server gives at the
@@ -133,11 +137,13 @@ int kmq_close_browser(kmq_consumer *browser, int flags);
 int kmq_browser_nextmsg(kmq_consumer *browser, char **msg, int extra);
 /* Copy a text with its NUL; `*len` is the room and takes the length with the NUL. A null `len` is no test.
  * -1 with TPEINVAL, TPENOENT (no selector), TPESYSTEM (no queue). */
-int kmq_browser_get_msgselector(kmq_consumer *browser, char *buffer, long *len, int extra);
-int kmq_browser_get_queue(kmq_consumer *browser, char *buffer, long *len, int extra);
+int kmq_browser_get_msgselector(kmq_consumer *browser, char *buffer, long *len,
+                                int extra); /* copies the selector */
+int kmq_browser_get_queue(kmq_consumer *browser, char *buffer, long *len,
+                          int extra); /* copies the queue's name */
 
 /* --- Traffic. Of `flags` only TPNOTRAN is read: with it a failure doesn't mark the open transaction
- * rollback-only. These three don't clear tperrno: see above. */
+ * rollback-only. These three calls don't clear tperrno, which is told at the top. */
 
 /* Sends a message. `delivery_mode` 0, or 1 persistent; `priority` and `time_to_live` are for the server. The
  * message becomes what the server made of it, with its identity. 1, or -1 with tperrno: TPEINVAL (also a

@@ -26,26 +26,26 @@ typedef struct svg_list {
     char *spare;         /* null, or a typed buffer that is freed with the list */
 } svg_list;
 
-/* IPv4 address and port of client `clid` (tpgetclid), as the server tells them. 0, or -1 with tperrno:
- * TPEINVAL (null), TPESYSTEM (the server doesn't know), TPECLOSE. `flags` isn't looked at. */
+/* IPv4 address and port of client `clid`, as the server tells them. 0, or -1 with tperrno: TPEINVAL (null),
+ * TPESYSTEM (the server doesn't know), TPECLOSE. `flags` isn't looked at. */
 int tpgetcliaddr(int clid, int *addr, int *port, long flags);
 
 /* Addresses of the two ends of the connection, as getpeername and getsockname give them; at most 16 bytes of
  * `*name` are written, and `*namelen` takes the length, which may be more. 0, or -1 with errno; TPEINVAL for
  * null. */
-int tpgetpeername(struct sockaddr *name, socklen_t *namelen);
-int tpgetsockname(struct sockaddr *name, socklen_t *namelen);
+int tpgetpeername(struct sockaddr *name, socklen_t *namelen); /* address of the server's end */
+int tpgetsockname(struct sockaddr *name, socklen_t *namelen); /* address of the client's end */
 
 /* The block time of the context, in seconds; 0: waits have no limit. tpset_timeout returns 1. */
-int tpset_timeout(int seconds);
-int tpget_timeout(void);
+int tpset_timeout(int seconds); /* sets the block time */
+int tpget_timeout(void);        /* tells the block time */
 
 /* Sleeps until the time is up or the server sends something. Positive if there is something to read, 0, or
  * -1 with errno. */
 int tpsleep(struct timeval *time);
-/* The same for whole seconds, and for microseconds. */
-int tp_sleep(int seconds);
-int tp_usleep(int microseconds);
+/* tpsleep with the time as a number. */
+int tp_sleep(int seconds);       /* sleeps for seconds */
+int tp_usleep(int microseconds); /* sleeps for microseconds */
 
 /* The priority of the next request: the default (50) after every request, otherwise what tpsprio set. -1 with
  * TPENOENT before the first request of the context. */
@@ -79,8 +79,8 @@ int tpextsvcinfo(char *buffer, char *name, int *type, int *errcode);
 /* One of four counts (`kind` 0 to 3) that the server keeps of a service (null: all) behind queue `qname`, and
  * the messages in a part of the queue (`kind` as the index of tpsubqname). -1 with tperrno: TPEINVAL (kind,
  * null), TPENOENT (unknown queue), TPETIME, and what the server gives. */
-int tpqsvcstat(char *qname, char *svc, int kind);
-int tpqstat(char *qname, int kind);
+int tpqsvcstat(char *qname, char *svc, int kind); /* counts of a service */
+int tpqstat(char *qname, int kind);               /* messages in a part of the queue */
 
 #ifdef __cplusplus
 }

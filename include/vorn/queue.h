@@ -27,11 +27,11 @@ extern "C" {
  * the wire the 32-bit words are big-endian; of a long only the low 32 bits travel, in front of four zero
  * bytes: 0x112233445566 arrives as 33 44 55 66 00 00 00 00. */
 typedef struct RQCTL_T {
-    int32_t head[4];   /* 0 */
-    char text[96];     /* 16   bytes, as they stand */
-    int64_t counts[4]; /* 112  the low halves travel */
-    int32_t tail[5];   /* 144 */
-    char filler[4];    /* 164  bytes, as they stand */
+    int32_t head[4];   /* at 0: words */
+    char text[96];     /* at 16: bytes, as they stand */
+    int64_t counts[4]; /* at 112: the low halves travel */
+    int32_t tail[5];   /* at 144: words */
+    char filler[4];    /* at 164: bytes, as they stand */
 } RQCTL_T;
 
 #if defined __cplusplus
@@ -75,8 +75,8 @@ int tpdeq(char *qname, char *svc, char **data, long *len, long flags);
  * tpenq_ctl looks at the buffer as tpcall does (TPEITYPE for no typed buffer); tpdeq_ctl refuses a null
  * `data`, `*data` or `len` before bad flags. A null `svc` of tpenq_ctl stands for the service that the buffer
  * last went to. Otherwise as tpenq and tpdeq. */
-int tpenq_ctl(char *qname, char *svc, RQCTL_T *ctl, char *data, long len, long flags);
-int tpdeq_ctl(char *qname, char *svc, RQCTL_T *ctl, char **data, long *len, long flags);
+int tpenq_ctl(char *qname, char *svc, RQCTL_T *ctl, char *data, long len, long flags);   /* as tpenq */
+int tpdeq_ctl(char *qname, char *svc, RQCTL_T *ctl, char **data, long *len, long flags); /* as tpdeq */
 
 /* Has the queue service run the failed requests of a queue again. `svc` must be null and `flags` 0, otherwise
  * TPEINVAL. How many were issued, or -1 with tperrno: TPENOENT (unknown queue) and as above. Waits without a

@@ -26,13 +26,12 @@ typedef struct tpstart_t {
 /* The start record of tpinit, from tpalloc("TPINIT", NULL, size); the data begins behind `datalen`, at offset
  * 88. */
 typedef struct tpinit_t {
-    char usrname[18];
-    char cltname[18];
-    char cred1[18];
-    char cred2[18];
-    int64_t
-        flags; /* as above, but only UNSOL_QUEUE differs from the default, and makes messages be dropped */
-    int64_t datalen; /* bytes of data */
+    char usrname[18]; /* as in TPSTART_T */
+    char cltname[18]; /* as in TPSTART_T */
+    char cred1[18];   /* as in TPSTART_T */
+    char cred2[18];   /* as in TPSTART_T */
+    int64_t flags;    /* as in TPSTART_T, but UNSOL_IGNORE does nothing, and UNSOL_QUEUE drops messages */
+    int64_t datalen;  /* bytes of data */
 } TPINIT;
 
 /* Opens a session. A null `tpinfo` logs in without a name. 0 connected to a main address, 1 to a backup

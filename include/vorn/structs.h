@@ -40,8 +40,8 @@ int fbsnull(char *cstruct, char *member, int occ, char *name);
 
 /* Sets all members to their null values; or one of them, where an unknown name does nothing and gives 1. In
  * strings and carrays only the text of the null value and its NUL are written, to each element. */
-int fbstinit(char *cstruct, char *name);
-int fbstelinit(char *cstruct, char *member, char *name);
+int fbstinit(char *cstruct, char *name);                 /* sets all members */
+int fbstelinit(char *cstruct, char *member, char *name); /* sets one member */
 
 #ifdef __cplusplus
 }

@@ -36,8 +36,8 @@ int _vorn_proc_path(char *path);
 /* The path of the queue manager's contact file, or of its lock file: "qmmd" or "qmmld" in the directory
  * VORN_PATHDIR, otherwise in "path" below VORNDIR. `out` must have room for 4096 bytes. 1, or -1: `out` is
  * null, neither variable is set, or the path has 4096 bytes or more. */
-int _get_qmm_path(char *out);
-int _vorn_qmm_lockfile(char *out);
+int _get_qmm_path(char *out);      /* path of the contact file */
+int _vorn_qmm_lockfile(char *out); /* path of the lock file */
 
 /* ---- Processes. */
 

@@ -1,4 +1,4 @@
-// What the shared library shows to the linker and asks of it.
+// What the shared library is called, asks for and binds. What it shows is held against abi/ (abi_test.cpp).
 #include <gtest/gtest.h>
 
 #include <set>
@@ -8,7 +8,7 @@
 
 
 struct symbol {
-    std::string name, version, kind;  // kind as readelf tells it: FUNC, OBJECT
+    std::string name, kind;  // kind as readelf tells it: FUNC, OBJECT
 };
 
 // The defined names of the dynamic symbol table, without the version nodes themselves.
@@ -23,20 +23,9 @@ static std::vector<symbol> exported_symbols()
         if (section == "UND" || section == "ABS" || binding != "GLOBAL" || at == std::string::npos) {
             continue;
         }
-        symbols.push_back({name.substr(0, at), name.substr(name.find_last_of('@') + 1), kind});
+        symbols.push_back({name.substr(0, at), kind});
     }
     return symbols;
-}
-
-static std::set<std::string> listed_names()
-{
-    std::set<std::string> names;
-    for (const std::string &line : lines_of(read_file(PROJECT_DIR "/src/exports.list"))) {
-        if (!line.empty() && line[0] != '#') {
-            names.insert(line);
-        }
-    }
-    return names;
 }
 
 static std::vector<std::string> dynamic_entries(const std::string &tag)
@@ -49,46 +38,6 @@ static std::vector<std::string> dynamic_entries(const std::string &tag)
         }
     }
     return values;
-}
-
-TEST(Exports, EveryListedNameIsThere)
-{
-    std::set<std::string> shown;
-    for (const symbol &one : exported_symbols()) {
-        shown.insert(one.name);
-    }
-    for (const std::string &name : listed_names()) {
-        EXPECT_TRUE(shown.count(name)) << name;
-    }
-}
-
-TEST(Exports, NothingElseIsShown)
-{
-    const std::set<std::string> listed = listed_names();
-    for (const symbol &one : exported_symbols()) {
-        EXPECT_TRUE(listed.count(one.name)) << one.name;
-    }
-}
-
-TEST(Exports, AnUnderscoreSendsANameToThePrivateNode)
-{
-    const std::vector<symbol> symbols = exported_symbols();
-    EXPECT_GT(symbols.size(), 300u);
-    for (const symbol &one : symbols) {
-        EXPECT_EQ(one.version, one.name[0] == '_' ? "VORNTHR_PRIVATE" : "VORNTHR_5.0") << one.name;
-    }
-}
-
-TEST(Exports, TheListIsSortedAndHoldsNoNameTwice)
-{
-    std::string before;
-    for (const std::string &line : lines_of(read_file(PROJECT_DIR "/src/exports.list"))) {
-        if (line.empty() || line[0] == '#') {
-            continue;
-        }
-        EXPECT_LT(before, line);
-        before = line;
-    }
 }
 
 TEST(Library, HasTheSonameThatProgramsAskFor)

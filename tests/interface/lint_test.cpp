@@ -19,7 +19,7 @@ struct Lint : testing::Test {
     {
         put("tools/lint/lint.py", read_file(PROJECT_DIR "/tools/lint/lint.py"));
         put("tools/lint/upward.txt", "# none\n");
-        put("src/exports.list", "# names\nfirst\nsecond\n");
+        put("abi/exports.list", "# names\nfirst\nsecond\n");
         std::string road, stops;
         for (int i = 0; i < 10; i++) {
             const std::string name = "stop" + std::to_string(i);
@@ -135,7 +135,7 @@ TEST_F(Lint, FindsATextThatSendsAReaderElsewhere)
 
 TEST_F(Lint, FindsAnExportOutOfOrder)
 {
-    put("src/exports.list", "second\nfirst\n");
+    put("abi/exports.list", "second\nfirst\n");
     expect_complaint("first doesn't stand behind second");
 }
 
@@ -143,7 +143,7 @@ TEST(Dev, TellsItsCommandsFromAnyFolder)
 {
     const outcome result = run("cd / && " PROJECT_DIR "/dev help");
     EXPECT_EQ(result.status, 0);
-    for (const char *command : {"demo", "test", "bench", "fuzz", "lint", "format"}) {
+    for (const char *command : {"demo", "test", "bench", "fuzz", "lint", "abi", "format"}) {
         EXPECT_NE(result.output.find(std::string("\n  ") + command), std::string::npos) << command;
     }
 }

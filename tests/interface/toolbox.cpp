@@ -136,7 +136,7 @@ server::server(const std::vector<std::string> &options)
         pollfd poll_out = {out, POLLIN, 0};
         char piece[512];
         ssize_t got;
-        if (poll(&poll_out, 1, 20000) != 1 || (got = read(out, piece, sizeof piece)) <= 0) {
+        if (poll(&poll_out, 1, 60000) != 1 || (got = read(out, piece, sizeof piece)) <= 0) {
             return;
         }
         text.append(piece, static_cast<size_t>(got));

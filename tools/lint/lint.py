@@ -12,6 +12,7 @@ THIS = pathlib.Path(__file__).resolve()
 TOP = THIS.parents[2]
 SRC = TOP / "src"
 ROAD = TOP / "docs" / "road-of-a-call.md"
+EXPORTS = TOP / "abi" / "exports.list"
 UPWARD = TOP / "tools" / "lint" / "upward.txt"
 
 # Includes run from right to left: a folder may include itself and those before it.
@@ -148,14 +149,14 @@ def check_words():
 
 
 def check_export_list():
-    names = [line for line in (SRC / "exports.list").read_text(encoding="utf-8").split("\n")
+    names = [line for line in EXPORTS.read_text(encoding="utf-8").split("\n")
              if line and not line.startswith("#")]
     for before, after in zip(names, names[1:]):
         if before >= after:
-            yield f"src/exports.list:1: {after} doesn't stand behind {before}"
+            yield f"{shown(EXPORTS)}:1: {after} doesn't stand behind {before}"
     for name in names:
         if not re.fullmatch(r"[A-Za-z_]\w*", name):
-            yield f"src/exports.list:1: {name!r} is no name"
+            yield f"{shown(EXPORTS)}:1: {name!r} is no name"
 
 
 CHECKS = [check_banned_calls, check_lengths, check_include_direction, check_road, check_words, check_export_list]
