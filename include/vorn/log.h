@@ -32,6 +32,13 @@ int userlog2(const char *data, int length);
 /* Closes the local file (the next line opens it again), or has the server write out its own. 1 or -1. */
 int ulogsync(void);
 
+/* For a program that hosts the library and decides itself what is said where. The library reads these words at each
+ * line of its error log and never writes them. */
+extern int _vorn_init_phase; /* at first 7; VORN_ERR_MSG silences the log only above 6 */
+extern int _daemon;          /* at first 0; with another value no line is written at all */
+extern int tlog_use;         /* at first 0; not 0, with dlogid 0 or more, no line goes to the console */
+extern int dlogid;           /* at first -1; see tlog_use. The file of VORN_DEBUG has the lines in any case */
+
 /* The trace. The library calls it at the entry (phase 1), the normal exit (2) and the error exit (4) of
  * each of its functions with the function's name, 1, and a format with its arguments. The library's own
  * does nothing and gives 1; a program may define its own in its place. It runs on the calling thread and

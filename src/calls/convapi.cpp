@@ -64,7 +64,8 @@ int _vorn_send_discon(int cd, wthr_var *block)
 int end_conversation(int index, wthr_var *block)
 {
     int32_t generation = block->conv_generation;
-    int sent = _vorn_send_discon(block->conv[index].cd, block);
+    int cd = block->conv[index].cd;
+    int sent = cd == CONV_UNNAMED ? 1 : _vorn_send_discon(cd, block);  // the server knows it by its descriptor
     release_row(index, generation, block);
     return sent;
 }
@@ -236,7 +237,7 @@ int tpconnect(char *svc, char *data, long len, long flags)
     if (message == nullptr)
         return api_error(&frame, &TPCONNECT);
     int32_t generation = block->conv_generation;
-    int index = _create_conv_entry(0, (uint32_t)flags | CONV_OUT, block);
+    int index = _create_conv_entry(CONV_UNNAMED, (uint32_t)flags | CONV_OUT, block);
     if (index < 0) {
         if (data == nullptr)
             free(message);
@@ -251,7 +252,7 @@ int tpconnect(char *svc, char *data, long len, long flags)
     // Behind a move the request has gone to the new server.
     if (generation != block->conv_generation && last_sent_fd() == block->clhfd) {
         generation = block->conv_generation;
-        index = _create_conv_entry(0, (uint32_t)flags | CONV_OUT, block);
+        index = _create_conv_entry(CONV_UNNAMED, (uint32_t)flags | CONV_OUT, block);
         if (index < 0) {
             forget_waiter(block);
             return api_fail(&frame, &TPCONNECT, TPELIMIT);

@@ -190,6 +190,7 @@ int _create_acall_cd(uint32_t flags, wthr_var *block)
             if (row->cd != -1)
                 continue;
             row->flags = flags;
+            row->fd = -1;  // that of the call before it may end while this one hasn't left yet
             row->cd = cd = block->acall_next;
             block->acall_active++;
             break;

@@ -25,13 +25,17 @@ struct msg_node {
     msg_node *next;
 };
 
+// Descriptor of a row whose tpconnect waits. Not 0: a server may give that one to another conversation, whose
+// messages would then be this row's.
+constexpr int32_t CONV_UNNAMED = -2;
+
 // Marks in `flags` of a conversation.
 constexpr uint32_t CONV_OUT = 0x10000, CONV_HELD = 0x20000;
 // Bits of `event`.
 constexpr uint32_t CONV_ENDED_BY_PEER = 0x1, CONV_REPLY_3007 = 0x4, CONV_REPLY_1007 = 0x8;
 
 struct conv_elem {
-    shared_int32 cd;  // given by the server; -1: free, 0 while tpconnect waits
+    shared_int32 cd;  // given by the server; -1: free; CONV_UNNAMED while tpconnect waits
     std::atomic<uint32_t> flags;
     std::atomic<uint32_t> event;  // written under msg_mutex, as the list is
     shared_int32 urcode;

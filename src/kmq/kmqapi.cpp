@@ -203,7 +203,7 @@ static kmq_session *open_session(const char *name, uint32_t flags, void *handler
     block = begin_session(block);
     if (block == nullptr)
         return nullptr;
-    msg_header *message = _header_msg_make(MSG_KMQ_OPEN_SESSION, 0);
+    msg_header *message = _header_msg_make(MSG_KMQ_SESSION_OPEN, 0);
     if (message == nullptr) {
         set_tperrno(TPESYSTEM);
         return nullptr;
@@ -310,13 +310,13 @@ static void close_objects(kmq_session *session, int flags, wthr_var *block)
 // Tells the server. False with tperrno set, which a refusal may leave at 0: it need not name a reason.
 static bool leave_server(const kmq_session *session, wthr_var *block)
 {
-    msg_header *message = session_message(session, MSG_KMQ_CLOSE_SESSION, session->flags);
+    msg_header *message = session_message(session, MSG_KMQ_SESSION_CLOSE, session->flags);
     msg_header *reply = message == nullptr ? nullptr : ask_server(message, block);
     if (reply == nullptr) {
         set_tperrno(TPESYSTEM);
         return false;
     }
-    bool left = reply->msgtype == MSG_KMQ_CLOSE_SESSION + REPLY;
+    bool left = reply->msgtype == MSG_KMQ_SESSION_CLOSE + REPLY;
     if (!left)
         set_tperrno((int)reply->flags);
     free(reply);

@@ -372,7 +372,7 @@ int kmq_recvex(kmq_consumer *consumer, char **msg, int timeout, long flags)
         return api_error(&frame, &RECVEX);
     *msg = message_data(message);
     consumer->state = 0;
-    if (get_tperrno() != 0 || message->msgtype != MSG_KMQ_DELIVERY) {
+    if (get_tperrno() != 0 || message->msgtype != MSG_KMQ_DELIVER) {
         spoil_transaction(flags, block);
         set_tperrno_if_none((int)message->flags);
         return api_error(&frame, &RECVEX);
@@ -403,7 +403,7 @@ int kmq_browser_nextmsg(kmq_consumer *browser, char **msg, int extra)
         return api_fail(&frame, &NEXTMSG, TPESYSTEM);
     }
     *msg = message_data(message);
-    if (message->msgtype == MSG_KMQ_DELIVERY) {
+    if (message->msgtype == MSG_KMQ_DELIVER) {
         browser->last_cd = (uint32_t)message->cd;
         browser->last_word = message->callid[WORD_PRIORITY];
         return api_return(&NEXTMSG, 1);
@@ -430,7 +430,7 @@ int kmq_ack(char *msg, int flags)
     wthr_var *block = frame.block;
     if (msg == nullptr)
         return api_fail(&frame, &ACK, TPEINVAL);
-    if (!is_typed_buffer(msg) || message_of(msg)->msgtype != MSG_KMQ_DELIVERY)
+    if (!is_typed_buffer(msg) || message_of(msg)->msgtype != MSG_KMQ_DELIVER)
         return api_fail(&frame, &ACK, TPEITYPE);
     _thread_mutex_lock(&block->msg_mutex);  // sessions of other threads may come and go
     const kmq_session *session = _search_sess_by_id(message_of(msg)->sessid, block);

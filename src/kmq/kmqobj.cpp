@@ -194,7 +194,7 @@ static void *create_producer(kmq_session *session, const char *queue, int kind, 
     if (kind != 0 && kind != 1)
         return refuse(TPEINVAL);
     uint32_t flags = flags_of_kind[kind];
-    msg_header *request = object_request(session, MSG_KMQ_OPEN_OBJECT, flags, nullptr);
+    msg_header *request = object_request(session, MSG_KMQ_OBJECT_OPEN, flags, nullptr);
     if (request == nullptr)
         return nullptr;
     put_name(names_in(request)->queue, KMQ_NAME, queue);
@@ -288,7 +288,7 @@ static void free_consumer(kmq_consumer *consumer)
 static msg_header *consumer_request(const kmq_session *session, uint32_t flags, const char *selector,
                                     char **copy)
 {
-    msg_header *request = object_request(session, MSG_KMQ_OPEN_OBJECT, flags, selector);
+    msg_header *request = object_request(session, MSG_KMQ_OBJECT_OPEN, flags, selector);
     *copy = nullptr;
     if (request == nullptr || selector == nullptr)
         return request;
@@ -394,7 +394,7 @@ static msg_header *close_at_server(const kmq_session *session, uint32_t flags, i
 {
     if (!session_is_open(session))
         return nullptr;
-    msg_header *request = session_message(session, MSG_KMQ_CLOSE_OBJECT, flags);
+    msg_header *request = session_message(session, MSG_KMQ_OBJECT_CLOSE, flags);
     if (request == nullptr)
         return nullptr;
     request->prio = id;
@@ -404,7 +404,7 @@ static msg_header *close_at_server(const kmq_session *session, uint32_t flags, i
 // The exit of a closing: what the answer says. The answer is freed.
 static int end_closing(const api_frame *frame, const api_text *text, msg_header *answer)
 {
-    bool closed = answer->msgtype == MSG_KMQ_CLOSE_OBJECT + REPLY;
+    bool closed = answer->msgtype == MSG_KMQ_OBJECT_CLOSE + REPLY;
     if (!closed)
         set_tperrno_if_none((int)answer->flags);
     free(answer);
@@ -474,7 +474,7 @@ int kmq_unsubscribe_durable_subscriber(kmq_session *session, const char *queue, 
         return api_fail(&frame, &UNSUBSCRIBE, TPEINVAL);
     if (!session_is_open(session))
         return api_error(&frame, &UNSUBSCRIBE);
-    msg_header *request = object_request(session, MSG_KMQ_CLOSE_OBJECT, KMQ_DURABLE | KMQ_CONSUMES, nullptr);
+    msg_header *request = object_request(session, MSG_KMQ_OBJECT_CLOSE, KMQ_DURABLE | KMQ_CONSUMES, nullptr);
     if (request == nullptr)
         return api_error(&frame, &UNSUBSCRIBE);
     put_name(names_in(request)->queue, KMQ_NAME, queue);

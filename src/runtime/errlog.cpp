@@ -9,6 +9,7 @@
 #include "runtime/common.h"
 #include "runtime/mthr.h"
 #include "session/cliapi.h"
+#include "vorn/log.h"
 
 #include <atomic>
 #include <errno.h>

@@ -31,12 +31,6 @@ extern char _log_filename[256];
 extern int32_t _log_pid;
 extern int32_t _no_out_flag;
 
-// Steered by the hosting process, never written in here.
-extern int32_t _vorn_init_phase;
-extern int32_t _daemon;
-extern int32_t tlog_use;
-extern int32_t dlogid;
-
 // Kinds of processes; _my_tproc is this library's row.
 extern const char *const _tproc_name[TPROC_ROWS];
 extern const int32_t _my_tproc;

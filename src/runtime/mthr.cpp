@@ -11,6 +11,7 @@
 
 #include "calls/svgapi.h"
 #include "wire/envelope.h"
+#include "wire/waiters.h"
 
 #include "runtime/errlog.h"
 #include "vorn/context.h"
@@ -90,7 +91,7 @@ int _init_wthr_elem(wthr_elem *row)
 int _init_ctxt_elem(ctxt_elem *row)
 {
     row->ctxt_id = TPNULLCONTEXT;
-    row->variables = nullptr;
+    row->wthr_var = nullptr;
     row->in_use = 0;
     row->owner = -1;
     tables_changed();
@@ -148,8 +149,8 @@ wthr_var *_wthr_var_init(wthr_elem *row)
     ctxt_elem *context = context_row(row);
     if (context == nullptr)
         return nullptr;
-    if (context->variables != nullptr)
-        return context->variables;
+    if (context->wthr_var != nullptr)
+        return context->wthr_var;
     wthr_var *block = (wthr_var *)calloc(1, sizeof *block);
     if (block == nullptr) {
         fatal_without_memory("CLI0703", sizeof *block);
@@ -173,7 +174,7 @@ wthr_var *_wthr_var_init(wthr_elem *row)
     block->cvt_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     _thread_cond_init(&block->reader_cond);
     _thread_cond_init(&block->offer_done_cond);
-    context->variables = block;
+    context->wthr_var = block;
     tables_changed();
     return block;
 }
@@ -196,12 +197,12 @@ wthr_var *_get_wthr_from_nth(void)
     ctxt_elem *context = context_row(&_wthr[n]);
     if (context == nullptr)
         return nullptr;
-    if (context->variables == nullptr) {
+    if (context->wthr_var == nullptr) {
         _thread_unlock();
         VORN_LOG(0, LEVEL_FATAL, "CLI0704", "0121 failed to get thread variables");
         _thread_lock();
     }
-    return context->variables;
+    return context->wthr_var;
 }
 
 // First free thread row from `_next_wthri` on, -1 if there is none.
@@ -323,6 +324,7 @@ static void free_block(wthr_var *block)
     free_answers(block);
     end_cipher(block);  // a signal handler may have had to leave it
     free_retired(block);
+    forget_sent_again(block);
     if (block->wake_fd >= 0)
         close(block->wake_fd);
     free_field_memory(block);
@@ -348,7 +350,7 @@ int _context_end(void)
     }
     int32_t index = _wthr[n].ctxt_index;
     ctxt_elem *context = context_row(&_wthr[n]);
-    wthr_var *block = context != nullptr ? context->variables : nullptr;
+    wthr_var *block = context != nullptr ? context->wthr_var : nullptr;
     for (int32_t i = 1; i < _wthr_size; i++)
         if (_wthr[i].ctxt_index == index)
             _init_wthr_elem(&_wthr[i]);

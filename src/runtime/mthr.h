@@ -33,6 +33,7 @@ struct node_elem;
 struct qcall_elem;
 struct read_waiter;
 struct retired_block;
+struct sent_again;
 struct subscr_elem;
 struct txinfo_elem;
 struct unsol_node;
@@ -70,12 +71,12 @@ struct wthr_var;
 
 // A row of the context table.
 struct ctxt_elem {
-    int32_t ctxt_id;      // the number that users see; -2 (TPNULLCONTEXT): free
-    wthr_var *variables;  // the block; made at first use, freed by _context_end
+    int32_t ctxt_id;            // the number that users see; -2 (TPNULLCONTEXT): free
+    struct wthr_var *wthr_var;  // the block; made at first use, freed by _context_end
     int32_t in_use;
     int32_t owner;  // thread that stands on this context (cut to 32 bits); -1: none
 };
-static_assert(offsetof(ctxt_elem, variables) == 8);
+static_assert(offsetof(ctxt_elem, wthr_var) == 8);
 static_assert(sizeof(ctxt_elem) == 24);
 
 // Bytes of the connection that were read beyond what was asked for. They belong to the next message on `fd`.
@@ -132,8 +133,6 @@ struct wthr_var {
 
     std::atomic<conv_elem *> conv;
     shared_int32 conv_size;
-    int32_t conv_room;             // rows at `conv`, conv_size or more
-    shared_int32 conv_generation;  // moves of the session; a conversation belongs to one table
     shared_int32 conv_active;
     acall_elem *acall;
     int32_t acall_size, acall_next;
@@ -154,14 +153,22 @@ struct wthr_var {
     shared_int32 rolling_failed;
     int32_t compat_errno, compat_unixerrno;
     shared_int32 rq_pending;  // requests whose TPRQS reply is still due
-    char last_svc[32];
-    svg_list groups;  // answers of tpgetsvglist and the two multicasts; replaced under msg_mutex
+    svg_list groups;          // answers of tpgetsvglist and the two multicasts; replaced under msg_mutex
     mcall_result mcall;
     mcallx_result mcallx;
+    char last_svc[32];
+    // Results of field type conversions, valid until the next one in the context; under cvt_mutex.
+    int16_t cvt_short;
+    int32_t cvt_int;
+    int64_t cvt_long;
+    int64_t cvt_char;  // the char, sign-extended
+    float cvt_float;
+    double cvt_double;
+    int32_t cvt_buf_size;               // bytes at cvt_buf
+    char *cvt_buf;                      // text, on the heap; null until the first conversion
     std::atomic<fcache_slot *> fcache;  // positions of looked-up fields; null until the first
     char server_name[32];               // service name from the tail of the start reply
     std::atomic<void *> crypt_sess;     // libkexcli's handle of the connection; null: none
-    pthread_mutex_t crypt_mutex[2];     // by direction: held while the handle is in use; both, to end it
 
     pthread_mutex_t msg_mutex;   // reader role, waiters, seqno, descriptor rows, every write to the socket
     pthread_mutex_t roll_mutex;  // the rolling start; taken inside the reader role, never inside msg_mutex
@@ -169,7 +176,6 @@ struct wthr_var {
     pthread_cond_t offer_done_cond;  // the reader waits here while an offer stands
     pthread_cond_t roll_cond;        // threads wait here until a rolling start has ended
     int32_t reader_busy;             // 1 while a thread has the reader role
-    int32_t reader_sent_fd;          // socket of the reader's own request; -1: it awaits no reply
     int32_t waiter_count;            // threads with a reply outstanding, from the send on
     int32_t offer_left;              // waiters that have still to look at the offered message
     msg_header *offer_msg;
@@ -179,28 +185,26 @@ struct wthr_var {
     shared_int32 rq_enq_in_tran, rq_deq_in_tran;  // what the open transaction has done with queues
     shared_int32 old_clhfd;  // previous socket during and after a rolling start; -1: none
     shared_int32 rolling;    // 1 while a rolling start runs
-    shared_int32 rolled;     // ROLLED from a rolling start on until its previous socket has ended
-    int32_t wake_fd;         // written to when the reader is to look at the sockets anew; -1: nobody shares
-    retired_block *retired;  // what a rolling start replaced and other threads may still read
     kmq_session *kmq_sessions;
     int32_t kmq_session_count;
+
+    // What waiting, moving and sharing need besides.
+    int32_t conv_room;             // rows at `conv`, conv_size or more
+    shared_int32 conv_generation;  // moves of the session; a conversation belongs to one table
+    shared_int32 rolled;           // ROLLED from a rolling start on until its previous socket has ended
+    int32_t wake_fd;         // written to when the reader is to look at the sockets anew; -1: nobody shares
+    retired_block *retired;  // what a rolling start replaced and other threads may still read
+    int32_t reader_sent_fd;  // socket of the reader's own request; -1: it awaits no reply
+    sent_again *sent_again_head;  // requests that went out again before their threads wait; under msg_mutex
+    pthread_mutex_t crypt_mutex[2];  // by direction: held while the handle is in use; both, to end it
+
+    // Recursive; held while a conversion runs and its result is used inside the library: the block of row 0
+    // serves all threads without a row, and none may write to a text block that another gives back.
+    pthread_mutex_t cvt_mutex;
 
     read_waiter *waiters_head, *waiters_tail;  // waiting threads, longest first; under msg_mutex
     int32_t waiting;                           // their number; waiter_count also counts those on their way
     read_ahead ahead;
-
-    // Results of field type conversions, valid until the next one in the context. cvt_mutex, which is
-    // recursive, is held while a conversion runs and its result is used inside the library: the block of row
-    // 0 serves all threads without a row, and none may write to a text block that another gives back.
-    pthread_mutex_t cvt_mutex;
-    int16_t cvt_short;
-    int32_t cvt_int;
-    int64_t cvt_long;
-    int64_t cvt_char;  // the char, sign-extended
-    float cvt_float;
-    double cvt_double;
-    int32_t cvt_buf_size;  // bytes at cvt_buf
-    char *cvt_buf;         // text, on the heap; null until the first conversion
 };
 
 extern wthr_elem *_wthr;

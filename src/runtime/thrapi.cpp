@@ -126,7 +126,7 @@ static int attach_row(int n, wthr_var *old_block, int index)
         if (n < 0)
             return TPELIMIT;
     }
-    wthr_var *target = _ctxt[index].variables;
+    wthr_var *target = _ctxt[index].wthr_var;
     if (target == nullptr || target->started == 0)
         return TPENOENT;
     _wthr[n].ctxt_index = index;

@@ -24,6 +24,7 @@
 #include "wire/clhread.h"
 #include "wire/envelope.h"
 #include "wire/msgheader.h"
+#include "wire/waiters.h"
 
 #include <stdlib.h>
 #include <sys/eventfd.h>
@@ -124,6 +125,7 @@ void _clear_init_mem(wthr_var *block)
     _init_node(-1, block);
     _ntoh_initout_struct(nullptr, -1, block);
     free_retired(block);
+    forget_sent_again(block);
     block->started = 0;
 }
 

@@ -46,7 +46,7 @@ int tptobackup(void)
     api_frame frame;
     if (!api_find(&frame))
         return -1;
-    VORN_TRACE(TPTOBACKUP.name, 2, TRACE_ENTRY, TPTOBACKUP.enter);
+    VORN_TRACE(TPTOBACKUP.name, 1, TRACE_RESULT, TPTOBACKUP.enter);  // the one entry in the phase of an exit
     wthr_var *block = frame.block;
     close_connections(block);
     msg_header *bare = block->start_msg == nullptr ? _header_msg_make(MSG_TPSTART, 0) : nullptr;

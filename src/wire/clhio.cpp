@@ -57,10 +57,10 @@ bool has_waiter(const msg_header *message)
     case MSG_GET_ACTIVESVR:
     case MSG_SQ_REQUEST:
     case MSG_GETSPR:
-    case MSG_KMQ_OPEN_SESSION:
-    case MSG_KMQ_CLOSE_SESSION:
-    case MSG_KMQ_OPEN_OBJECT:
-    case MSG_KMQ_CLOSE_OBJECT:
+    case MSG_KMQ_SESSION_OPEN:
+    case MSG_KMQ_SESSION_CLOSE:
+    case MSG_KMQ_OBJECT_OPEN:
+    case MSG_KMQ_OBJECT_CLOSE:
     case MSG_KMQ_SEND:
     case MSG_KMQ_COMMIT:
     case MSG_KMQ_ROLLBACK:

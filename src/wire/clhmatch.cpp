@@ -92,9 +92,9 @@ int _is_msgtype_matched(const msg_header *want, const msg_header *message, wthr_
         return 1;
     if (wanted == MSG_TPGETUNSOL && is_unsolicited(arrived))
         return want->cd == UNSOL_ANY || want->cd == unsol_kind(arrived);
-    if (arrived == MSG_KMQ_CLOSE_SESSION && (message->flags & FLAG_SESSION_CLOSED) != 0)
+    if (arrived == MSG_KMQ_SESSION_CLOSE && (message->flags & FLAG_SESSION_CLOSED) != 0)
         return _close_session_notify(want->sessid, message->sessid, block);
-    return arrived == MSG_KMQ_DELIVERY && wanted == MSG_KMQ_GETNEXT;
+    return arrived == MSG_KMQ_DELIVER && wanted == MSG_KMQ_GETNEXT;
 }
 
 bool may_be_read_in_place(const msg_header *want, const msg_header *head, wthr_var *block)
@@ -391,10 +391,11 @@ static bool send_again(msg_header *message, msg_header *want, wthr_var *block)
 {
     msg_header reply = *message;
     reply.msgtype += REPLY;
+    bool is_awaited = has_waiter(message);
     if (_send_csmsg_to_clh(message, block) < 0)
         return false;
-    note_sent_again(&reply, want, block);
-    if (has_waiter(message))
+    note_sent_again(&reply, is_awaited, want, block);
+    if (is_awaited)
         forget_waiter(block);  // he has been counted when the request went out first
     return true;
 }

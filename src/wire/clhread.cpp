@@ -294,6 +294,7 @@ static role_result enter(const read_wait *wait, msg_header **handed)
     *handed = nullptr;
     _thread_mutex_lock(&block->msg_mutex);
     if (expects_reply) {
+        me.sent_fd = socket_of_request(wait->want, me.sent_fd, block);
         *handed = look_at_offer(want, block);
         if (block->waiter_count > block->waiting)
             block->waiter_count--;
@@ -348,7 +349,7 @@ static msg_header *put_into(msg_header *message, msg_header *want, wthr_var *blo
 
 static msg_header *deliver(msg_header *message, msg_header *want, wthr_var *block)
 {
-    if (message->msgtype != MSG_KMQ_CLOSE_SESSION || (message->flags & FLAG_SESSION_CLOSED) == 0)
+    if (message->msgtype != MSG_KMQ_SESSION_CLOSE || (message->flags & FLAG_SESSION_CLOSED) == 0)
         return put_into(message, want, block);
     free(message);
     return null_with(TPECLOSE);
@@ -490,7 +491,7 @@ static bool pass_on(const read_wait *wait, msg_header *message)
 // A notice that a session of the message service was closed looks for it in the rings of the context.
 static bool is_own(const msg_header *want, const msg_header *message, wthr_var *block)
 {
-    if (message->msgtype != MSG_KMQ_CLOSE_SESSION)
+    if (message->msgtype != MSG_KMQ_SESSION_CLOSE)
         return _is_msgtype_matched(want, message, block) != 0;
     _thread_mutex_lock(&block->msg_mutex);
     bool own = _is_msgtype_matched(want, message, block) != 0;

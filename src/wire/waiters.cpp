@@ -155,7 +155,50 @@ void end_previous_socket(int fd, wthr_var *block)
     set_tperrno(0);
 }
 
-void note_sent_again(const msg_header *reply, msg_header *want, wthr_var *block)
+// The conversation that a connect asks for will be one of the new server.
+static void follow_to_new_table(msg_header *want, const wthr_var *block)
+{
+    if (want->msgtype != MSG_TPCONNECT)
+        return;
+    want->target = block->conv_generation;
+    want->rcode = -1;  // its row went with the previous table
+}
+
+// For a thread on its way. Without memory its wait ends with the previous socket, if that ends first.
+static void keep_for_its_thread(const msg_header *reply, wthr_var *block)
+{
+    sent_again *note = (sent_again *)malloc(sizeof *note);
+    if (note == nullptr)
+        return;
+    *note = {*reply, block->clhfd, block->sent_again_head};
+    block->sent_again_head = note;
+}
+
+int socket_of_request(msg_header *want, int fd, wthr_var *block)
+{
+    for (sent_again **link = &block->sent_again_head; *link != nullptr; link = &(*link)->next) {
+        sent_again *note = *link;
+        if (!_is_msgtype_matched(want, &note->reply, block))
+            continue;
+        fd = note->fd;
+        *link = note->next;
+        free(note);
+        follow_to_new_table(want, block);
+        break;
+    }
+    return fd;
+}
+
+void forget_sent_again(wthr_var *block)
+{
+    while (block->sent_again_head != nullptr) {
+        sent_again *note = block->sent_again_head;
+        block->sent_again_head = note->next;
+        free(note);
+    }
+}
+
+void note_sent_again(const msg_header *reply, bool is_awaited, msg_header *want, wthr_var *block)
 {
     _thread_mutex_lock(&block->msg_mutex);
     read_waiter *waiter = block->waiters_head;
@@ -163,15 +206,12 @@ void note_sent_again(const msg_header *reply, msg_header *want, wthr_var *block)
         waiter = waiter->next;
     if (waiter != nullptr) {
         waiter->sent_fd = block->clhfd;
-        want = waiter->want;
+        follow_to_new_table(waiter->want, block);
     } else if (want != nullptr && _is_msgtype_matched(want, reply, block)) {
         block->reader_sent_fd = block->clhfd;
-    } else {
-        want = nullptr;
-    }
-    if (want != nullptr && want->msgtype == MSG_TPCONNECT) {
-        want->target = block->conv_generation;
-        want->rcode = -1;  // its row went with the previous table
+        follow_to_new_table(want, block);
+    } else if (is_awaited) {
+        keep_for_its_thread(reply, block);
     }
     _thread_mutex_unlock(&block->msg_mutex);
 }

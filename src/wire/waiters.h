@@ -5,7 +5,8 @@
 #include <semaphore.h>
 #include <stdint.h>
 
-struct msg_header;
+#include "wire/msgheader.h"
+
 struct wthr_var;
 
 extern "C" {
@@ -24,6 +25,13 @@ struct read_waiter {
     bool has_more;  // other replies to the same request are to come behind this one
 };
 
+// A request that a rolling start has sent again before its thread came to wait.
+struct sent_again {
+    msg_header reply;  // what its answer is recognised by
+    int fd;            // where it has gone
+    sent_again *next;
+};
+
 // All of these expect msg_mutex. Who takes a waiter off the list to give it something posts `given`
 // afterwards; null is fine.
 void join_waiters(read_waiter *waiter, wthr_var *block);
@@ -31,6 +39,11 @@ void leave_waiters(read_waiter *waiter, wthr_var *block);
 read_waiter *give_message(msg_header *message, wthr_var *block);  // whom the message answers; null: nobody
 read_waiter *give_role(wthr_var *block);                          // who has waited longest; null: nobody
 void post_given(read_waiter *waiter);
+
+// For a thread that begins to wait, having sent on `fd`: the socket on which its request has gone out last. Expects
+// msg_mutex; costs a look at one word if nothing has been sent again.
+int socket_of_request(msg_header *want, int fd, wthr_var *block);
+void forget_sent_again(wthr_var *block);  // at the end of the session, whose threads wait no more
 
 void count_again(wthr_var *block);  // takes msg_mutex
 

@@ -264,6 +264,28 @@ TEST_F(Connect, FullTableGivesAwayAConversationThatWasOpenedSo)
     expect_may_send(5);
 }
 
+// 0 is a descriptor like any other, also while another conversation has none yet.
+TEST_F(Connect, MessagesOfDescriptorZeroAreNotTakenForOneThatIsBeingOpened)
+{
+    ASSERT_TRUE(start());
+    open(TPSENDONLY, 64);
+    open(TPRECVONLY, 0);
+    EXPECT_EQ(tpdiscon(64), 1);  // whose row stands in front
+    peer.expect(wire::TPDISCON).cd(64);
+    peer.play([&] {
+        peer.expect(wire::TPCONNECT);
+        peer.send(turn(0, "for zero"));
+        peer.reply("", {.cd = 7});
+    });
+    EXPECT_EQ(connect(TPRECVONLY), 7);
+    peer.done();
+    EXPECT_EQ(row(7)->head, nullptr);
+    ASSERT_NE(row(0)->head, nullptr);
+    EXPECT_EQ(receive(0), 1);
+    EXPECT_STREQ(out, "for zero");
+    EXPECT_EQ(block()->conv_active, 2);
+}
+
 TEST_F(Connect, TableWithoutRowsIsALimit)
 {
     ASSERT_TRUE(start({.conv_size = 0}));

@@ -302,6 +302,20 @@ TEST_F(Descriptors, SocketOfACallThatEndedLongAgoIsStillFound)
     EXPECT_EQ(check_rolling_cd(-1, block), 1);  // the mark of rows that never sent
 }
 
+// Its row may have served a call over a connection that ends just now.
+TEST_F(Descriptors, CallThatHasNotLeftYetDoesNotEndWithAConnection)
+{
+    ASSERT_EQ(_init_acall(1, block), 1);
+    int cd = _create_acall_cd(0, block);
+    block->acall[0].fd = 33;
+    end(cd);
+    cd = _create_acall_cd(0, block);
+    EXPECT_FALSE(awaits_reply_on(33, block));
+    fail_calls_on(33, block);
+    EXPECT_EQ(block->acall[row(cd)].reply, nullptr);
+    end(cd);
+}
+
 TEST_F(Descriptors, OldestStoredReplyComesFirstWhateverItsRow)
 {
     EXPECT_EQ(_get_acall_ind_from_ready(block), -1);

@@ -10,7 +10,7 @@ struct FirstCallLost : CallTest {
     {
         int live = 0;
         for (int i = 1; i < _wthr_size; i++)
-            live += _ctxt[i].in_use != 0 || _ctxt[i].variables != nullptr;
+            live += _ctxt[i].in_use != 0 || _ctxt[i].wthr_var != nullptr;
         return live;
     }
 

@@ -12,7 +12,7 @@ struct FirstCall : CallTest {
     {
         int live = 0;
         for (int i = 1; i < _wthr_size; i++)
-            live += _ctxt[i].in_use != 0 || _ctxt[i].variables != nullptr;
+            live += _ctxt[i].in_use != 0 || _ctxt[i].wthr_var != nullptr;
         return live;
     }
 
@@ -56,7 +56,7 @@ TEST_F(FirstCall, OpensASessionOnOneContext)
     EXPECT_EQ(_ctxt[1].in_use, 1);
     EXPECT_EQ(_cur_ctxti, 1);
     EXPECT_EQ(_start_ctxt, 0);
-    EXPECT_EQ(block(), _ctxt[1].variables);
+    EXPECT_EQ(block(), _ctxt[1].wthr_var);
     EXPECT_EQ(block()->started, 1);
     EXPECT_EQ(block()->seqno_inited, 1);
     EXPECT_EQ(_main_wthrv->seqno_inited, 0);

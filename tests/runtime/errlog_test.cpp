@@ -5,6 +5,7 @@
 #include "runtime/mthr.h"
 #include "support/faults.h"
 #include "support/gtest.h"
+#include "vorn/log.h"
 
 #include <errno.h>
 #include <string.h>

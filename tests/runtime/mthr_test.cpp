@@ -116,11 +116,11 @@ TEST_F(Tables, HaveFourHundredFreeRowsButTheFirst)
         EXPECT_EQ(_wthr[i].tpurcode, 0);
         EXPECT_EQ(_wthr[i].fberror, 0);
         EXPECT_EQ(_ctxt[i].ctxt_id, -2);
-        EXPECT_EQ(_ctxt[i].variables != nullptr, i == 0);
+        EXPECT_EQ(_ctxt[i].wthr_var != nullptr, i == 0);
         EXPECT_EQ(_ctxt[i].in_use, i == 0);
         EXPECT_EQ(_ctxt[i].owner, -1);
     }
-    EXPECT_EQ(_main_wthrv, _ctxt[0].variables);
+    EXPECT_EQ(_main_wthrv, _ctxt[0].wthr_var);
     EXPECT_EQ(_main_wthrp, &_wthr[0]);
 }
 
@@ -160,7 +160,7 @@ TEST_F(Tables, ContextRowIsResetWhole)
     ctxt_elem row = {1, _main_wthrv, 3, 4};
     EXPECT_EQ(_init_ctxt_elem(&row), 1);
     EXPECT_EQ(row.ctxt_id, -2);
-    EXPECT_EQ(row.variables, nullptr);
+    EXPECT_EQ(row.wthr_var, nullptr);
     EXPECT_EQ(row.in_use, 0);
     EXPECT_EQ(row.owner, -1);
 }
@@ -172,7 +172,7 @@ TEST_F(Tables, NewBlockHasItsFirstValues)
     row.ctxt_index = 7;
     wthr_var *block = _wthr_var_init(&row);
     ASSERT_NE(block, nullptr);
-    EXPECT_EQ(_ctxt[7].variables, block);
+    EXPECT_EQ(_ctxt[7].wthr_var, block);
     EXPECT_EQ(block->node_count, 1);
     EXPECT_EQ(block->clhfd, -1);
     EXPECT_EQ(block->compress_threshold, -1);
@@ -260,11 +260,11 @@ TEST_F(Tables, FirstContextTakesRowOneAndNumberOne)
     EXPECT_EQ(_cur_ctxti, 1);
     EXPECT_EQ(row_number(), 1);
     EXPECT_EQ(current_row(), row);
-    EXPECT_EQ(current_block(), _ctxt[1].variables);
+    EXPECT_EQ(current_block(), _ctxt[1].wthr_var);
     EXPECT_NE(current_block(), _main_wthrv);
     {
         TableLock lock;
-        EXPECT_EQ(_get_wthr_from_nth(), _ctxt[1].variables);
+        EXPECT_EQ(_get_wthr_from_nth(), _ctxt[1].wthr_var);
     }
     set_tperrno(TPELIMIT);
     EXPECT_EQ(row->tperrno, TPELIMIT);
@@ -280,7 +280,7 @@ TEST_F(Tables, SecondContextOfAThreadLeavesTheFirstAlive)
     EXPECT_EQ(_ctxt[2].ctxt_id, 2);
     EXPECT_NE(current_block(), first);
     EXPECT_EQ(_ctxt[1].in_use, 1);
-    EXPECT_EQ(_ctxt[1].variables, first);
+    EXPECT_EQ(_ctxt[1].wthr_var, first);
     EXPECT_EQ(_next_wthri, 2);
     EXPECT_EQ(_cur_ctxti, 2);
 }
@@ -381,7 +381,7 @@ TEST_F(Tables, EveryThreadHasARowOfItsOwn)
             EXPECT_EQ(current_row(), row);
             EXPECT_EQ(get_tperrno(), t + 100);
             EXPECT_EQ(row->tpurcode, t);
-            EXPECT_EQ(_ctxt[row->ctxt_index].variables, current_block());
+            EXPECT_EQ(_ctxt[row->ctxt_index].wthr_var, current_block());
             EXPECT_EQ(_context_end(), 1);
             EXPECT_EQ(current_row(), _main_wthrp);
         });
@@ -390,7 +390,7 @@ TEST_F(Tables, EveryThreadHasARowOfItsOwn)
     for (int i = 1; i < 400; i++) {
         EXPECT_EQ(_wthr[i].in_use, 0);
         EXPECT_EQ(_ctxt[i].in_use, 0);
-        EXPECT_EQ(_ctxt[i].variables, nullptr);
+        EXPECT_EQ(_ctxt[i].wthr_var, nullptr);
     }
 }
 
@@ -398,7 +398,7 @@ TEST_F(Tables, ContextEndNeedsARow)
 {
     EXPECT_EQ(_context_end(), -1);
     EXPECT_TRUE(is_free(&_wthr_mutex));
-    EXPECT_NE(_ctxt[0].variables, nullptr);
+    EXPECT_NE(_ctxt[0].wthr_var, nullptr);
 }
 
 TEST_F(Tables, ContextEndClearsItAndTheRowsOfAllItsThreads)
@@ -439,7 +439,7 @@ TEST_F(Tables, ContextEndClearsItAndTheRowsOfAllItsThreads)
     EXPECT_EQ(_ctxt[1].in_use, 0);
     EXPECT_EQ(_ctxt[1].ctxt_id, -2);
     EXPECT_EQ(_ctxt[1].owner, -1);
-    EXPECT_EQ(_ctxt[1].variables, nullptr);
+    EXPECT_EQ(_ctxt[1].wthr_var, nullptr);
     EXPECT_EQ(_wthr[0].in_use, 1);
     EXPECT_EQ(_wthr[0].ctxt_index, 0);
     EXPECT_EQ(row_number(), -1);
@@ -451,7 +451,7 @@ TEST_F(Tables, ContextEndLeavesOtherContextsAlone)
     wthr_var *first = current_block();
     take_context();
     EXPECT_EQ(_context_end(), 1);
-    EXPECT_EQ(_ctxt[1].variables, first);
+    EXPECT_EQ(_ctxt[1].wthr_var, first);
     EXPECT_EQ(_ctxt[1].in_use, 1);
     EXPECT_EQ(_ctxt[2].in_use, 0);
     EXPECT_EQ(_context_end(), -1);
@@ -461,11 +461,11 @@ TEST_F(Tables, RowOfAContextWithoutABlockIsFatal)
 {
     take_context();
     TableLock lock;
-    static wthr_var *taken = _ctxt[1].variables;
-    _ctxt[1].variables = nullptr;
+    static wthr_var *taken = _ctxt[1].wthr_var;
+    _ctxt[1].wthr_var = nullptr;
     EXPECT_EXIT(_get_wthr_from_nth(), testing::ExitedWithCode(1),
                 "\\(F\\) CLI 0121 failed to get thread variables \\[CLI0704\\]");
-    _ctxt[1].variables = taken;
+    _ctxt[1].wthr_var = taken;
 }
 
 TEST_F(Tables, BlockThatCannotBeMadeIsFatal)

@@ -328,7 +328,7 @@ TEST(Frame, StartingFormBindsARowAndDecidesTheMode)
     EXPECT_EQ(_start_ctxt, 0);
     EXPECT_EQ(frame.row, &_wthr[1]);
     EXPECT_EQ(frame.row->in_use, 1);
-    EXPECT_EQ(frame.block, _ctxt[1].variables);
+    EXPECT_EQ(frame.block, _ctxt[1].wthr_var);
     EXPECT_EQ(_ctxt[1].owner, (int32_t)(uint32_t)pthread_self());
     EXPECT_EQ(frame.row_bound, 1);
     EXPECT_EQ(current_row(), frame.row);
@@ -337,7 +337,7 @@ TEST(Frame, StartingFormBindsARowAndDecidesTheMode)
     EXPECT_EQ(get_tperrno(), TPEOTYPE);
     EXPECT_EQ(_wthr[1].in_use, 0);
     EXPECT_EQ(_ctxt[1].in_use, 0);
-    EXPECT_EQ(_ctxt[1].variables, nullptr);
+    EXPECT_EQ(_ctxt[1].wthr_var, nullptr);
 }
 
 TEST(Frame, StartingFormDoesNothingForARowWithoutASession)

@@ -38,7 +38,7 @@ struct End : SessionTest {
         for (int i = 1; i < _wthr_size; i++) {
             EXPECT_EQ(_wthr[i].in_use, 0) << i;
             EXPECT_EQ(_ctxt[i].in_use, 0) << i;
-            EXPECT_EQ(_ctxt[i].variables, nullptr) << i;
+            EXPECT_EQ(_ctxt[i].wthr_var, nullptr) << i;
         }
         EXPECT_EQ(current_row(), _main_wthrp);
         EXPECT_EQ(current_block(), _main_wthrv);
@@ -132,7 +132,7 @@ TEST_F(End, WithoutASessionIsAProtocolError)
     EXPECT_EQ(tpterm(), -1);
     EXPECT_EQ(get_tperrno(), TPEPROTO);
     expect_no_context();
-    EXPECT_NE(_ctxt[0].variables, nullptr);
+    EXPECT_NE(_ctxt[0].wthr_var, nullptr);
 }
 
 TEST_F(End, RowWithoutASessionIsCleared)

@@ -550,7 +550,7 @@ TEST_F(Rolling, WarningInAWaitWithoutABackupLeavesTheWaitStanding)
         peer.play([&] {
             peer.expect(wire::TPCALL);
             peer.send_urgent(DOWN_WARNING);
-            EXPECT_TRUE(faults::eventually([&] { return _ctxt[1].variables->rolling_failed == 1; }));
+            EXPECT_TRUE(faults::eventually([&] { return _ctxt[1].wthr_var->rolling_failed == 1; }));
             peer.reply(std::string("TEXT") + '\0');
         });
         EXPECT_EQ(call("text").data, "TEXT");

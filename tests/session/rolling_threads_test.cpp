@@ -162,6 +162,28 @@ struct RollingThreads : Moving {
         return begin([=] { return call(text); });
     }
 
+    // A thread that sends "two" and goes to wait for the answer when it may.
+    std::unique_ptr<client> begin_late_call(const std::atomic<bool> *go)
+    {
+        return begin([=, this] {
+            outcome out;
+            msg_header *request = new_message(MSG_TPCALL, std::string("two") + '\0', 64);
+            request->seqno = next_seqno(shared);
+            int32_t seqno = request->seqno;
+            EXPECT_EQ(_send_csmsg_to_clh(request, shared), 1);
+            while (!*go)
+                usleep(100);
+            request->msgtype = MSG_TPCALL;
+            request->seqno = seqno;
+            msg_header *reply = _read_csmsg_from_clh_timeout(request, 30, shared);
+            out.result = reply != nullptr;
+            out.error = get_tperrno();
+            out.data = reply != nullptr ? message_data(reply) : "";
+            free(reply != nullptr ? reply : request);
+            return out;
+        });
+    }
+
     bool reading_with_waiters(int least)
     {
         return faults::eventually([&] {
@@ -444,6 +466,30 @@ TEST_F(RollingThreads, CallOfAThreadThatWaitsIsGivenBackToTheReader)
     }
 }
 
+// The server that goes down may be gone before the thread has its answer from the other one.
+TEST_F(RollingThreads, CallSentAgainForAThreadOnItsWayOutlivesThePreviousConnection)
+{
+    ASSERT_TRUE(open());
+    auto reader = begin_call("one");
+    peer.expect(wire::TPACALL);
+    ASSERT_TRUE(reading_with_waiters(0));
+    std::atomic<bool> go{false};
+    auto late = begin_late_call(&go);
+    wire::frame second = peer.expect(wire::TPACALL);
+    give_back(peer, second);
+    backup.accept_start();
+    wire::frame again = backup.expect(wire::TPACALL);
+    go = true;
+    ASSERT_TRUE(reading_with_waiters(1));
+    peer.hang_up();
+    EXPECT_EQ(reader->task.get(), -1);
+    EXPECT_EQ(reader->out.error, TPECLOSE);  // its answer never comes
+    backup.reply_to(again, answer_to(again));
+    EXPECT_EQ(late->task.get(), 1) << late->out.error;
+    EXPECT_EQ(late->out.data, "answer to two");
+    expect_idle(true);
+}
+
 TEST_F(RollingThreads, CallOfAThreadOnItsWayIsGivenBackToTheReader)
 {
     ASSERT_TRUE(open());
@@ -451,22 +497,7 @@ TEST_F(RollingThreads, CallOfAThreadOnItsWayIsGivenBackToTheReader)
     wire::frame first = peer.expect(wire::TPACALL);
     ASSERT_TRUE(reading_with_waiters(0));
     std::atomic<bool> go{false};
-    auto late = begin([&] {
-        outcome out;
-        msg_header *request = new_message(MSG_TPCALL, std::string("two") + '\0', 64);
-        request->seqno = next_seqno(shared);
-        int32_t seqno = request->seqno;
-        EXPECT_EQ(_send_csmsg_to_clh(request, shared), 1);
-        while (!go)
-            usleep(100);
-        request->msgtype = MSG_TPCALL;
-        request->seqno = seqno;
-        msg_header *reply = _read_csmsg_from_clh_timeout(request, 30, shared);
-        out.result = reply != nullptr;
-        out.data = reply != nullptr ? message_data(reply) : "";
-        free(reply != nullptr ? reply : request);
-        return out;
-    });
+    auto late = begin_late_call(&go);
     wire::frame second = peer.expect(wire::TPACALL);
     give_back(peer, second);
     backup.accept_start();

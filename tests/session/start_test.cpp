@@ -61,7 +61,7 @@ struct Start : SessionTest {
         for (int i = 1; i < _wthr_size; i++) {
             EXPECT_EQ(_wthr[i].in_use, 0) << i;
             EXPECT_EQ(_ctxt[i].in_use, 0) << i;
-            EXPECT_EQ(_ctxt[i].variables, nullptr) << i;
+            EXPECT_EQ(_ctxt[i].wthr_var, nullptr) << i;
         }
         EXPECT_EQ(current_row(), _main_wthrp);
         EXPECT_EQ(pthread_mutex_trylock(&_wthr_mutex), 0);

@@ -175,3 +175,22 @@ TEST_F(Traces, ConversationCallsTellTheirErrors)
     EXPECT_EQ(ended[0], "1 tpdiscon(77)");
     EXPECT_EQ(ended[1].substr(0, 17), "4 tpdiscon = -1 [");
 }
+
+// A move by hand tells its entry in the phase of an exit, unlike all others.
+TEST_F(Traces, MoveToTheBackupTellsItsEntryAsAnExit)
+{
+    ASSERT_TRUE(start());
+    Peer backup;
+    setenv("VORN_BACKUP_ADDR", backup.address().c_str(), 1);
+    forget();
+    backup.play([&] { backup.accept_start(); });
+    EXPECT_EQ(tptobackup(), 1);
+    EXPECT_EQ(lines_of("tptobackup"), (Texts{"2 tptobackup(void)", "2 tptobackup = 1"}));
+    backup.done();
+    unsetenv("VORN_BACKUP_ADDR");
+    setenv("VORN_CONNECT_TIMEOUT", "0.5", 1);  // one try an address
+    setenv("VORN_HOST_ADDR", "bad", 1);
+    EXPECT_EQ(tptobackup(), -1);
+    std::string error = std::to_string(get_tperrno()) + " : " + tpstrerror(get_tperrno()) + "]";
+    EXPECT_EQ(lines_of("tptobackup"), (Texts{"2 tptobackup(void)", "4 tptobackup = -1 [" + error}));
+}

@@ -74,13 +74,16 @@ struct SealedThreads : SessionTest {
         tpfree(buffer);
         return out;
     }
-    // Threads that run `work` on the context, with the number of the thread.
+    // Threads that run `work` on the context, with the number of the thread. All stand on it before one begins:
+    // what they do may end the session.
     void run(int threads, const std::function<void(int)> &work)
     {
         std::vector<std::thread> all;
+        Meeting attached(threads);
         for (int i = 0; i < threads; i++)
-            all.emplace_back([this, i, &work] {
-                ASSERT_EQ(tpsetctxt(number, 0), 1);
+            all.emplace_back([this, i, &work, &attached] {
+                EXPECT_EQ(tpsetctxt(number, 0), 1);
+                attached.meet();
                 work(i);
                 tpsetctxt(TPNULLCONTEXT, 0);
             });
