@@ -1,6 +1,19 @@
 # cpack reads this before it makes packages: which packages of the system the built libraries and tools need, and
 # what the packages of other programs have to say if they need these libraries.
 
+# The prefix is in what the build has configured (run paths, vornthr.pc), and cpack puts everything below /usr.
+if(NOT CPACK_VORN_PREFIX MATCHES "^/usr/?$")
+  message(FATAL_ERROR "packages are made out of a build for /usr, and this one is for ${CPACK_VORN_PREFIX}: run "
+    "./dev package, or configure with -DCMAKE_INSTALL_PREFIX=/usr in a folder of its own")
+endif()
+
+# What a package says of its version stands in the first entry of its changelog, whose date and text somebody has to
+# write: a version without one isn't packed.
+file(STRINGS ${CPACK_VORN_CONTROL}/changelog ENTRY LIMIT_COUNT 1)
+if(NOT ENTRY MATCHES "^[^ ]+ [(]([^)]*)[)]" OR NOT CMAKE_MATCH_1 STREQUAL CPACK_PACKAGE_VERSION)
+  message(FATAL_ERROR "cmake/debian/changelog.in has no entry for ${CPACK_PACKAGE_VERSION}: write one, at its top")
+endif()
+
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
 set(LIB ${CPACK_VORN_LIBRARIES}/lib)
 set(BIN ${CPACK_VORN_PROGRAMS})
@@ -36,7 +49,7 @@ endif()
 set(SYMBOLS "")
 foreach(NAME libvornthr libsqz.so libkexcli.so)
   string(REGEX REPLACE "^lib|[.]so$" "" STEM ${NAME})
-  execute_process(COMMAND nm -D --defined-only --with-symbol-versions ${LIB}${STEM}.so
+  execute_process(COMMAND ${CPACK_VORN_NM} -D --defined-only --with-symbol-versions ${LIB}${STEM}.so
     OUTPUT_VARIABLE TABLE COMMAND_ERROR_IS_FATAL ANY)
   string(REGEX REPLACE "[0-9a-f]+ A [^\n]*\n" "" TABLE "${TABLE}") # the version nodes themselves
   string(REGEX REPLACE "[0-9a-f]+ [A-Za-z] ([^@\n]+)(@*)([^@\n]*)" " \\1@\\3" TABLE "${TABLE}")

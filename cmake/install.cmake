@@ -42,7 +42,8 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/vornthrConfig.cmake
   DESTINATION ${CONFIG_FOLDER} COMPONENT development)
 install(EXPORT vornthrTargets NAMESPACE vornthr:: DESTINATION ${CONFIG_FOLDER} COMPONENT development)
 
-# The documents lie as in this tree, so that the links between them lead somewhere.
+# The documents lie as in this tree, so that the links between them lead somewhere: those of the runtime to what it
+# has itself, the others also to those of the runtime, which they come with.
 set(DOC_FOLDER ${CMAKE_INSTALL_DATAROOTDIR}/doc/libvornthr)
 file(GLOB DOCUMENTS CONFIGURE_DEPENDS docs/*.md)
 set(RUNTIME_DOCUMENTS ${DOCUMENTS})
@@ -50,11 +51,13 @@ list(FILTER RUNTIME_DOCUMENTS INCLUDE REGEX "/(environment|errors)[.]md$")
 list(REMOVE_ITEM DOCUMENTS ${RUNTIME_DOCUMENTS})
 install(FILES cmake/debian/copyright DESTINATION ${DOC_FOLDER} COMPONENT runtime)
 install(FILES ${RUNTIME_DOCUMENTS} DESTINATION ${DOC_FOLDER}/docs COMPONENT runtime)
+install(FILES providers/kexcli/FORMAT.md DESTINATION ${DOC_FOLDER}/providers/kexcli COMPONENT runtime)
 install(FILES README.md DESTINATION ${DOC_FOLDER} COMPONENT development)
-install(FILES abi/README.md DESTINATION ${DOC_FOLDER}/abi COMPONENT development)
+install(DIRECTORY abi DESTINATION ${DOC_FOLDER} COMPONENT development
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.list")
 install(FILES ${DOCUMENTS} DESTINATION ${DOC_FOLDER}/docs COMPONENT development)
 install(DIRECTORY providers DESTINATION ${DOC_FOLDER} COMPONENT development
-  FILES_MATCHING PATTERN "*.md")
+  FILES_MATCHING PATTERN "*.md" PATTERN kexcli/FORMAT.md EXCLUDE)
 install(DIRECTORY examples DESTINATION ${DOC_FOLDER} COMPONENT development
   FILES_MATCHING PATTERN "*.c" PATTERN "*.[fs]dl")
 install(FILES tools/clhsim/PROTOCOL.md DESTINATION ${DOC_FOLDER}/tools/clhsim COMPONENT tools)

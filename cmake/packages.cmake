@@ -10,8 +10,7 @@ set(VORN_MAINTAINER "libvornthr developers <libvornthr@example.org>" CACHE STRIN
 set(DEBIAN_FOLDER ${PROJECT_BINARY_DIR}/cmake/debian)
 file(MAKE_DIRECTORY ${DEBIAN_FOLDER})
 configure_file(cmake/debian/changelog.in ${DEBIAN_FOLDER}/changelog @ONLY)
-execute_process(COMMAND gzip -9nc ${DEBIAN_FOLDER}/changelog OUTPUT_FILE ${DEBIAN_FOLDER}/changelog.gz)
-install(FILES ${DEBIAN_FOLDER}/changelog.gz DESTINATION ${DOC_FOLDER}
+install(FILES ${DEBIAN_FOLDER}/changelog DESTINATION ${DOC_FOLDER} # compress.cmake makes changelog.gz of it
   COMPONENT debian_runtime EXCLUDE_FROM_ALL)
 foreach(PART development=dev tools=tools)
   string(REPLACE "=" ";" PART ${PART})
@@ -73,6 +72,8 @@ applications with.")
 
 # The rest needs the built files.
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/dependencies.cmake)
+set(CPACK_VORN_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_VORN_NM ${CMAKE_NM})
 set(CPACK_VORN_CONTROL ${DEBIAN_FOLDER})
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/compress.cmake)
 set(CPACK_VORN_LIBRARIES ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})

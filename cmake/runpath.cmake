@@ -1,6 +1,8 @@
 # How installed programs and libraries find libsqz, libkexcli and each other.
 
-# Where the loader looks anyway, nothing has to be said; and packages must say nothing.
+# Where the loader looks anyway, nothing has to be said; and packages must say nothing. This is decided when the build
+# is configured, by the prefix that it has then: what a build for /usr installs elsewhere (cmake --install with
+# another --prefix) has no run path, and LD_LIBRARY_PATH must name its libraries. `./dev install` takes another build.
 if(CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
   set(VORN_LOADER_LOOKS_THERE ON)
 else()

@@ -1,6 +1,7 @@
 /* Takes messages out of a reliable queue, each in a transaction of its own, until there are no more, or as
  * many as it is told:
  *
+ *     clhsim --queues ORDERS --port 7000
  *     VORN_HOST_ADDR=127.0.0.1:7000 consumer ORDERS 10
  *
  * A message leaves the queue with the commit. If this program ends before, it is there for the next one. */

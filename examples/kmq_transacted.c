@@ -1,5 +1,7 @@
 /* A transacted session: an order is taken from one queue and its invoice put into another, both or neither.
+ * The order has to be there within a second; the program kmq_queue sends one:
  *
+ *     VORN_HOST_ADDR=127.0.0.1:7000 kmq_queue send 'two teas'
  *     VORN_HOST_ADDR=127.0.0.1:7000 kmq_transacted rollback
  *     VORN_HOST_ADDR=127.0.0.1:7000 kmq_transacted commit
  */

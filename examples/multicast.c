@@ -1,5 +1,6 @@
 /* Calls every server group that offers a service, and prints what became of each call:
  *
+ *     clhsim --group WHICH=1,2,65537 --port 7000
  *     VORN_HOST_ADDR=127.0.0.1:7000 multicast WHICH hello
  */
 #include <vorn.h>

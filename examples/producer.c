@@ -1,5 +1,6 @@
 /* Puts texts into a reliable queue, and tells how many wait there:
  *
+ *     clhsim --queues ORDERS --port 7000
  *     VORN_HOST_ADDR=127.0.0.1:7000 producer ORDERS "two teas" "a cup"
  *
  * What tpenq has accepted outlives this program and the server; the program consumer fetches it. */

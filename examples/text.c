@@ -1,8 +1,11 @@
 /* An order as plain text, in and out, for programs that have nothing but text. No server is needed:
  *
+ *     fdlc -o order.fdb --c-header order_fields.h fields/order.fdl
+ *     sdlc -o order.sdb --c-header order.h --fields fields/order.fdl fields/order.sdl
+ *     cc text.c -I. $(pkg-config --cflags --libs vornthr) -o text
  *     FDLFILE=order.fdb SDLFILE64=order.sdb text
  *
- * The two files are those of the example in fields/. */
+ * The definitions are those of the example in fields/. */
 #include <vorn.h>
 
 #include "order.h"

@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
-"""Is there a reference page for everything? check.py XML MAN EXPORTS names what lacks one, and fails then.
+"""Is there a reference page for everything? check.py XML MAN HTML WARNINGS EXPORTS names what lacks one, and
+fails then.
 
-Doxygen's own warnings stop the build where it meets a declaration without a text; here is what it can't know: the
-names that the library exports, what the filter may have swallowed, members of records, and the man pages.
+Doxygen has put into the file WARNINGS what it found itself: declarations without a text, links to nothing. Here is
+what it can't know: the names that the library exports, what the filter may have swallowed, members of records, the
+man pages, and what it writes without a warning though it isn't right.
 """
 
 import pathlib
@@ -11,11 +13,11 @@ import sys
 import xml.etree.ElementTree as ET
 
 import filter as headers_filter
-from manpages import UNDECLARED, headers, names_told, page_name
+from manpages import UNDECLARED, headers, names_linked, names_told, page_name
 
 # Of use inside a header alone: it has the compiler look at the arguments of a format.
 NO_NAMES = {"VORN_LOG_FORMAT"}
-FAMILY_LINE = re.compile(r"Told together:.*", re.S)
+FAMILY_LINE = re.compile(r"This text is for .*", re.S)
 
 
 def has_text(element, tags=("briefdescription", "detaileddescription")):
@@ -56,8 +58,9 @@ def without_page(told, man):
             yield f"{header}: no man page {own}"
         for name in names_told(root):
             link = man / f"{name}.3"
-            if not link.exists() or link.read_text() != f".so man3/{own}\n":
-                yield f"{header}: no man page {name}.3"
+            linked = link.exists() and link.read_text() == f".so man3/{own}\n"
+            if linked != (name in names_linked(root)):
+                yield f"{header}: " + (f"{name}.3 hides the page of another" if linked else f"no man page {name}.3")
             if not re.search(rf"^\.SS .*\b{name}\b", plain, re.M):
                 yield f"{header}: its man page says nothing of {name}"
 
@@ -73,6 +76,25 @@ def not_met(told):
     for name in sorted(headers_filter.NAMES - met - NO_NAMES):
         if not re.match(r"VORN(_[A-Z]+)?_H$", name):
             yield f"{name}: declared in a header, and on no page"
+
+
+def at_odds_with_c(told, man, html):
+    """Records that a page heads as "struct NAME", where NAME is that of a typedef alone."""
+    for header, root in told.items():
+        names = headers_filter.typedef_only((headers_filter.HEADERS / header).read_text())
+        for page in (man / f"{page_name(header)}.3", html / f"{root.get('id')}.html"):
+            text = page.read_text() if page.exists() else ""
+            plain = re.sub(r"<[^>]*>|&#160;|\\f.", " ", text)
+            for name in sorted(names):
+                if not re.search(rf"\b{name}\b", plain) or re.search(rf"(?<!typedef )\bstruct\s+{name}\b", plain):
+                    yield f"{page.name}: {name} isn't headed as the typedef that it is"
+
+
+def open_references():
+    """A title that doesn't end on its line, which doxygen takes for text."""
+    text = (pathlib.Path(__file__).parent / "pages.dox").read_text()
+    for reference in re.findall(r'\\ref \S+ "[^"\n]*$', text, re.M):
+        yield f"pages.dox: the title doesn't end on its line: {reference}"
 
 
 def words(text):
@@ -106,10 +128,11 @@ def exports_at_odds(xml, told, exports):
 
 
 def main():
-    xml, man = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
-    exports = {line for line in pathlib.Path(sys.argv[3]).read_text().split("\n") if re.match(r"[A-Za-z_]", line)}
+    xml, man, html, warnings, listed = map(pathlib.Path, sys.argv[1:6])
+    exports = {line for line in listed.read_text().split("\n") if re.match(r"[A-Za-z_]", line)}
     told = dict(headers(xml))
-    lacks = [*not_met(told), *without_text(xml, told), *without_page(told, man),
+    lacks = [*filter(None, warnings.read_text().split("\n")), *open_references(), *not_met(told),
+             *without_text(xml, told), *without_page(told, man), *at_odds_with_c(told, man, html),
              *unsaid(xml, told), *exports_at_odds(xml, told, exports)]
     for line in lacks:
         print(line)

@@ -37,6 +37,12 @@ def declared_names():
 NAMES = declared_names()
 
 
+def typedef_only(text):
+    """Records that C knows by the name of a typedef alone, because their tag is another one, or missing."""
+    found = re.findall(r"^typedef (?:struct|union)(?: (\w+))? \{$.*?^\} (\w+);", text, re.M | re.S)
+    return {name for tag, name in found if tag != name}
+
+
 # --- Texts.
 
 def escaped(text):
@@ -231,7 +237,7 @@ def put_run(page, run, above):
     family = [name_of(part) for part in parts if name_of(part)]
     texts = [above] if above else []
     if above and len(family) > 1:
-        texts.append("Told together: " + ", ".join(family) + ".")
+        texts.append(f"This text is for {', '.join(family[:-1])} and {family[-1]}.")
     for part in parts:
         directive = part[0].startswith("#") and not part[0].startswith("#define")
         if directive or depth_of(part[0]) == 0 and part[0].startswith(('extern "C"', "}")):

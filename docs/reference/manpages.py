@@ -11,7 +11,11 @@ import re
 import sys
 import xml.etree.ElementTree as ET
 
+import filter as headers_filter
+
 UNDECLARED = "vorn_undeclared"
+# Names that machines have pages of already, in other sections, which `man` would show behind ours.
+OTHERS_PAGES = {"acl", "ascii", "ebcdic"}
 TITLES = {
     "Detailed Description": "DESCRIPTION", "Data Structure Documentation": "RECORDS",
     "Macro Definition Documentation": "MACROS", "Typedef Documentation": "TYPES",
@@ -38,7 +42,7 @@ def is_cell(member):
 
 
 def names_told(header_root):
-    """What has a link: functions, variables, types, records, and macros that stand for a variable."""
+    """What a page tells of: functions, variables, types, records, and macros that stand for a variable."""
     for member in header_root.iter("memberdef"):
         if member.get("kind") in ("function", "variable", "typedef") or is_cell(member):
             yield member.findtext("name")
@@ -46,8 +50,21 @@ def names_told(header_root):
         yield record.text
 
 
+def names_linked(header_root):
+    """Those of them that have a page of their name."""
+    return set(names_told(header_root)) - OTHERS_PAGES
+
+
+def replaced(pattern, by, text, what, flags=0):
+    """The text with one replacement; another version of doxygen may write what isn't found here any more."""
+    text, count = re.subn(pattern, by, text, count=1, flags=flags)
+    if count == 0:
+        sys.exit(f"manpages.py: doxygen's man page has no {what} as it is known here:\n{text[:400]}")
+    return text
+
+
 def titled(text, page, version):
-    return re.sub(r"^\.TH .*$", f'.TH "{page}" 3 "" "libvornthr {version}" "libvornthr"', text, count=1, flags=re.M)
+    return replaced(r"^\.TH .*$", f'.TH "{page}" 3 "" "libvornthr {version}" "libvornthr"', text, ".TH", re.M)
 
 
 def see_also(pages):
@@ -55,11 +72,14 @@ def see_also(pages):
 
 
 def family_page(text, header, names):
-    text = re.sub(r"(\.SH NAME\n)\S+( \\-.*?)(?:\\&)?\.?\s*\n",
-                  lambda m: m[1] + ", ".join([page_name(header), *names]) + m[2] + "\n", text, count=1)
-    text = text.replace(".SH SYNOPSIS\n", f".SH SYNOPSIS\n.B #include <{header}>\n", 1)
+    text = replaced(r"(\.SH NAME\n)\S+( \\-.*?)(?:\\&)?\.?\s*\n",
+                    lambda m: m[1] + ", ".join([page_name(header), *names]) + m[2] + "\n", text, "NAME")
+    text = replaced(r"\.SH SYNOPSIS\n", f".SH SYNOPSIS\n.B #include <{header}>\n", text, "SYNOPSIS")
     text = re.sub(r'(\.ti -1c\n\.RI ".*"\n\.br\n)\.RI ".*\n', r"\1", text)  # what it does stands further down
     text = re.sub(r'^\.SH "(struct .*)"$', r'.SS "\1"', text, flags=re.M)
+    for name in headers_filter.typedef_only((headers_filter.HEADERS / header).read_text()):
+        text = re.sub(rf'^\.SS "struct {name}"$', f'.SS "{name} (typedef)"', text, flags=re.M)
+        text = re.sub(rf'^\.RI "struct (\\fB{name}\\fP)"$', r'.RI "\1 (typedef)"', text, flags=re.M)
     for title, shown in TITLES.items():
         text = text.replace(f'.SH "{title}"', f".SH {shown}")
     text = re.sub(r'^\.IP "(.*)" 1c$', lambda m: '.IP "' + m[1].replace('"', r"\(dq") + '" 1c', text, flags=re.M)
@@ -67,7 +87,7 @@ def family_page(text, header, names):
 
 
 def plain_page(text):
-    return re.sub(r"(\.SH NAME\n.*\n)", r"\1.SH DESCRIPTION\n", text, count=1)
+    return replaced(r"(\.SH NAME\n.*\n)", r"\1.SH DESCRIPTION\n", text, "NAME")
 
 
 def main():
@@ -79,7 +99,7 @@ def main():
     told = dict(headers(xml))
     pages = sorted([*map(page_name, told), UNDECLARED])
     for header, root in told.items():
-        page, names = page_name(header), sorted(set(names_told(root)))
+        page, names = page_name(header), sorted(names_linked(root))
         text = family_page((man / (pathlib.Path(header).name + ".3")).read_text(), header, names)
         others = [other for other in pages if other != page]
         (out / f"{page}.3").write_text(titled(text, page, version) + see_also(others))

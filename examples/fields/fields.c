@@ -1,5 +1,8 @@
 /* Orders tea and cups from the service ORDER, once in a field buffer and once in a struct:
  *
+ *     fdlc -o order.fdb --c-header order_fields.h order.fdl
+ *     sdlc -o order.sdb --c-header order.h --fields order.fdl order.sdl
+ *     cc fields.c -I. $(pkg-config --cflags --libs vornthr) -o fields
  *     FDLFILE=order.fdb SDLFILE64=order.sdb VORN_HOST_ADDR=127.0.0.1:7000 fields
  *
  * fdlc and sdlc make the two files, and the headers below, out of order.fdl and order.sdl. The files are read

@@ -1,7 +1,7 @@
 /* Calls that choose where they go: to a server group, to one server process, to all groups of a service.
  *
  * A service may be offered by several server groups; a group is known by its number, of which bits 16 to 26
- * are the number of its node. tpgetsvglist (query.h) tells the groups of a service. */
+ * are the number of its node. tpgetsvglist (vorn/query.h) tells the groups of a service. */
 #ifndef VORN_GROUPS_H
 #define VORN_GROUPS_H
 

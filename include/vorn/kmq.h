@@ -33,8 +33,8 @@ typedef struct kmq_producer kmq_producer; /* sends to one queue or topic */
 typedef struct kmq_consumer kmq_consumer; /* receives from one queue or topic; also a browser */
 
 /* Flags of a session, as the server gets them. */
-#define KMQ_ACKMODE1 0x02   /* acknowledge mode 1 */
-#define KMQ_ACKMODE2 0x40   /* acknowledge mode 2 */
+#define KMQ_ACKMODE1 0x02   /* acknowledge mode 1: each message at its receipt; kmq_ack may follow */
+#define KMQ_ACKMODE2 0x40   /* acknowledge mode 2: none at its receipt, each by kmq_ack */
 #define KMQ_TRANSACTED 0x80 /* transacted: kmq_commit and kmq_rollback end its work */
 #define KMQ_ASYNC 0x400     /* from kmq_create_async_session */
 #define KMQ_XA 0x800        /* from kmq_create_xa_session: part of the tx_* transaction */
@@ -85,7 +85,7 @@ int kmq_set_body(char *msg, void *data, long len);  /* sets the body */
  * a mode), TPESYSTEM, what tpstart or the server gives. The last argument of each is only traced. */
 
 /* A session. `transacted` above 0: messages are sent and acknowledged by kmq_commit. Otherwise `ackmode` 0
- * and 1 acknowledge each message when it is received, 2 leaves it to kmq_ack. */
+ * and 1 acknowledge each message when it is received, 2 leaves it to kmq_ack; in mode 0 kmq_ack fails. */
 kmq_session *kmq_create_session(const char *name, int transacted, int ackmode, int extra);
 /* A session whose sends and receives are part of the transaction of tx_begin. */
 kmq_session *kmq_create_xa_session(const char *name, int extra);
@@ -157,8 +157,9 @@ int kmq_sendex(kmq_producer *producer, char *msg, int delivery_mode, int priorit
  * TPEINVAL, TPEOTYPE, TPECLOSE, TPESYSTEM, TPETIME, what the server gives. */
 int kmq_recvex(kmq_consumer *consumer, char **msg, int timeout, long flags);
 
-/* Acknowledges a received message (`flags` 1) or refuses it (2), in sessions of mode 1 or 2. 1, or -1 with
- * tperrno: TPEINVAL, TPEITYPE (no received message), TPESYSTEM, TPECLOSE, TPEPROTO (session without it). */
+/* Acknowledges a received message (`flags` 1) or refuses it (2), in sessions of mode 1 or 2: in mode 1 once
+ * more, after its receipt did. 1, or -1 with tperrno: TPEINVAL, TPEITYPE (no received message), TPESYSTEM,
+ * TPECLOSE, TPEPROTO (mode 0, a transacted session or one of tx_* transactions). */
 int kmq_ack(char *msg, int flags);
 
 #ifdef __cplusplus

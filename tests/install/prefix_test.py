@@ -16,7 +16,8 @@ TOOLS = {"bin/clhsim", "bin/fdlc", "bin/sdlc"}
 PACKAGE_FILES = {"lib/pkgconfig/vornthr.pc", "lib/cmake/vornthr/vornthrConfig.cmake",
                  "lib/cmake/vornthr/vornthrConfigVersion.cmake", "lib/cmake/vornthr/vornthrTargets.cmake"}
 DOC = "share/doc/libvornthr/"
-RUNTIME_DOCUMENTS = {"copyright", "docs/environment.md", "docs/errors.md"}
+RUNTIME_DOCUMENTS = {"copyright", "docs/environment.md", "docs/errors.md", "providers/kexcli/FORMAT.md"}
+COMPONENTS = {"runtime": [], "development": ["runtime"], "tools": ["runtime"]}  # and what each comes with
 TOOL_DOCUMENTS = {"tools/clhsim/PROTOCOL.md", "tools/fdlc/README.md", "tools/sdlc/README.md"}
 
 
@@ -41,6 +42,7 @@ class Tree(unittest.TestCase):
 
     def test_holds_what_it_should_and_nothing_else(self):
         documents = {"README.md", "abi/README.md"} | in_source("docs", "*.md") | in_source("providers", "*.md")
+        documents |= in_source("abi", "*.list")
         documents |= in_source("examples", "*.c", "*.fdl", "*.sdl") | RUNTIME_DOCUMENTS
         headers = in_source("include", "*.h") | {"include/vorn/providers/kexcli.h", "include/vorn/providers/sqz.h"}
         development = headers | PACKAGE_FILES | {DOC + name for name in documents - RUNTIME_DOCUMENTS}
@@ -70,11 +72,18 @@ class Tree(unittest.TestCase):
                 self.assertNotIn(os.fsencode(folder), text, name)
 
     def test_links_of_the_documents_lead_to_installed_files(self):
-        tree = fresh("whole")
-        install(tree)
-        for document in sorted((tree / DOC).rglob("*.md")):
-            for target in re.findall(r"\]\(([^)#:\s]+)[^):]*\)", document.read_text()):
-                self.assertTrue((document.parent / target).exists(), f"{document.relative_to(tree)}: {target}")
+        """Those of each component, where only what it comes with is installed beside it."""
+        for component, with_it in COMPONENTS.items():
+            tree = fresh("linked")
+            install(tree, "--component", component)
+            documents = sorted((tree / DOC).rglob("*.md"))
+            self.assertTrue(documents, component)
+            for other in with_it:
+                install(tree, "--component", other)
+            for document in documents:
+                for target in re.findall(r"\]\(([^)#:\s]+)[^):]*\)", document.read_text()):
+                    self.assertTrue((document.parent / target).exists(),
+                                    f"{component}: {document.relative_to(tree)}: {target}")
 
 
 class Strangers(unittest.TestCase):

@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
 """Walks through README.md as a new user would, in a fresh clone. `./dev walk` runs it.
 
-What is run is what the readme says: its command blocks, its first program, the commands in its running text, in their
-order. All of that is taken out of the file, so a command, program or call in it that doesn't work ends the walk. Two
-things are other than for a user, and each is shown: ports (a free one) and places outside the clone (folders beside
-it). Afterwards the paths, links, headers, calls and variables
-that it names are looked for.
+What is run is what the readme says: its command blocks, its first program, the commands in its running text, in
+their order. All of that is taken out of the file, so a command, program or call in it that doesn't work ends the
+walk. Two things are other than for a user, and each is shown: ports (a free one) and places outside the clone
+(folders beside it). Afterwards the paths, links, headers, calls and variables that it names are looked for.
 
   --tree    walk through the files of the working tree, instead of what is committed
   --tests   run ./dev test, too
@@ -22,6 +21,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 
@@ -38,6 +38,8 @@ SHORT = {"demo", "install", "package"}
 OURS = re.compile(r"VORN|ULOG|SDLFILE|FDLFILE|KEXCLI|LD_LIBRARY_PATH|DESTDIR|PKG_CONFIG_PATH|CMAKE_")
 
 START_LIMIT = 60  # seconds that the server may take until it listens
+RUN_LIMIT = 3600  # and a command, which may have to build everything on a slow machine
+LONG_LIMIT = 4 * RUN_LIMIT
 
 
 class Failure(Exception):
@@ -116,7 +118,7 @@ class Walk:
         self.root, self.arguments = root, arguments
         self.home = root / "libvornthr"
         self.environment = {name: value for name, value in os.environ.items() if not OURS.match(name)}
-        self.server = None
+        self.server = self.reader = None
         self.ports = {}  # of the readme, and what stands for them
         self.done = set()  # commands that have been run
         self.usage = ""
@@ -142,12 +144,20 @@ class Walk:
     def run(self, command):
         """Runs a line in the clone and gives what it wrote; what fails ends the walk."""
         say(command)
-        result = subprocess.run(["bash", "-c", command], cwd=self.home, env=self.environment,
-                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        output = result.stdout.decode(errors="replace")
-        if result.returncode != 0:
+        limit = LONG_LIMIT if command == LONG else RUN_LIMIT
+        process = subprocess.Popen(["bash", "-c", command], cwd=self.home, env=self.environment, start_new_session=True,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            output = process.communicate(timeout=limit)[0].decode(errors="replace")
+        except subprocess.TimeoutExpired:
+            raise Failure(f"not done in {limit} seconds: {command}") from None
+        finally:
+            if process.poll() is None:  # with all that it has started, also where the walk itself is ended
+                os.killpg(process.pid, signal.SIGKILL)
+                process.communicate()
+        if process.returncode != 0:
             shown(output)
-            raise Failure(f"exit status {result.returncode}: {command}")
+            raise Failure(f"exit status {process.returncode}: {command}")
         lines = output.splitlines()
         shown("\n".join(lines if len(lines) <= 12 else ["..."] + lines[-10:]))
         return output
@@ -170,6 +180,9 @@ class Walk:
                 signal.alarm(0)
                 if wanted is not None:
                     self.ports[wanted] = listening.group(1).decode()
+                # What it says from now on nobody asks for, but it must not wait for somebody who reads it.
+                self.reader = threading.Thread(target=self.server.stdout.readlines, daemon=True)
+                self.reader.start()
                 return
         signal.alarm(0)
         raise Failure(f"the server doesn't start: {command}")
@@ -178,8 +191,10 @@ class Walk:
         if self.server is not None:
             self.server.kill()
             self.server.wait()
+            if self.reader is not None:
+                self.reader.join()
             self.server.stdout.close()
-            self.server = None
+            self.server = self.reader = None
 
     # A user has a place of his own where the readme has one of the system's.
     def in_own_places(self, command):
@@ -276,6 +291,8 @@ class Walk:
             if row:
                 bases.append(self.home / row.group(1))  # what is told of a folder is in it
             for span in code_spans(line):
+                if span.startswith("/path/to/") and not os.path.exists(self.in_own_places(span)):
+                    yield f"installed {span}"
                 is_path = re.fullmatch(r"[\w.-]+(/[\w.-]+)*/?", span) and ("/" in span or span.endswith(".h"))
                 if is_path and not any((base / span).exists() for base in bases):
                     yield f"path {span}"

@@ -2,7 +2,8 @@
 """Holds the library and its public headers against the lists of abi/, and renews the lists.
 
     abi.py check [LIST...]    names every line that is gone, changed or new; fails if there is one
-    abi.py write [LIST...]    the same, and writes the lists; `./dev abi` runs this
+    abi.py write [LIST...]    the same, and writes the lists; `./dev abi` runs this. It fails only over what it
+                              can't write: names that belong in exports.list, or must not be
 
 Nothing that is looked at is found by a name that somebody has to add here: the symbols are those of the built
 library, functions come from the compiler's own report of declarations, records and enumerators from its debug
@@ -42,8 +43,11 @@ class Trouble(Exception):
 
 def run(*words, cwd=None):
     words = [str(word) for word in words]
-    done = subprocess.run(words, cwd=cwd, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
-                          env={**os.environ, "LC_ALL": "C"})
+    try:
+        done = subprocess.run(words, cwd=cwd, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
+                              env={**os.environ, "LC_ALL": "C"})
+    except OSError as error:  # most likely it isn't installed
+        raise Trouble(f"{words[0]}: {error.strerror}\n") from None
     if done.returncode != 0:
         raise Trouble(f"{' '.join(words)}\n{done.stderr}")
     return done.stdout
@@ -358,6 +362,10 @@ def records(options):
 
 # The lists.
 
+# How a difference reads in a check, and where the lists are renewed: what breaks programs stands out there.
+CHECKED = {"changed": "changed: ", "gone": "missing: ", "new": "too many: "}
+WRITTEN = {"changed": "CHANGED: ", "gone": "GONE: ", "new": "new: "}
+
 
 def list_path(name, options):
     return options.lists / f"{name}.list"
@@ -379,7 +387,7 @@ def key(line):
 
 
 def differences(name, lines, options):
-    """A text for each line that the list has and the library or the headers haven't, and the reverse."""
+    """(kind, line) for each line that the list has and the library or the headers haven't, and the reverse."""
     listed = read_list(name, options)
     gone = [line for line in listed if line not in set(lines)]
     new = [line for line in lines if line not in set(listed)]
@@ -387,13 +395,13 @@ def differences(name, lines, options):
         other = [candidate for candidate in new if key(candidate) == key(line)]
         if len(other) == 1:
             new.remove(other[0])
-            yield f"{name}.list: changed: {line}  ->  {other[0][len(key(line)):].strip()}"
+            yield "changed", f"{line}  ->  {other[0][len(key(line)):].strip()}"
         else:
-            yield f"{name}.list: missing: {line}"
+            yield "gone", line
     for line in new:
-        yield f"{name}.list: too many: {line}"
+        yield "new", line
     if not gone and not new and listed != lines:
-        yield f"{name}.list: isn't sorted, or holds a line twice"
+        yield "order", "isn't sorted, or holds a line twice"
 
 
 COLLECT = {"exports": exported_names, "variables": variables, "functions": functions, "constants": constants,
@@ -404,9 +412,12 @@ BEYOND = {"exports": odd_symbols, "functions": unlisted_declarations}  # what no
 def compare(name, options):
     lines = COLLECT[name](options)
     lines = lines if name == "records" else sorted(lines)
-    complaints = list(differences(name, lines, options))
-    if options.action == "write" and name in HEADINGS:
+    found = list(differences(name, lines, options))
+    writes = options.action == "write" and name in HEADINGS
+    if writes:
         list_path(name, options).write_text(list_text(name, lines), encoding="utf-8")
+    words = WRITTEN if writes else CHECKED
+    complaints = [(kind, f"{name}.list: {words.get(kind, '')}{text}") for kind, text in found]
     return complaints, [f"{name}: {text}" for text in BEYOND.get(name, lambda _: [])(options)]
 
 
@@ -441,14 +452,16 @@ def main():
     except Trouble as trouble:
         print(f"abi: {trouble}", end="")
         return 1
-    for line in differing + wrong:
+    for line in [line for _, line in differing] + wrong:
         print(line)
     if options.action == "write":
         # The list of exports is what the build goes by: whoever adds a function writes its name there.
-        wrong += [line for line in differing if line.startswith("exports.")]
-        if any(": missing: " in line or ": changed: " in line for line in differing):
-            print("abi: what is missing or changed breaks programs that are built already")
-        print(f"abi: {len(differing)} differences")
+        wrong += [line for _, line in differing if line.startswith("exports.")]
+        breaks = sum(kind in ("gone", "changed") for kind, _ in differing)
+        if breaks:
+            print(f"abi: {breaks} lines went or changed, which breaks programs that are built already; undo it, unless "
+                  "no program can have used them")
+        print(f"abi: {len(differing) or 'no'} differences")
         return 1 if wrong else 0
     print(f"abi: {len(differing) + len(wrong) or 'nothing'} wrong")
     return 1 if differing or wrong else 0
