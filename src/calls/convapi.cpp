@@ -64,8 +64,8 @@ int _vorn_send_discon(int cd, wthr_var *block)
 int end_conversation(int index, wthr_var *block)
 {
     int32_t generation = block->conv_generation;
-    int cd = block->conv[index].cd;
-    int sent = cd == CONV_UNNAMED ? 1 : _vorn_send_discon(cd, block);  // the server knows it by its descriptor
+    int cd = block->conv[index].cd;  // the server knows it by nothing else
+    int sent = cd == CONV_UNNAMED ? 1 : _vorn_send_discon(cd, block);
     release_row(index, generation, block);
     return sent;
 }
@@ -196,8 +196,8 @@ static int await_connection(int index, int32_t generation, long flags, wthr_var 
         return -1;
     }
     // A conversation with the previous server is over as soon as the session has moved.
-    bool accepted = reply->msgtype == MSG_TPCONNECT + REPLY && reply->cd >= 0 &&
-                    reply->target == block->conv_generation;
+    bool accepted =
+        reply->msgtype == MSG_TPCONNECT + REPLY && reply->cd >= 0 && reply->target == block->conv_generation;
     int code = accepted ? 0 : (int)reply->flags, cd = reply->cd;
     free(reply);
     if (!accepted) {

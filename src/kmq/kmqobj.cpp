@@ -70,7 +70,7 @@ static msg_header *object_request(const kmq_session *session, int32_t msgtype, u
     request->flags = flags;
     request->bufsize = request->datalen = (int32_t)length;
     if (selector != nullptr)
-        memcpy(message_data(request) + offsetof(object_names, selector), selector, selector_length);
+        memcpy(message_data(request) + offsetof(object_names, selector), selector, selector_length + 1);
     return request;
 }
 

@@ -97,10 +97,11 @@ bool api_begin(api_frame *frame, const api_text *text)
 static constexpr api_text TPSETCTXT = API_TEXT("tpsetctxt", "(%d, %d)");
 static constexpr api_text TPGETCTXT = API_TEXT("tpgetctxt", "(%#x, %d)");
 
-// Takes the thread off its context; its row keeps its place. Expects the table lock.
+// Takes the thread off its context, whose block is null if it was never made; its row keeps its place. Expects the
+// table lock.
 static void detach_row(wthr_elem *row, wthr_var *block)
 {
-    if (block->thread_refs > 0)
+    if (block != nullptr && block->thread_refs > 0)
         block->thread_refs--;  // written under the table lock only
     if (row->ctxt_index >= 0)
         _ctxt[row->ctxt_index].owner = -1;
