@@ -101,6 +101,5 @@ void enciphered(const settings &chosen, placement where)
         compare_ciphered(chosen, where, peer, SIZES[i], &others[i]);
         stop_apart(&others[i]);
     }
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }

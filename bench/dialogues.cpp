@@ -39,11 +39,7 @@ static trip turn_trip(int cd, size_t size)
 
 void turns(const settings &chosen, placement where)
 {
-    place_server(where);
-    server peer = start_responder();
-    place_client(where);
-    point_library_at(peer);
-    open_session(0);
+    server peer = begin_trips(where);
     int cd = open_conversation();
     print_trip_columns();
     for (size_t size : SIZES) {
@@ -57,8 +53,7 @@ void turns(const settings &chosen, placement where)
     }
     if (tpdiscon(cd) < 0)
         give_up("tpdiscon: %s", tpstrerror(tperrno));
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }
 
 static trip twice(const trip &once)
@@ -98,11 +93,7 @@ static trip untimed_trip(size_t size)
 
 void transactions(const settings &chosen, placement where)
 {
-    place_server(where);
-    server peer = start_responder();
-    place_client(where);
-    point_library_at(peer);
-    open_session(0);
+    server peer = begin_trips(where);
     print_trip_columns();
     for (size_t size : SIZES) {
         trip bare = bare_trip(peer, size), call = call_trip(size);
@@ -120,6 +111,5 @@ void transactions(const settings &chosen, placement where)
         print_trip_row(of_size(size, "a transaction without a time limit"), results[4], &results[0]);
         print_trip_row(of_size(size, "a transaction, beside two tpcalls"), results[3], &results[2]);
     }
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }

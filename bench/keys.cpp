@@ -39,11 +39,7 @@ static trip get_trip(store_get *get, size_t size)
 
 void keys(const settings &chosen, placement where)
 {
-    place_server(where);
-    server peer = start_responder();
-    place_client(where);
-    point_library_at(peer);
-    open_session(0);
+    server peer = begin_trips(where);
     print_trip_columns();
     for (size_t size : SIZES) {
         std::string of_size = size == 4 ? "4 bytes, " : "1 KiB, ";
@@ -61,6 +57,5 @@ void keys(const settings &chosen, placement where)
         print_trip_row(of_size + "vorn_gq_put", results[4], &results[0]);
         print_trip_row(of_size + "vorn_gq_get", results[5], &results[0]);
     }
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }

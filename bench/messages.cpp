@@ -114,16 +114,11 @@ static void compare_trips(const settings &chosen, const server &peer, size_t siz
 
 void messages(const settings &chosen, placement where)
 {
-    place_server(where);
-    server peer = start_responder();
-    place_client(where);
-    point_library_at(peer);
-    open_session(0);
+    server peer = begin_trips(where);
     print_trip_columns();
     for (size_t size : SIZES)
         compare_trips(chosen, peer, size);
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }
 
 // --- Properties.

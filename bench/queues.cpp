@@ -49,11 +49,7 @@ static trip answered_trip(size_t size)
 
 void queues(const settings &chosen, placement where)
 {
-    place_server(where);
-    server peer = start_responder();
-    place_client(where);
-    point_library_at(peer);
-    open_session(0);
+    server peer = begin_trips(where);
     print_trip_columns();
     for (size_t size : SIZES) {
         auto results = alternate({{"bare", bare_trip(peer, size)},
@@ -68,8 +64,7 @@ void queues(const settings &chosen, placement where)
         print_trip_row(of_size(size, "tpdeq of a message"), results[3], &results[0]);
         print_trip_row(of_size(size, "tpenq, and tpdeq of its answer"), results[4], &results[0]);
     }
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }
 
 // --- Multicasts.
@@ -102,11 +97,7 @@ void multicasts(const settings &chosen, placement where)
     constexpr size_t SIZE = 4;
     print_trip_columns();
     for (uint32_t window : WINDOWS) {
-        place_server(where);
-        server peer = start_responder(window);
-        place_client(where);
-        point_library_at(peer);
-        open_session(0);
+        server peer = begin_trips(where, 0, window);
         auto results = alternate({{"bare", times_groups(bare_trip(peer, SIZE))},
                                   {"calls", times_groups(call_trip(SIZE))},
                                   {"multicast", multicast_trip(SIZE)}},
@@ -114,7 +105,6 @@ void multicasts(const settings &chosen, placement where)
         print_trip_row("100 bare ping-pongs", results[0], nullptr);
         print_trip_row("100 tpcalls", results[1], &results[0]);
         print_trip_row("tpmcallx, window of " + std::to_string(window), results[2], &results[0]);
-        tpend();
-        stop_server(&peer);
+        end_trips(&peer);
     }
 }

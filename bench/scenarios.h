@@ -40,6 +40,10 @@ void texts(const settings &chosen, placement where);
 
 // Steps that they share. All of them end the program on an error.
 void open_session(long flags);
+// A responder where it belongs, which lets so many requests stand, this thread where the client belongs, and a
+// session between the two; and their end.
+server begin_trips(placement where, long flags = 0, uint32_t outstanding = 256);
+void end_trips(server *peer);
 char *new_carray(size_t size);
 
 // One call of ECHO; `data` is sent, `reply` receives.

@@ -34,11 +34,7 @@ static void leave_context(int)
 
 void threads(const settings &chosen, placement where)
 {
-    place_server(where);
-    server peer = start_responder();
-    place_client(where);
-    point_library_at(peer);
-    open_session(TPMULTICONTEXTS);
+    server peer = begin_trips(where, TPMULTICONTEXTS);
     int context = 0;
     if (tpgetctxt(&context, 0) < 0)
         give_up("tpgetctxt: %s", tpstrerror(tperrno));
@@ -55,6 +51,5 @@ void threads(const settings &chosen, placement where)
         print_trip_row(name + "tpcall, one connection", results[2], &results[0],
                        count == 16 && where != placement::two_cores ? SHARED_AIM : 0);
     }
-    tpend();
-    stop_server(&peer);
+    end_trips(&peer);
 }

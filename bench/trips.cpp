@@ -25,6 +25,22 @@ void open_session(long flags)
     tpfree((char *)start);
 }
 
+server begin_trips(placement where, long flags, uint32_t outstanding)
+{
+    place_server(where);
+    server peer = start_responder(outstanding);
+    place_client(where);
+    point_library_at(peer);
+    open_session(flags);
+    return peer;
+}
+
+void end_trips(server *peer)
+{
+    tpend();
+    stop_server(peer);
+}
+
 char *new_carray(size_t size)
 {
     char *buffer = tpalloc((char *)"CARRAY", nullptr, (long)size);

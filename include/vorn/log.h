@@ -32,8 +32,8 @@ int userlog2(const char *data, int length);
 /* Closes the local file (the next line opens it again), or has the server write out its own. 1 or -1. */
 int ulogsync(void);
 
-/* For a program that hosts the library and decides itself what is said where. The library reads these words at each
- * line of its error log and never writes them. */
+/* For a program that hosts the library and decides itself what is said where. The library reads these words at
+ * each line of its error log and never writes them. */
 extern int _vorn_init_phase; /* at first 7; VORN_ERR_MSG silences the log only above 6 */
 extern int _daemon;          /* at first 0; with another value no line is written at all */
 extern int tlog_use;         /* at first 0; not 0, with dlogid 0 or more, no line goes to the console */

@@ -134,15 +134,15 @@ static value_found put_field(field_text *out, int key, int nth)
     return VALUE_PRESENT;
 }
 
-// Whether later rows need not ask again. To a file an occurrence that can't be had ends its column; otherwise only
-// one that isn't there does.
+// Whether later rows need not ask again. To a file an occurrence that can't be had ends its column; otherwise
+// only one that isn't there does.
 static bool ends_column(const field_text *out, value_found value)
 {
     return value == VALUE_ABSENT && (out->room != 0 || getfberror() == FBENOENT);
 }
 
-// Writes row `nth` of the columns from `column` to the one in front of `end`, or nothing if none has a value: the
-// tabs of a row wait for the next value, so that the area's last bytes are those of its text.
+// Writes row `nth` of the columns from `column` to the one in front of `end`, or nothing if none has a value:
+// the tabs of a row wait for the next value, so that the area's last bytes are those of its text.
 static value_found put_row(field_text *out, form_column *column, const form_column *end, int nth)
 {
     int64_t begin = out->length, tabs = 0;

@@ -97,8 +97,8 @@ bool api_begin(api_frame *frame, const api_text *text)
 static constexpr api_text TPSETCTXT = API_TEXT("tpsetctxt", "(%d, %d)");
 static constexpr api_text TPGETCTXT = API_TEXT("tpgetctxt", "(%#x, %d)");
 
-// Takes the thread off its context, whose block is null if it was never made; its row keeps its place. Expects the
-// table lock.
+// Takes the thread off its context, whose block is null if it was never made; its row keeps its place.
+// Expects the table lock.
 static void detach_row(wthr_elem *row, wthr_var *block)
 {
     if (block != nullptr && block->thread_refs > 0)

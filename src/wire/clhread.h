@@ -48,9 +48,9 @@ void free_reader_role(wthr_var *block);
 // outside of rolling starts.
 void end_old_socket_if_done(bool is_reader, wthr_var *block);
 
-// The request to which `reply` would be the answer has gone out over the current socket now. `is_awaited` tells
-// whether its thread waits for that, or will; `want` is what the reader itself awaits, or null. For the reader;
-// takes msg_mutex.
+// The request to which `reply` would be the answer has gone out over the current socket now. `is_awaited`
+// tells whether its thread waits for that, or will; `want` is what the reader itself awaits, or null. For the
+// reader; takes msg_mutex.
 void note_sent_again(const msg_header *reply, bool is_awaited, msg_header *want, wthr_var *block);
 
 // Ends the waits for conversations whose table a move has replaced: TPEBADDESC. Expects msg_mutex. The reader

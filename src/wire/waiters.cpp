@@ -191,10 +191,14 @@ int socket_of_request(msg_header *want, int fd, wthr_var *block)
 
 void forget_sent_again(wthr_var *block)
 {
-    while (block->sent_again_head != nullptr) {
-        sent_again *note = block->sent_again_head;
-        block->sent_again_head = note->next;
+    _thread_mutex_lock(&block->msg_mutex);
+    sent_again *note = block->sent_again_head;
+    block->sent_again_head = nullptr;
+    _thread_mutex_unlock(&block->msg_mutex);
+    while (note != nullptr) {
+        sent_again *next = note->next;
         free(note);
+        note = next;
     }
 }
 

@@ -40,10 +40,11 @@ read_waiter *give_message(msg_header *message, wthr_var *block);  // whom the me
 read_waiter *give_role(wthr_var *block);                          // who has waited longest; null: nobody
 void post_given(read_waiter *waiter);
 
-// For a thread that begins to wait, having sent on `fd`: the socket on which its request has gone out last. Expects
-// msg_mutex; costs a look at one word if nothing has been sent again.
+// For a thread that begins to wait, having sent on `fd`: the socket on which its request has gone out last.
+// Costs a look at one word if nothing has been sent again.
 int socket_of_request(msg_header *want, int fd, wthr_var *block);
-void forget_sent_again(wthr_var *block);  // at the end of the session, whose threads wait no more
+
+void forget_sent_again(wthr_var *block);  // at the end of the session; takes msg_mutex
 
 void count_again(wthr_var *block);  // takes msg_mutex
 

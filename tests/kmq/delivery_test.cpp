@@ -24,6 +24,31 @@ struct Delivery : KmqTest {
     {
         return open_both([&] { return open_session(0, ackmode); });
     }
+    // Makes ever later allocations of the call fail, until none does or the connection has gone. Each failure is
+    // told; the peer awaits a tpcall at the end.
+    void try_with_less_memory(const std::function<void()> &prepare, const std::function<int()> &attempt,
+                              const std::function<void(int)> &check)
+    {
+        int failures = 0;
+        for (int nth = 1; nth < 60; nth++) {
+            prepare();
+            faults::fail_allocation(nth);
+            int result = attempt();
+            bool failed = faults::allocation_failed();
+            faults::disarm_allocations();
+            EXPECT_EQ(result == 1, gettperrno() == 0);
+            check(result);
+            set_tperrno(0);
+            failures += failed;
+            if (!failed || block()->clhfd < 0)
+                break;
+        }
+        EXPECT_GE(failures, 3);
+        if (block()->clhfd >= 0)
+            call(TPNOTRAN);
+        else
+            peer.hang_up();
+    }
     bool open_xa(void)
     {
         return open_both([&] { return open_xa_session(); });
@@ -578,25 +603,11 @@ TEST_F(Delivery, MemoryThatIsShortIsToldBySends)
             peer.reply_to(request, wire::body("changed"), {.buftype = wire::FIELD});
         peer.reply();
     });
-    int failures = 0;
-    for (int nth = 1; nth < 60; nth++) {
-        faults::fail_allocation(nth);
-        int result = send(0, TPNOTRAN);
-        bool failed = faults::allocation_failed();
-        faults::disarm_allocations();
-        EXPECT_EQ(result == 1, gettperrno() == 0);
-        std::string body = body_of(msg);
-        EXPECT_TRUE(body == "hello" || body == "changed") << body;
-        set_tperrno(0);
-        failures += failed;
-        if (!failed || block()->clhfd < 0)
-            break;
-    }
-    EXPECT_GE(failures, 3);
-    if (block()->clhfd >= 0)
-        call(TPNOTRAN);
-    else
-        peer.hang_up();
+    try_with_less_memory([] {}, [&] { return send(0, TPNOTRAN); },
+                         [&](int) {
+                             std::string body = body_of(msg);
+                             EXPECT_TRUE(body == "hello" || body == "changed") << body;
+                         });
 }
 
 TEST_F(Delivery, MemoryThatIsShortIsToldByReceives)
@@ -609,26 +620,15 @@ TEST_F(Delivery, MemoryThatIsShortIsToldByReceives)
                 peer.send(delivery(std::string(3000, 'l')));
         peer.reply();
     });
-    int failures = 0;
-    for (int nth = 1; nth < 60; nth++) {
-        new_msg(100);
-        consumer->state = 0;
-        faults::fail_allocation(nth);
-        int result = receive(20, TPNOTRAN);
-        bool failed = faults::allocation_failed();
-        faults::disarm_allocations();
-        EXPECT_EQ(result == 1, gettperrno() == 0);
-        if (result == 1) {
-            EXPECT_EQ(body_of(msg), std::string(3000, 'l'));
-        }
-        set_tperrno(0);
-        failures += failed;
-        if (!failed || block()->clhfd < 0)
-            break;
-    }
-    EXPECT_GE(failures, 3);
-    if (block()->clhfd >= 0)
-        call(TPNOTRAN);
-    else
-        peer.hang_up();
+    try_with_less_memory(
+        [&] {
+            new_msg(100);
+            consumer->state = 0;
+        },
+        [&] { return receive(20, TPNOTRAN); },
+        [&](int result) {
+            if (result == 1) {
+                EXPECT_EQ(body_of(msg), std::string(3000, 'l'));
+            }
+        });
 }

@@ -184,6 +184,26 @@ struct RollingThreads : Moving {
         });
     }
 
+    // One thread reads, awaiting "one"; another has sent "two", and goes to wait when it may. "two" has been given
+    // back meanwhile, and sent to the backup.
+    struct overtaken {
+        std::unique_ptr<client> reader, late;
+        wire::frame first, again;
+    };
+    overtaken give_back_late_call(const std::atomic<bool> *go)
+    {
+        overtaken calls;
+        calls.reader = begin_call("one");
+        calls.first = peer.expect(wire::TPACALL);
+        EXPECT_TRUE(reading_with_waiters(0));
+        calls.late = begin_late_call(go);
+        wire::frame second = peer.expect(wire::TPACALL);
+        give_back(peer, second);
+        backup.accept_start();
+        calls.again = backup.expect(wire::TPACALL);
+        return calls;
+    }
+
     bool reading_with_waiters(int least)
     {
         return faults::eventually([&] {
@@ -470,39 +490,25 @@ TEST_F(RollingThreads, CallOfAThreadThatWaitsIsGivenBackToTheReader)
 TEST_F(RollingThreads, CallSentAgainForAThreadOnItsWayOutlivesThePreviousConnection)
 {
     ASSERT_TRUE(open());
-    auto reader = begin_call("one");
-    peer.expect(wire::TPACALL);
-    ASSERT_TRUE(reading_with_waiters(0));
     std::atomic<bool> go{false};
-    auto late = begin_late_call(&go);
-    wire::frame second = peer.expect(wire::TPACALL);
-    give_back(peer, second);
-    backup.accept_start();
-    wire::frame again = backup.expect(wire::TPACALL);
+    overtaken calls = give_back_late_call(&go);
     go = true;
     ASSERT_TRUE(reading_with_waiters(1));
     peer.hang_up();
-    EXPECT_EQ(reader->task.get(), -1);
-    EXPECT_EQ(reader->out.error, TPECLOSE);  // its answer never comes
-    backup.reply_to(again, answer_to(again));
-    EXPECT_EQ(late->task.get(), 1) << late->out.error;
-    EXPECT_EQ(late->out.data, "answer to two");
+    EXPECT_EQ(calls.reader->task.get(), -1);
+    EXPECT_EQ(calls.reader->out.error, TPECLOSE);  // its answer never comes
+    backup.reply_to(calls.again, answer_to(calls.again));
+    EXPECT_EQ(calls.late->task.get(), 1) << calls.late->out.error;
+    EXPECT_EQ(calls.late->out.data, "answer to two");
     expect_idle(true);
 }
 
 TEST_F(RollingThreads, CallOfAThreadOnItsWayIsGivenBackToTheReader)
 {
     ASSERT_TRUE(open());
-    auto reader = begin_call("one");
-    wire::frame first = peer.expect(wire::TPACALL);
-    ASSERT_TRUE(reading_with_waiters(0));
     std::atomic<bool> go{false};
-    auto late = begin_late_call(&go);
-    wire::frame second = peer.expect(wire::TPACALL);
-    give_back(peer, second);
-    backup.accept_start();
-    wire::frame again = backup.expect(wire::TPACALL);
-    backup.reply_to(again, answer_to(again));
+    overtaken calls = give_back_late_call(&go);
+    backup.reply_to(calls.again, answer_to(calls.again));
     // The reader holds the answer out to the one that is on its way.
     EXPECT_TRUE(faults::eventually([&] {
         pthread_mutex_lock(&shared->msg_mutex);
@@ -511,10 +517,10 @@ TEST_F(RollingThreads, CallOfAThreadOnItsWayIsGivenBackToTheReader)
         return offered;
     }));
     go = true;
-    EXPECT_EQ(late->task.get(), 1);
-    EXPECT_EQ(late->out.data, "answer to two");
-    peer.reply_to(first, answer_to(first));
-    EXPECT_EQ(reader->task.get(), 1);
+    EXPECT_EQ(calls.late->task.get(), 1);
+    EXPECT_EQ(calls.late->out.data, "answer to two");
+    peer.reply_to(calls.first, answer_to(calls.first));
+    EXPECT_EQ(calls.reader->task.get(), 1);
     left(peer);
     expect_idle(true);
 }
